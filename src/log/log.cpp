@@ -1,0 +1,164 @@
+#include "log/log.h"
+
+#include <psapi.h>
+#include <windows.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <fstream>
+#include <vector>
+
+#include "util/utils.h"
+
+std::mutex* g_logMutex = nullptr;
+
+namespace {
+
+const char* tagOf(int32_t level) {
+    switch (level) {
+        case LOG_LEVEL_EXCEPTION:
+            return "EXCEP ::=>";
+        case LOG_LEVEL_ERROR:
+            return "ERROR ::=>";
+        case LOG_LEVEL_DEBUG:
+            return "DEBUG ::=>";
+        default:
+            return "INFO  ::=>";
+    }
+}
+
+// Bounded append into a fixed buffer, as strncat with the room that is left.
+void appendBounded(char* buffer, size_t size, const char* text) {
+    size_t used = std::strlen(buffer);
+    if (used + 1 >= size)
+        return;
+    std::strncat(buffer, text, size - used - 1);
+}
+
+}  // namespace
+
+int getLogLevel() {
+    unsigned char data[32];
+    std::memset(data, 0, sizeof data);
+    DWORD size = sizeof data;
+    LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Quorvik Labs\\Calyth", "logLevel",
+                                  RRF_RT_ANY, nullptr, data, &size);
+    if (status != ERROR_SUCCESS) {
+        return LOG_LEVEL_ERROR;
+    }
+    // Only the first byte counts, read as a signed byte: a REG_DWORD 259 reads as 3 and a
+    // REG_SZ "3" as 51 (so the default), a first byte 0xFF as -1.
+    int level = static_cast<signed char>(data[0]);
+    return level <= LOG_LEVEL_DEBUG ? level : LOG_LEVEL_ERROR;
+}
+
+int getLogBaseFolderPath(char* buffer) {
+    try {
+        std::memset(buffer, 0, 1024);
+        GetTempPathA(1024, buffer);
+        DWORD attributes = GetFileAttributesA(buffer);
+        if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+            return 0;
+        }
+        std::memset(buffer, 0, 1024);
+        return -1;
+    } catch (const std::exception& e) {
+        std::printf("Exception in getLogBaseFolderPath(): %s\n", e.what());
+        return -1;
+    }
+}
+
+std::string getProcessName() {
+    char name[1024];
+    std::memset(name, 0, sizeof name);
+    try {
+        if (K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, name, sizeof name) != 0) {
+            Utils utils;
+            std::vector<std::string> pieces = utils.split(name, ".");
+            if (!pieces.empty()) {
+                return pieces.front();
+            }
+        }
+    } catch (const std::exception& e) {
+        std::printf("Exception in getProcessName(): %s\n", e.what());
+    }
+    return name;
+}
+
+int createLogFolder(const char* path) {
+    try {
+        char buffer[1024];
+        std::snprintf(buffer, sizeof buffer, "%s", path);
+        // Stops after the first folder it actually creates: on a fresh machine the first log
+        // call makes only "Quorvik Labs", the second the process folder, and lines are written
+        // from the third call on. Existing folders make CreateDirectoryA fail and the walk go on.
+        for (size_t i = 1; buffer[i] != '\0'; ++i) {
+            if (buffer[i] != '/')
+                continue;
+            buffer[i] = '\0';
+            if (CreateDirectoryA(buffer, nullptr)) {
+                return -1;
+            }
+            buffer[i] = '/';
+        }
+        return CreateDirectoryA(buffer, nullptr);
+    } catch (const std::exception& e) {
+        std::printf("Exception in Create Log Folder: %s\n", e.what());
+        return -1;
+    }
+}
+
+void writeLog(int32_t level, const std::string& message) {
+    try {
+        char path[1024];
+        std::memset(path, 0, sizeof path);
+        if (getLogBaseFolderPath(path) != 0) {
+            std::printf("\nUnable to getLogBaseFolderPath");
+        }
+        appendBounded(path, sizeof path, "/Quorvik Labs/");
+        appendBounded(path, sizeof path, getProcessName().c_str());
+        appendBounded(path, sizeof path, "/");
+        createLogFolder(path);
+
+        char date[64];
+        std::time_t now = std::time(nullptr);
+        std::strftime(date, sizeof date, "%Y-%m-%d", std::localtime(&now));
+        appendBounded(path, sizeof path, date);
+        appendBounded(path, sizeof path, ".LOG");
+
+        if (g_logMutex)
+            g_logMutex->lock();
+        std::ofstream file(path, std::ios::app | std::ios::binary);
+        if (!file.good()) {
+            std::printf("\nUnable to write log");
+        } else {
+            SYSTEMTIME t;
+            GetLocalTime(&t);
+            char stamp[64];
+            std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ", t.wDay, t.wMonth, t.wHour,
+                          t.wMinute, t.wSecond, t.wMilliseconds);
+            std::string line = std::string(stamp) + "->" + tagOf(level) + message + "\n";
+            file.write(line.data(), static_cast<std::streamsize>(line.size()));
+            file.flush();
+        }
+        file.close();
+        if (g_logMutex)
+            g_logMutex->unlock();
+    } catch (const std::exception& e) {
+        std::printf("Exception in write log : %s\n", e.what());
+    }
+}
+
+void logDebug(std::string message) {
+    if (getLogLevel() >= LOG_LEVEL_DEBUG) {
+        writeLog(LOG_LEVEL_DEBUG, message);
+    }
+}
+
+void logError(std::string message) {
+    if (getLogLevel() >= LOG_LEVEL_ERROR) {
+        writeLog(LOG_LEVEL_ERROR, message);
+    }
+}

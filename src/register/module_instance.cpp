@@ -1,0 +1,3 @@
+#include "register/module_instance.h"
+
+HINSTANCE g_moduleInstance = nullptr;

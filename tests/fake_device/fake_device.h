@@ -1,0 +1,116 @@
+// A scriptable stand-in for the device library, linked into unit-test programs in place of
+// CalythDSCLibrary.dll so that every path of the provider, failures included, can be reached.
+//
+// - State: tokens by serial (connected or not, init result, TokenInfo, PIN and attempts, key pairs,
+//   AES keys, certificates), listed in the order they were added.
+// - Every call is recorded with its arguments rendered as text (see Call).
+// - failNext(function, result, times) makes the next calls of a function return that result
+//   without doing anything else.
+// - Hooks replace the default behaviour of a function for one test.
+// - Default behaviours are simple and deterministic (see fake_device.cpp): hashing is real SHA,
+//   "encryption" is reversible byte arithmetic, signatures are a recognisable byte pattern.
+// All functions are thread-safe (the provider's device monitor calls from its own thread).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "token/device_library.h"
+
+namespace fake {
+
+struct Call {
+    std::string function;           // e.g. "calyth_signHash"
+    std::string serial;             // the serial argument, "" where the function takes none
+    std::vector<std::string> args;  // the other arguments, in order: decimal numbers, "true"/"false",
+                                    // upper-case hex for byte buffers, "null" for null pointers
+};
+
+struct Token {
+    bool connected = true;
+    int initResult = 0;  // answer of calyth_initDevice
+    TokenInfo info{};    // label "FAKE-TOKEN", firmware "2.1.0", no SSO
+    std::string pin = "1234";
+    int attemptsLeft = 10;  // counted down by wrong PINs, reset by the right one
+    int maxAttempts = 10;
+    bool timeMismatch = false;  // calyth_validatePassword answers 48
+    std::vector<CalythKeyPair> keyPairs;
+    std::vector<CalythSymmetricKey> aesKeys;
+    std::vector<CalythCertificate> certificates;
+};
+
+struct Hooks {
+    std::function<int(const char* serial, const char* pin, int* attemptsLeft)> validatePassword;
+    std::function<int(const char* serial, const unsigned char* keyId, const char* pin,
+                      const unsigned char* digest, int digestLength, unsigned char* signature,
+                      int* signatureLength, bool tokenFlag, bool usePss)>
+        signHash;
+    std::function<int(unsigned int code, const unsigned char* digest, int digestLength,
+                      const unsigned char* publicKey, int publicKeyLength, const unsigned char* signature,
+                      int signatureLength, bool usePss)>
+        verifySignatureHash;
+    std::function<int(EncryptionType type, PaddingMode padding, const unsigned char* data, int dataLength,
+                      unsigned char* output, int* outputLength, const unsigned char* publicKey,
+                      int publicKeyLength)>
+        encrypt;
+    std::function<int(const char* serial, const unsigned char* keyId, const char* pin,
+                      const unsigned char* data, int dataLength, unsigned char** output, int* outputLength,
+                      bool tokenFlag)>
+        decrypt;
+    std::function<int(const char* serial, const unsigned char* peer, int peerLength, unsigned char** secret,
+                      int* secretLength)>
+        ecdhDerive;
+    std::function<int(const char* serial, const char* pin, CalythKeyPair* keyPair)> generateKeyPair;
+    std::function<int(const char* serial, int length, unsigned char* output, bool useSoftware)> random;
+};
+
+// Resets everything: no tokens, no calls, no forced results, no hooks, no registered files or
+// certificate details.
+void reset();
+
+// Adds a connected token (label "FAKE-TOKEN", firmware "2.1.0") and returns it for changes.
+// Tokens are listed by calyth_getConnectedDeviceList in the order they were added.
+Token& addToken(const std::string& serial);
+// The token with that serial (added if missing). Change it only while the provider is not calling.
+Token& token(const std::string& serial);
+void setConnected(const std::string& serial, bool connected);
+// Single sign-on: label non-empty, userLoggedIn and ssoValid set (or cleared).
+void setSingleSignOn(const std::string& serial, bool active);
+
+// A key pair record: identifier from 32 hex characters, RSA modulus of `bits` bits (first byte
+// 0xC1, so it is not DER) for codes 1-4, an EC point 04||X||Y for codes 5-7.
+CalythKeyPair makeKeyPair(const std::string& keyIdHex, int32_t usage, int32_t keySizeCode,
+                          const std::string& label = "");
+CalythKeyPair& addKeyPair(const std::string& serial, const CalythKeyPair& keyPair);
+
+// Certificates: calyth_getCertificateDetails answers the details registered for exactly these DER
+// bytes and fails (result 1) for any other input.
+void registerCertificate(const std::vector<unsigned char>& der, const CertificateDetails& details);
+// What calyth_getFilesWithExtensionsAndConvertDER answers (whatever the folder).
+void setFiles(const CalythFileList& files);
+
+// The next `times` calls of `function` (e.g. "calyth_signHash") return `result` and do nothing else.
+void failNext(const std::string& function, int result, int times = 1);
+
+Hooks& hooks();
+
+std::vector<Call> calls();
+std::vector<Call> callsTo(const std::string& function);
+size_t countCalls(const std::string& function);
+// Names of all calls in order, e.g. {"calyth_init", "calyth_getConnectedDeviceList", ...}.
+std::vector<std::string> callNames();
+void clearCalls();
+
+// The byte pattern the default calyth_signHash writes: signature[i] = (i + 1) & 0xFF.
+std::vector<unsigned char> defaultSignature(int length);
+// The default calyth_encrypt writes data XOR 0xA5 (same length); calyth_decrypt undoes it.
+constexpr unsigned char kRsaFakeMask = 0xA5;
+
+std::string hex(const unsigned char* bytes, size_t length);
+std::string hex(const std::vector<unsigned char>& bytes);
+std::vector<unsigned char> unhex(const std::string& text);
+
+}  // namespace fake

@@ -1,0 +1,32 @@
+// Helpers shared by the test programs.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// Points TMP and TEMP of this process at <temp>\calyth-tests\<program>, emptied first.
+void usePrivateTempFolder();
+// The temporary folder as GetTempPathA answers it (ends in a backslash).
+std::string tempFolder();
+
+// Sets HKLM\Software\Quorvik Labs\Calyth "logLevel" as a REG_DWORD, or removes the value.
+void setLogLevel(uint32_t level);
+void removeLogLevel();
+
+// Path of today's log file of this process, and its whole content ("" when missing).
+std::string logFilePath();
+std::string readLog();
+// Lines of today's log file without the "dd/mm::hh:mm:ss:mmm-> ->TAG ::=>" prefix.
+std::vector<std::string> logMessages();
+// Empties today's log file.
+void clearLog();
+// True when some line of the log holds `text`.
+bool logContains(const std::string& text);
+
+std::vector<unsigned char> readFile(const std::string& path);
+void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
+
+}  // namespace testsupport

@@ -1,0 +1,44 @@
+#!/bin/sh
+# Starts or stops the Wine environment that the test programs run in: a Wine prefix owned by the
+# build (never the user's own), a persistent wineserver for the whole run, and an Xvfb display for
+# the tests that show windows.
+#   wine-env.sh start <prefix>    wine-env.sh stop <prefix>
+set -eu
+action=$1
+prefix=$2
+export WINEPREFIX="$prefix" WINEDEBUG=-all
+unset DISPLAY
+mkdir -p "$prefix"
+case "$action" in
+start)
+    if [ ! -f "$prefix/system.reg" ]; then
+        echo "creating Wine prefix $prefix"
+        wineboot -i >/dev/null 2>&1 || true
+        wineserver -w
+    fi
+    wineserver -p >/dev/null 2>&1 || true
+    # Debug lines by default, so that tests can read every log line of the provider.
+    wine reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f >/dev/null 2>&1
+    if [ -f "$prefix/xvfb.pid" ] && kill -0 "$(cat "$prefix/xvfb.pid")" 2>/dev/null; then
+        exit 0
+    fi
+    if command -v Xvfb >/dev/null 2>&1; then
+        for n in $(seq 90 140); do
+            if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ]; then
+                Xvfb ":$n" -screen 0 1280x1024x24 -nolisten tcp >/dev/null 2>&1 &
+                echo $! >"$prefix/xvfb.pid"
+                echo ":$n" >"$prefix/xvfb.display"
+                sleep 1
+                break
+            fi
+        done
+    fi
+    ;;
+stop)
+    if [ -f "$prefix/xvfb.pid" ]; then
+        kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
+        rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
+    fi
+    wineserver -k >/dev/null 2>&1 || true
+    ;;
+esac
