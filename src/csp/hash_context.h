@@ -3,6 +3,7 @@
 #pragma once
 
 #include <windows.h>
+
 #include <wincrypt.h>
 
 #include <cstdint>
@@ -19,8 +20,10 @@ struct HASH_CONTEXT {
     unsigned char value[64];  // cached hash value (room for SHA-512)
     unsigned char signKeyId[16];
     int32_t signKeyIdLength;
-    uint32_t valueLength;     // length calyth_finalHash reported, or set by HP_HASHVAL
-    uint32_t hashLength;      // 20, 32, 48 or 64
+    uint32_t valueLength;  // length calyth_finalHash reported, or set by HP_HASHVAL
+    uint32_t hashLength;   // 20, 32, 48 or 64
 };
 
-inline HASH_CONTEXT* hashContextFrom(HCRYPTHASH handle) { return reinterpret_cast<HASH_CONTEXT*>(handle); }
+inline HASH_CONTEXT* hashContextFrom(HCRYPTHASH handle) {
+    return reinterpret_cast<HASH_CONTEXT*>(handle);
+}

@@ -1,7 +1,8 @@
 #include "log/log.h"
 
-#include <psapi.h>
 #include <windows.h>
+
+#include <psapi.h>
 
 #include <cstdio>
 #include <cstring>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <windows.h>
+
 #include <wincrypt.h>
 
 #include <cstdint>
@@ -20,16 +21,18 @@ struct CspContext {
     bool initialized = false;       // set last by a successful CPAcquireContext
     HWND clientWindow = nullptr;    // PP_CLIENT_HWND
     uint32_t keysetType = 0;
-    uint32_t algorithmEnumIndex = 0;   // PP_ENUMALGS / PP_ENUMALGS_EX position
-    uint64_t containerEnumIndex = 0;   // PP_ENUMCONTAINERS position over keyIds
-    std::vector<std::string> keyIds;   // 32 upper-case hex characters each, library order
-    uint8_t containerQueried = 0;      // the application read the container name
-    bool silent = false;               // CRYPT_SILENT
+    uint32_t algorithmEnumIndex = 0;  // PP_ENUMALGS / PP_ENUMALGS_EX position
+    uint64_t containerEnumIndex = 0;  // PP_ENUMCONTAINERS position over keyIds
+    std::vector<std::string> keyIds;  // 32 upper-case hex characters each, library order
+    uint8_t containerQueried = 0;     // the application read the container name
+    bool silent = false;              // CRYPT_SILENT
     uint32_t reserved32 = 0;
     uint16_t reserved16 = 0;
 };
 
-inline CspContext* cspContextFrom(HCRYPTPROV handle) { return reinterpret_cast<CspContext*>(handle); }
+inline CspContext* cspContextFrom(HCRYPTPROV handle) {
+    return reinterpret_cast<CspContext*>(handle);
+}
 // True for a non-null context whose initialized flag is set.
 inline bool isUsableContext(HCRYPTPROV handle) {
     return handle != 0 && cspContextFrom(handle)->initialized;

@@ -1,7 +1,8 @@
 #include "fake_device/fake_device.h"
 
-#include <bcrypt.h>
 #include <windows.h>
+
+#include <bcrypt.h>
 
 #include <algorithm>
 #include <cstdlib>

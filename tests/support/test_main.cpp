@@ -1,7 +1,8 @@
 // Common main of the test programs: each program gets a private, empty temporary folder (so log
 // files and scratch files of one program never meet another's), then runs its tests.
-#include <gmock/gmock.h>
 #include <windows.h>
+
+#include <gmock/gmock.h>
 
 #include "support/test_support.h"
 

@@ -1,7 +1,8 @@
 #include "support/test_support.h"
 
-#include <psapi.h>
 #include <windows.h>
+
+#include <psapi.h>
 
 #include <cstdio>
 #include <ctime>
