@@ -5,10 +5,12 @@
 #include <psapi.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <vector>
 
 namespace testsupport {
 namespace {
@@ -60,6 +62,92 @@ void usePrivateTempFolder() {
     std::string withSlash = folder + "\\";
     SetEnvironmentVariableA("TMP", withSlash.c_str());
     SetEnvironmentVariableA("TEMP", withSlash.c_str());
+}
+
+std::string unixPath(const std::string& windowsPath) {
+    using WineGetUnixFileName = char*(CDECL*)(const wchar_t*);
+    auto convert = reinterpret_cast<WineGetUnixFileName>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name")));
+    if (!convert)
+        return windowsPath;
+    wchar_t wide[MAX_PATH * 4] = {};
+    MultiByteToWideChar(CP_ACP, 0, windowsPath.c_str(), -1, wide, MAX_PATH * 4);
+    char* unix = convert(wide);
+    if (!unix)
+        return windowsPath;
+    std::string out = unix;
+    HeapFree(GetProcessHeap(), 0, unix);
+    return out;
+}
+
+int runCommand(const std::string& commandLine, std::string* output) {
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0))
+        return -1;
+    SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = writeEnd;
+    startup.hStdError = writeEnd;
+    PROCESS_INFORMATION process{};
+    std::vector<char> line(commandLine.begin(), commandLine.end());
+    line.push_back('\0');
+    BOOL started =
+        CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    CloseHandle(writeEnd);
+    std::string collected;
+    if (started) {
+        char buffer[4096];
+        DWORD got = 0;
+        while (ReadFile(readEnd, buffer, sizeof buffer, &got, nullptr) && got > 0)
+            collected.append(buffer, got);
+        WaitForSingleObject(process.hProcess, INFINITE);
+    }
+    CloseHandle(readEnd);
+    if (output)
+        *output = collected;
+    if (!started)
+        return -1;
+    DWORD code = 0;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hProcess);
+    CloseHandle(process.hThread);
+    return static_cast<int>(code);
+}
+
+int runNative(const std::string& commandLine, std::string* output) {
+    // A native program started from Wine neither writes into a Windows pipe nor can be waited for
+    // through its process handle: the shell writes the output and then the exit code to files,
+    // and the exit-code file tells that the command has ended.
+    static int sequence = 0;
+    std::string base =
+        tempFolder() + "native-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++sequence);
+    std::string capture = base + ".out";
+    std::string status = base + ".rc";
+    std::string partial = base + ".rc.tmp";
+    runCommand("/bin/sh -c \"" + commandLine + " >'" + unixPath(capture) + "' 2>&1; echo $? >'" +
+               unixPath(partial) + "'; mv '" + unixPath(partial) + "' '" + unixPath(status) + "'\"");
+    for (int waited = 0; GetFileAttributesA(status.c_str()) == INVALID_FILE_ATTRIBUTES; waited += 10) {
+        if (waited > 300000)
+            return -1;
+        Sleep(10);
+    }
+    if (output) {
+        std::vector<unsigned char> bytes = readFile(capture);
+        output->assign(bytes.begin(), bytes.end());
+    }
+    std::vector<unsigned char> code = readFile(status);
+    DeleteFileA(capture.c_str());
+    DeleteFileA(status.c_str());
+    return std::atoi(std::string(code.begin(), code.end()).c_str());
+}
+
+int runOpenSsl(const std::string& arguments, std::string* output) {
+    return runNative("/usr/bin/openssl " + arguments, output);
 }
 
 void setLogLevel(uint32_t level) {

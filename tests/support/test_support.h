@@ -29,4 +29,18 @@ bool logContains(const std::string& text);
 std::vector<unsigned char> readFile(const std::string& path);
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
 
+// The Unix path of a Windows path (Wine's own mapping), for native programs such as openssl.
+std::string unixPath(const std::string& windowsPath);
+
+// Runs a Windows command line, waits for it and returns its exit code; stdout and stderr together
+// go to *output when given.
+int runCommand(const std::string& commandLine, std::string* output = nullptr);
+
+// Runs a native (Linux) command line through /bin/sh and returns its exit code, with its stdout
+// and stderr in *output. The command line must not contain double quotes.
+int runNative(const std::string& commandLine, std::string* output = nullptr);
+
+// Runs /usr/bin/openssl with the given arguments (file arguments as Unix paths, see unixPath).
+int runOpenSsl(const std::string& arguments, std::string* output = nullptr);
+
 }  // namespace testsupport
