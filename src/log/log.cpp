@@ -157,13 +157,30 @@ void writeLog(int32_t level, const std::string& message) {
     }
 }
 
+namespace {
+
+// Logging must not disturb the caller's thread last error: entry points log a failure right
+// before or after setting it, and the registry read, folder creation and file open all change it.
+class LastErrorKeeper {
+public:
+    LastErrorKeeper() : saved_(GetLastError()) {}
+    ~LastErrorKeeper() { SetLastError(saved_); }
+
+private:
+    DWORD saved_;
+};
+
+}  // namespace
+
 void logDebug(std::string message) {
+    LastErrorKeeper keeper;
     if (getLogLevel() >= LOG_LEVEL_DEBUG) {
         writeLog(LOG_LEVEL_DEBUG, message);
     }
 }
 
 void logError(std::string message) {
+    LastErrorKeeper keeper;
     if (getLogLevel() >= LOG_LEVEL_ERROR) {
         writeLog(LOG_LEVEL_ERROR, message);
     }

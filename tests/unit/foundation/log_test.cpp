@@ -549,3 +549,22 @@ public:
 const testing::Environment* const kRestoreLevel = testing::AddGlobalTestEnvironment(new RestoreLevel);
 
 }  // namespace
+
+// ---- the caller's last error ----
+
+TEST_F(Log, LoggingKeepsTheCallersLastError) {
+    SetLastError(0x80090023);
+    logError("failure after the last error was set");
+    EXPECT_EQ(GetLastError(), 0x80090023u);
+    SetLastError(ERROR_MORE_DATA);
+    logDebug("debug line after the last error was set");
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_TRUE(testsupport::logContains("failure after the last error was set"));
+}
+
+TEST_F(FreshLog, LoggingKeepsTheLastErrorEvenWhenFoldersAreCreated) {
+    testsupport::setLogLevel(3);
+    SetLastError(0x80090020);
+    logError("lost line");
+    EXPECT_EQ(GetLastError(), 0x80090020u);
+}
