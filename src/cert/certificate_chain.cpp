@@ -82,17 +82,19 @@ std::vector<CalythCertificate> gatherCertificateChain(
     }
 }
 
-BOOL BuildCertificateChain(const std::vector<CalythCertificate>& chain, BYTE* pbData, DWORD* pdwDataLen) {
+bool chainCertificatesRootFirst(const std::vector<CalythCertificate>& chain,
+                                std::vector<std::vector<unsigned char>>* encoded) {
+    encoded->clear();
     if (chain.empty()) {
         logError("Certificate Is Empty");
         SetLastError(static_cast<DWORD>(NTE_NO_KEY));
-        return FALSE;
+        return false;
     }
     CertificateContext leaf = contextOf(chain.front());
     if (!leaf) {
         logError("Failed creating leaf certificate");
         SetLastError(static_cast<DWORD>(NTE_BAD_KEY));
-        return FALSE;
+        return false;
     }
 
     HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
@@ -106,6 +108,8 @@ BOOL BuildCertificateChain(const std::vector<CalythCertificate>& chain, BYTE* pb
         }
     }
 
+    // The chain engine orders the certificates; its trust verdict is not looked at, so an untrusted
+    // or partial chain is exported as it stands.
     CERT_CHAIN_PARA parameters{};
     parameters.cbSize = sizeof parameters;
     PCCERT_CHAIN_CONTEXT chainContext = nullptr;
@@ -115,51 +119,53 @@ BOOL BuildCertificateChain(const std::vector<CalythCertificate>& chain, BYTE* pb
         logError("Chain build failed");
         if (store)
             CertCloseStore(store, 0);
-        return FALSE;
+        return false;
     }
-
-    std::vector<CERT_BLOB> encoded;
     for (DWORD i = 0; i < chainContext->cChain; ++i) {
         const CERT_SIMPLE_CHAIN* simple = chainContext->rgpChain[i];
         for (DWORD j = simple->cElement; j > 0; --j) {
             const CERT_CONTEXT* element = simple->rgpElement[j - 1]->pCertContext;
-            encoded.push_back(CERT_BLOB{element->cbCertEncoded, element->pbCertEncoded});
+            encoded->emplace_back(element->pbCertEncoded, element->pbCertEncoded + element->cbCertEncoded);
         }
     }
-
-    BOOL ok = FALSE;
-    bool moreData = false;
-    HCRYPTMSG message = nullptr;
-    if (encoded.empty()) {
-        logError("No certificates in PKCS#7 chain");
-    } else {
-        CMSG_SIGNED_ENCODE_INFO signedInfo{};
-        signedInfo.cbSize = sizeof signedInfo;
-        signedInfo.cCertEncoded = static_cast<DWORD>(encoded.size());
-        signedInfo.rgCertEncoded = encoded.data();
-        message = CryptMsgOpenToEncode(kCertificateEncoding, 0, CMSG_SIGNED, &signedInfo, nullptr, nullptr);
-        if (!message) {
-            logError("BuildCertificateChain: CryptMsgOpenToEncode failed");
-        } else {
-            CryptMsgUpdate(message, nullptr, 0, TRUE);
-            DWORD size = 0;
-            CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size);
-            if (pbData == nullptr || *pdwDataLen < size) {
-                *pdwDataLen = size;
-                moreData = true;
-            } else {
-                CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, pbData, pdwDataLen);
-            }
-            ok = TRUE;
-        }
-    }
-
-    if (message)
-        CryptMsgClose(message);
     CertFreeCertificateChain(chainContext);
     if (store)
         CertCloseStore(store, 0);
-    if (moreData)
+    if (encoded->empty()) {
+        logError("No certificates in PKCS#7 chain");
+        return false;
+    }
+    return true;
+}
+
+BOOL BuildCertificateChain(const std::vector<CalythCertificate>& chain, BYTE* pbData, DWORD* pdwDataLen) {
+    std::vector<std::vector<unsigned char>> certificates;
+    if (!chainCertificatesRootFirst(chain, &certificates))
+        return FALSE;
+
+    std::vector<CERT_BLOB> blobs;
+    for (std::vector<unsigned char>& certificate : certificates)
+        blobs.push_back(CERT_BLOB{static_cast<DWORD>(certificate.size()), certificate.data()});
+    CMSG_SIGNED_ENCODE_INFO signedInfo{};
+    signedInfo.cbSize = sizeof signedInfo;
+    signedInfo.cCertEncoded = static_cast<DWORD>(blobs.size());
+    signedInfo.rgCertEncoded = blobs.data();
+    HCRYPTMSG message =
+        CryptMsgOpenToEncode(kCertificateEncoding, 0, CMSG_SIGNED, &signedInfo, nullptr, nullptr);
+    if (!message) {
+        logError("BuildCertificateChain: CryptMsgOpenToEncode failed");
+        return FALSE;
+    }
+    CryptMsgUpdate(message, nullptr, 0, TRUE);
+    DWORD size = 0;
+    CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size);
+    if (pbData == nullptr || *pdwDataLen < size) {
+        CryptMsgClose(message);
+        *pdwDataLen = size;
         SetLastError(ERROR_MORE_DATA);
-    return ok;
+        return TRUE;
+    }
+    CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, pbData, pdwDataLen);
+    CryptMsgClose(message);
+    return TRUE;
 }

@@ -73,16 +73,15 @@ BOOL answerPlainValue(DWORD value, BYTE* pbData, DWORD* pdwDataLen, bool announc
     return succeedWithLength(pdwDataLen);
 }
 
-// A 32-bit answer that signals a missing or short buffer with ERROR_MORE_DATA, still returning TRUE.
-// False when the value was not stored.
-bool answerSignalledValue(DWORD value, BYTE* pbData, DWORD* pdwDataLen) {
+// A 32-bit answer that signals a missing or short buffer with ERROR_MORE_DATA (the caller still
+// returns TRUE).
+void answerSignalledValue(DWORD value, BYTE* pbData, DWORD* pdwDataLen) {
     bool stored = hasRoomFor(pbData, pdwDataLen, sizeof value);
     if (stored)
         std::memcpy(pbData, &value, sizeof value);
     *pdwDataLen = sizeof value;
     if (!stored)
         SetLastError(ERROR_MORE_DATA);
-    return stored;
 }
 
 BOOL getProviderName(BYTE* pbData, DWORD* pdwDataLen) {
@@ -107,9 +106,9 @@ BOOL getContainerName(CspContext* context, BYTE* pbData, DWORD* pdwDataLen) {
         return succeedWithLength(pdwDataLen);
     }
     *pdwDataLen = required;
-    SetLastError(ERROR_MORE_DATA);
     logDebug("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER size query, requiredSize=" +
              std::to_string(required) + ", return TRUE");
+    SetLastError(ERROR_MORE_DATA);
     return TRUE;
 }
 
@@ -170,10 +169,11 @@ BOOL getProvParam(CspContext* context, DWORD dwParam, BYTE* pbData, DWORD* pdwDa
             return TRUE;
         case PP_USE_HARDWARE_RNG: {
             DWORD value = g_useHardwareRng ? 1 : 0;
-            if (answerSignalledValue(value, pbData, pdwDataLen))
+            if (hasRoomFor(pbData, pdwDataLen, sizeof value))
                 logDebug("CPGetProvParam: PP_USE_HARDWARE_RNG = " + std::to_string(value));
             else
                 logDebug("Required size is Large");
+            answerSignalledValue(value, pbData, pdwDataLen);
             return TRUE;
         }
         case PP_KEYSPEC:

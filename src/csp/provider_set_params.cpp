@@ -22,8 +22,8 @@ BOOL setClientWindow(CspContext* context, const BYTE* pbData) {
 // token so that later private-key operations do not ask for it.
 BOOL setPin(const CspContext* context, const BYTE* pbData) {
     if (pbData == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
         logError("CPSetProvParam: NULL PIN data");
+        SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
     std::string pin(reinterpret_cast<const char*>(pbData));
@@ -42,8 +42,8 @@ BOOL setPin(const CspContext* context, const BYTE* pbData) {
 
 BOOL setHardwareRng(const BYTE* pbData) {
     if (pbData == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
         logError("CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
+        SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
     DWORD value = 0;
