@@ -6,9 +6,8 @@
 
 #include "token/device_library.h"
 
-// Imports the certificate (DER bytes, length, label) and the CA certificates that issued it, root
-// first, and names the matching key pair when it has no alias yet. An empty label is replaced by
-// "<subject CN>_<issuer CN>" and written back into the record. Returns 0, or the non-zero result
-// of the device call that failed.
+// Imports the chain (root first, leaf last) or, when a link is missing, the leaf alone, then gives
+// the matching key pair the certificate's label as alias when it has none. Returns 0 or the failing
+// device result. A default label written into `certificate` is visible to the caller.
 int32_t importCertificateWithChain(const std::string& serial, const std::string& pin,
                                    CalythCertificate& certificate, void* deviceContext);
