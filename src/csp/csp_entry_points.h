@@ -2,6 +2,7 @@
 #pragma once
 
 #include <windows.h>
+
 #include <wincrypt.h>
 
 extern "C" {
@@ -19,6 +20,8 @@ extern "C" {
 // Key blobs
 
 // Provider parameters
+BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags);
+BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData, DWORD dwFlags);
 
 // Encryption
 

@@ -521,6 +521,8 @@ int calyth_importCertificate(const char* serial, const char* pin, CalythCertific
     }
     if (record("calyth_importCertificate", serial, args, &forced))
         return forced;
+    if (hooks().importCertificate)
+        return hooks().importCertificate(serial, pin, certificate);
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     Token* t = connectedToken(serial);
     if (!t || !certificate)

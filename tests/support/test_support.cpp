@@ -207,6 +207,18 @@ bool logContains(const std::string& text) {
     return readLog().find(text) != std::string::npos;
 }
 
+bool logHasLine(const std::string& level, const std::string& message) {
+    std::string tag = "->" + level + " ::=>";
+    std::istringstream in(readLog());
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t at = line.find(tag);
+        if (at != std::string::npos && line.compare(at + tag.size(), std::string::npos, message) == 0)
+            return true;
+    }
+    return false;
+}
+
 std::vector<unsigned char> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

@@ -27,6 +27,8 @@ std::vector<std::string> logMessages();
 void clearLog();
 // True when some line of the log holds `text`.
 bool logContains(const std::string& text);
+// True when some line of the log was written at `level` ("DEBUG", "ERROR") with exactly `message`.
+bool logHasLine(const std::string& level, const std::string& message);
 
 std::vector<unsigned char> readFile(const std::string& path);
 bool pathExists(const std::string& path);
