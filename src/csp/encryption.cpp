@@ -181,7 +181,7 @@ int decryptOnToken(CspContext* context, const KEY_HANDLE* key, const std::vector
 BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD dataLength,
                 DWORD* pdwDataLen) {
     if (!ensurePasswordValidated(context)) {
-        logError("CPDecrypt: ensurePasswordValidated failed");
+        logErrorKeepingLastError("CPDecrypt: ensurePasswordValidated failed");
         return FALSE;
     }
     logDebug("Before reversing encrypted data");
@@ -197,7 +197,7 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
         logDebug("CPDecrypt: SSO expired, re-prompting for PIN");
         clearValidatedPin(context->serialNumber);
         if (!ensurePasswordValidated(context)) {
-            logError("CPDecrypt: ensurePasswordValidated failed after SSO expiry");
+            logErrorKeepingLastError("CPDecrypt: ensurePasswordValidated failed after SSO expiry");
             return FALSE;
         }
         result = decryptOnToken(context, key, bigEndian, &plain);

@@ -48,7 +48,7 @@ BOOL exportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwBlobType, DWORD dwFlags
         case PUBLICKEYBLOB: {
             BOOL result =
                 ExportPublicKeyComponents(cspContextFrom(hProv), keyHandleFrom(hKey), pbData, pcbDataLen);
-            logDebug("Exportkey return status : " + std::to_string(result));
+            logDebugKeepingLastError("Exportkey return status : " + std::to_string(result));
             return result;
         }
         case PRIVATEKEYBLOB:
@@ -80,8 +80,8 @@ BOOL ExportPublicKeyComponents(CspContext* context, const KEY_HANDLE* key, BYTE*
     DWORD required = static_cast<DWORD>(modulus.size()) + kPublicKeyBlobHeaderSize;
     if (pbData == nullptr) {
         *pcbDataLen = required;
-        SetLastError(ERROR_MORE_DATA);
         logDebug("Emport public key more data required");
+        SetLastError(ERROR_MORE_DATA);
         return TRUE;
     }
     if (*pcbDataLen < required)

@@ -90,7 +90,7 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
 
     if (!ensurePasswordValidated(context)) {
         freeKeyHandle(key);
-        logError("CPGenKey: ensurePasswordValidated failed");
+        logErrorKeepingLastError("CPGenKey: ensurePasswordValidated failed");
         return FALSE;
     }
 
