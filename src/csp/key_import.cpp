@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -120,7 +122,13 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& fron
                                  " required=" + std::to_string(required));
 
     // CryptoAPI keeps the modulus little-endian; DER wants it big-endian.
-    Bytes beModulus(pbData + kRsaModulusOffset, pbData + kRsaModulusOffset + modulusLength);
+    Bytes beModulus;
+    try {
+        beModulus.assign(pbData + kRsaModulusOffset, pbData + kRsaModulusOffset + modulusLength);
+    } catch (const std::bad_alloc&) {
+        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                             "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
+    }
     std::reverse(beModulus.begin(), beModulus.end());
 
     Utils utils;
@@ -217,8 +225,8 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     return TRUE;
 }
 
-// Stores an AES key on the token and makes the key object that names it. False (nothing logged)
-// when the token refuses it; true with *phKey set otherwise.
+// Stores an AES key on the token and, when the token takes it, makes the key object that names it
+// (identifier, label and flag as the token filled them in).
 enum class TokenAesResult { Stored, Refused, TooLong, NoMemory };
 
 TokenAesResult storeAesKeyOnToken(const CspContext* context, const unsigned char* bytes, int length,
