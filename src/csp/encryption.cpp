@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
+#include "csp/device_output.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
@@ -24,18 +25,6 @@
 #include "util/utils.h"
 
 namespace {
-
-// A buffer the device library allocated with malloc and handed over through an output pointer.
-struct DeviceOutput {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    ~DeviceOutput() { std::free(bytes); }
-    void release() {
-        std::free(bytes);
-        bytes = nullptr;
-        length = 0;
-    }
-};
 
 const unsigned char* ivBytes() {
     return g_ivBuffer.empty() ? nullptr : g_ivBuffer.data();

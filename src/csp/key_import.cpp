@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
+#include "csp/device_output.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
@@ -49,17 +50,6 @@ BlobFront readBlobFront(const BYTE* pbData, DWORD cbData) {
     std::memcpy(&front, pbData, std::min<DWORD>(cbData, sizeof(front)));
     return front;
 }
-
-struct DevicePlaintext {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    ~DevicePlaintext() { std::free(bytes); }
-    void release() {
-        std::free(bytes);
-        bytes = nullptr;
-        length = 0;
-    }
-};
 
 HCRYPTKEY handleOf(KEY_HANDLE* key) {
     return reinterpret_cast<HCRYPTKEY>(key);
@@ -162,7 +152,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& fron
 
 // One unwrapping attempt with the token key behind hPubKey.
 int decryptWithToken(const CspContext* context, const KEY_HANDLE* unwrapKey, const std::string& pin,
-                     const Bytes& encrypted, DevicePlaintext* plain) {
+                     const Bytes& encrypted, DeviceOutput* plain) {
     plain->release();
     return calyth_decrypt(context->serialNumber.c_str(), unwrapKey->keyId, pin.c_str(), encrypted.data(),
                           static_cast<int>(encrypted.size()), &plain->bytes, &plain->length,
@@ -183,7 +173,7 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     Bytes bigEndian(littleEndian.rbegin(), littleEndian.rend());
     std::string pin = getValidatedPin(context->serialNumber);
 
-    DevicePlaintext plain;
+    DeviceOutput plain;
     if (decryptWithToken(context, unwrapKey, pin, bigEndian, &plain) != 0) {
         logError("SIMPLEBLOB decryption failed");
         if (decryptWithToken(context, unwrapKey, pin, littleEndian, &plain) != 0)
@@ -295,7 +285,7 @@ BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, i
 
     std::vector<CalythSymmetricKey> keys =
         calyth_getAesKeyList(context->serialNumber.c_str(), context->deviceContext);
-    DevicePlaintext plain;
+    DeviceOutput plain;
     const CalythSymmetricKey* unwrapper = nullptr;
     for (const CalythSymmetricKey& candidate : keys) {
         if (candidate.type != CALYTH_SYMMETRIC_AES_128 && candidate.type != CALYTH_SYMMETRIC_AES_256)

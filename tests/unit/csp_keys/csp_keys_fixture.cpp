@@ -1,5 +1,6 @@
 #include "csp_keys_fixture.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -53,10 +54,17 @@ std::vector<unsigned char> reversed(std::vector<unsigned char> bytes) {
     return std::vector<unsigned char>(bytes.rbegin(), bytes.rend());
 }
 
-std::vector<unsigned char> dwordBytes(DWORD value) {
-    std::vector<unsigned char> out(4);
-    std::memcpy(out.data(), &value, 4);
+std::vector<unsigned char> counting(size_t length, int start) {
+    std::vector<unsigned char> out(length);
+    for (size_t i = 0; i < length; ++i)
+        out[i] = static_cast<unsigned char>(start + i);
     return out;
+}
+
+unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
+    auto* copy = static_cast<unsigned char*>(std::malloc(bytes.size() + 1));
+    std::memcpy(copy, bytes.data(), bytes.size());
+    return copy;
 }
 
 void KeysTest::SetUp() {

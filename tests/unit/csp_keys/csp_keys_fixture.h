@@ -30,7 +30,10 @@ std::vector<std::string> logLinesAt(const std::string& level);
 
 std::vector<unsigned char> bytesOf(std::initializer_list<int> values);
 std::vector<unsigned char> reversed(std::vector<unsigned char> bytes);
-std::vector<unsigned char> dwordBytes(DWORD value);
+// `length` bytes counting up from `start` (wrapping at 256).
+std::vector<unsigned char> counting(size_t length, int start);
+// A malloc'ed copy, as the device library hands out its output buffers.
+unsigned char* mallocCopy(const std::vector<unsigned char>& bytes);
 
 class KeysTest : public ::testing::Test {
 protected:

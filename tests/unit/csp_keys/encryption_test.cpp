@@ -15,19 +15,6 @@ using namespace keystest;
 
 namespace {
 
-std::vector<unsigned char> counting(size_t length, int start) {
-    std::vector<unsigned char> out(length);
-    for (size_t i = 0; i < length; ++i)
-        out[i] = static_cast<unsigned char>(start + i);
-    return out;
-}
-
-unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
-    auto* p = static_cast<unsigned char*>(std::malloc(bytes.size() + 1));
-    std::memcpy(p, bytes.data(), bytes.size());
-    return p;
-}
-
 // The token's RSA encryption as the provider calls it: it fills whatever room the output has and
 // reports the ciphertext length (the provider starts the length at 0).
 void encryptLikeTheToken() {

@@ -49,19 +49,6 @@ std::vector<unsigned char> plainTextBlob(ALG_ID algorithm, const std::vector<uns
     return blob;
 }
 
-std::vector<unsigned char> counting(size_t length, int start) {
-    std::vector<unsigned char> out(length);
-    for (size_t i = 0; i < length; ++i)
-        out[i] = static_cast<unsigned char>(start + i);
-    return out;
-}
-
-unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
-    auto* p = static_cast<unsigned char*>(std::malloc(bytes.size() + 1));
-    std::memcpy(p, bytes.data(), bytes.size());
-    return p;
-}
-
 class ImportTest : public KeysTest {
 protected:
     BOOL import(const std::vector<unsigned char>& blob, HCRYPTKEY* key, HCRYPTKEY unwrapKey = 0) {
