@@ -170,7 +170,7 @@ int decryptOnToken(CspContext* context, const KEY_HANDLE* key, const std::vector
 BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD dataLength,
                 DWORD* pdwDataLen) {
     if (!ensurePasswordValidated(context)) {
-        logErrorKeepingLastError("CPDecrypt: ensurePasswordValidated failed");
+        logError("CPDecrypt: ensurePasswordValidated failed");
         return FALSE;
     }
     logDebug("Before reversing encrypted data");
@@ -186,7 +186,7 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
         logDebug("CPDecrypt: SSO expired, re-prompting for PIN");
         clearValidatedPin(context->serialNumber);
         if (!ensurePasswordValidated(context)) {
-            logErrorKeepingLastError("CPDecrypt: ensurePasswordValidated failed after SSO expiry");
+            logError("CPDecrypt: ensurePasswordValidated failed after SSO expiry");
             return FALSE;
         }
         result = decryptOnToken(context, key, bigEndian, &plain);

@@ -16,19 +16,6 @@ inline BOOL failWithError(DWORD error, const std::string& message) {
     return FALSE;
 }
 
-// Log lines that leave the thread's last error as it is (writing the log file may change it), for
-// failures whose error an earlier step already set and for lines that follow SetLastError.
-inline void logErrorKeepingLastError(const std::string& message) {
-    DWORD error = GetLastError();
-    logError(message);
-    SetLastError(error);
-}
-inline void logDebugKeepingLastError(const std::string& message) {
-    DWORD error = GetLastError();
-    logDebug(message);
-    SetLastError(error);
-}
-
 // Runs the body of an entry point; an escaping exception becomes FALSE with NTE_NO_MEMORY (out of
 // memory) or NTE_FAIL (anything else) and one ERROR line naming the entry point.
 template <typename Body>

@@ -48,7 +48,7 @@ BOOL exportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwBlobType, DWORD dwFlags
         case PUBLICKEYBLOB: {
             BOOL result =
                 ExportPublicKeyComponents(cspContextFrom(hProv), keyHandleFrom(hKey), pbData, pcbDataLen);
-            logDebugKeepingLastError("Exportkey return status : " + std::to_string(result));
+            logDebug("Exportkey return status : " + std::to_string(result));
             return result;
         }
         case PRIVATEKEYBLOB:

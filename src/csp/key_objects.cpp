@@ -90,7 +90,7 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
 
     if (!ensurePasswordValidated(context)) {
         freeKeyHandle(key);
-        logErrorKeepingLastError("CPGenKey: ensurePasswordValidated failed");
+        logError("CPGenKey: ensurePasswordValidated failed");
         return FALSE;
     }
 
