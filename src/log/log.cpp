@@ -95,7 +95,8 @@ int createLogFolder(const char* path) {
         // Stops after the first folder it actually creates: on a fresh machine the first log
         // call makes only "Quorvik Labs", the second the process folder, and lines are written
         // from the third call on. Existing folders make CreateDirectoryA fail and the walk go on.
-        for (size_t i = 1; buffer[i] != '\0'; ++i) {
+        // The walk starts at the second character; an empty path has none.
+        for (size_t i = 1; buffer[0] != '\0' && buffer[i] != '\0'; ++i) {
             if (buffer[i] != '/')
                 continue;
             buffer[i] = '\0';

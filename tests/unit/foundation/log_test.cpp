@@ -512,6 +512,11 @@ TEST(LogHelpers, CreateLogFolderTreatsABackslashAsNoSeparator) {
     testsupport::removeFolder(base);
 }
 
+TEST(LogHelpers, CreateLogFolderOfAnEmptyPathCreatesNothing) {
+    EXPECT_EQ(createLogFolder(""), 0);
+    EXPECT_EQ(createLogFolder("/"), 0);
+}
+
 TEST(LogHelpers, MutexHookIsUnsetAndLockedAroundTheWriteWhenSet) {
     EXPECT_EQ(g_logMutex, nullptr);
     testsupport::setLogLevel(3);
