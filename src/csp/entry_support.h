@@ -41,6 +41,15 @@ inline BOOL failWith(const std::string& message, DWORD error) {
     return FALSE;
 }
 
+// Logs the failure at ERROR and answers FALSE with the last error that the failed step set (the
+// log writer's own file calls would otherwise overwrite it).
+inline BOOL failKeepingLastError(const std::string& message) {
+    DWORD error = GetLastError();
+    logError(message);
+    SetLastError(error);
+    return FALSE;
+}
+
 // Runs an entry point's body; an exception that escapes it (out of memory while copying a device
 // list, for instance) becomes NTE_FAIL instead of crossing into the caller.
 template <typename Body>

@@ -168,10 +168,8 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             return TRUE;
         }
 
-        if (!ensurePasswordValidated(context)) {
-            logError("CPSignHash: ensurePasswordValidated failed");
-            return FALSE;
-        }
+        if (!ensurePasswordValidated(context))
+            return failKeepingLastError("CPSignHash: ensurePasswordValidated failed");
         logDebug("CPSignHash dwFlags : " + std::to_string(dwFlags));
         logDebug("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
         logDebug("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
@@ -182,10 +180,8 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             // The token's single sign-on ran out: forget the PIN, ask once more, sign once more.
             logDebug("CPSignHash: SSO expired, re-prompting for PIN");
             clearValidatedPin(context->serialNumber);
-            if (!ensurePasswordValidated(context)) {
-                logError("CPSignHash: ensurePasswordValidated failed after SSO expiry");
-                return FALSE;
-            }
+            if (!ensurePasswordValidated(context))
+                return failKeepingLastError("CPSignHash: ensurePasswordValidated failed after SSO expiry");
             sigLen = static_cast<int>(*pdwSigLen);
             ret = signOnToken(context, hash, pbSignature, &sigLen);
         }
