@@ -202,10 +202,8 @@ int parseToken(const std::string& text, TokenData& token) {
     if (endAt == std::string::npos || (endAt > 0 && text[endAt - 1] != '\n'))
         return kCorruptToken;
     std::string body = text.substr(0, endAt);
-    std::string trailer = text.substr(endAt + 4);
-    while (!trailer.empty() && (trailer.back() == '\n' || trailer.back() == '\r'))
-        trailer.pop_back();
-    if (trailer != sha256Hex(body))
+    // Any cut, even of the last line feed alone, tells a file that was not written to its end.
+    if (text.compare(endAt + 4, std::string::npos, sha256Hex(body) + "\n") != 0)
         return kCorruptToken;
     std::istringstream in(body);
     std::string line;
