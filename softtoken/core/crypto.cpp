@@ -330,8 +330,8 @@ int rsaEncrypt(const PublicKey& key, int padding, const unsigned char* data, int
     ensureCryptoReady();
     if (!key.rsa)
         return kNotSupported;
-    if (!data || dataLength < 0)
-        return kBadArgument;
+    if (!data || dataLength <= 0)
+        return kBadArgument;  // libgcrypt has no empty message
     Sexp pub, plain, result;
     int status = publicKeySexp(key, pub);
     if (status != kOk)

@@ -54,7 +54,7 @@ int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
                    unsigned char* output, int* outputLength, const unsigned char* publicKeyDer,
                    int publicKeyDerLength, void*) {
     return guarded<int>(kFailed, [&] {
-        if (!data || dataLength < 0 || !outputLength)
+        if ((!data && dataLength != 0) || dataLength < 0 || !outputLength)
             return int(kBadArgument);
         // The RSA type only says "RSA": the key's own size decides (the provider picks the type
         // from the stored key's length, which rarely names the size).
