@@ -1,9 +1,8 @@
 // Certificate parsing, certificates on the token, key pair changes and certificate folders.
 #include <windows.h>
 
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <gtest/gtest.h>
 
 #include "softtoken_support.h"
 #include "support/test_support.h"
@@ -37,10 +36,11 @@ void makeAuthority(const StoreTest& test) {
 }
 
 // A certificate for the public key in `publicPem`, issued by the authority, as DER.
-Bytes issue(const StoreTest& test, const std::string& publicPem, const std::string& subject, const std::string& name) {
-    openssl("x509 -new -subj " + subject + " -force_pubkey " + u(publicPem) + " -CA " + u(test.file("ca.pem")) +
-            " -CAkey " + u(test.file("ca.key")) + " -days 30 -set_serial 0x1234 -outform DER -out " +
-            u(test.file(name)));
+Bytes issue(const StoreTest& test, const std::string& publicPem, const std::string& subject,
+            const std::string& name) {
+    openssl("x509 -new -subj " + subject + " -force_pubkey " + u(publicPem) + " -CA " +
+            u(test.file("ca.pem")) + " -CAkey " + u(test.file("ca.key")) +
+            " -days 30 -set_serial 0x1234 -outform DER -out " + u(test.file(name)));
     return readBytes(test.file(name));
 }
 
@@ -53,8 +53,12 @@ CalythCertificate certificateRecord(const Bytes& der, const char* label = "") {
     return record;
 }
 
-Bytes publicOf(const CalythKeyPair& key) { return Bytes(key.publicKey, key.publicKey + key.publicKeyLength); }
-Bytes objectOf(const CalythKeyPair& key) { return Bytes(key.objectId, key.objectId + key.objectIdLength); }
+Bytes publicOf(const CalythKeyPair& key) {
+    return Bytes(key.publicKey, key.publicKey + key.publicKeyLength);
+}
+Bytes objectOf(const CalythKeyPair& key) {
+    return Bytes(key.objectId, key.objectId + key.objectIdLength);
+}
 
 std::string opensslDate(const std::string& certificatePem, const char* which) {
     std::string text;
@@ -69,7 +73,8 @@ TEST_F(CertificateDetailsTest, DetailsOfALeafAndItsAuthority) {
     makeToken("SN1");
     Bytes key = makeKey("SN1", "rsa2048");
     makeAuthority(*this);
-    Bytes leaf = issue(*this, exportPublicKey("SN1", key, file("k.pem")), "/C=IN/O=Example/CN=Alice", "leaf.der");
+    Bytes leaf =
+        issue(*this, exportPublicKey("SN1", key, file("k.pem")), "/C=IN/O=Example/CN=Alice", "leaf.der");
     openssl("x509 -inform DER -in " + u(file("leaf.der")) + " -out " + u(file("leaf.pem")));
 
     CertificateDetails details;
@@ -92,7 +97,8 @@ TEST_F(CertificateDetailsTest, DetailsOfALeafAndItsAuthority) {
 
     Bytes root = readBytes(file("ca.der"));
     CertificateDetails authority;
-    ASSERT_EQ(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()), authority, nullptr), 0);
+    ASSERT_EQ(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()), authority, nullptr),
+              0);
     EXPECT_EQ(authority.subjectName, authority.issuerName);
     EXPECT_TRUE(authority.selfSigned);
     EXPECT_EQ(authority.serialNumberHex, "ABCDEF01");
@@ -109,7 +115,8 @@ TEST_F(CertificateDetailsTest, AnythingButACertificateIsRefused) {
     Bytes root = readBytes(file("ca.der"));
     CertificateDetails details;
     details.subjectName = "untouched";
-    EXPECT_NE(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()) - 10, details, nullptr), 0);
+    EXPECT_NE(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()) - 10, details, nullptr),
+              0);
     Bytes garbage(200, 0x30);
     EXPECT_NE(calyth_getCertificateDetails(garbage.data(), 200, details, nullptr), 0);
     EXPECT_NE(calyth_getCertificateDetails(nullptr, 10, details, nullptr), 0);
@@ -193,7 +200,8 @@ TEST_F(KeyPairChangeTest, LabelAndObjectIdCanBeChanged) {
     EXPECT_STREQ(keyRecord("SN1", key).label, "after");
     EXPECT_EQ(objectOf(keyRecord("SN1", key)), newObject);
     EXPECT_NE(calyth_updateKeyPairDetails("SN1", Bytes(16, 1).data(), "1234", "x", nullptr, 0, nullptr), 0);
-    EXPECT_NE(calyth_updateKeyPairDetails("SN1", key.data(), "1234", std::string(140, 'x').c_str(), nullptr, 0, nullptr),
+    EXPECT_NE(calyth_updateKeyPairDetails("SN1", key.data(), "1234", std::string(140, 'x').c_str(), nullptr,
+                                          0, nullptr),
               0);
     EXPECT_NE(calyth_updateKeyPairDetails("SN1", nullptr, "1234", "x", nullptr, 0, nullptr), 0);
 }
@@ -231,7 +239,8 @@ TEST_F(CertificateFolderTest, FilesWithTheExtensionsComeSortedAsDer) {
     openssl("x509 -in " + u(file("ca.pem")) + " -text", &text);  // explanatory text before the PEM block
     writeBytes(folder + "\\c.CRT", bytesOf(text));
     writeBytes(folder + "\\d.txt", der);
-    writeBytes(folder + "\\broken.pem", bytesOf("-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n"));
+    writeBytes(folder + "\\broken.pem",
+               bytesOf("-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n"));
 
     CalythFileList files =
         calyth_getFilesWithExtensionsAndConvertDER(folder, {".cer", ".der", ".pem", ".crt"}, nullptr);
