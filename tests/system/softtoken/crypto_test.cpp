@@ -754,7 +754,7 @@ TEST_F(HashTest, HandlesThatAreNeverFinishedDoNotExhaustTheLibrary) {
     void* first = nullptr;
     ASSERT_EQ(calyth_initHash("", CALYTH_HASH_SHA512, &first, nullptr), 0);
     void* last = nullptr;
-    for (int i = 0; i < 10000; ++i)
+    for (int i = 0; i < 4200; ++i)
         ASSERT_EQ(calyth_initHash("", CALYTH_HASH_SHA512, &last, nullptr), 0) << i;
     unsigned char byte = 1;
     EXPECT_NE(calyth_updateHash(first, &byte, 1, nullptr), 0) << "the oldest unfinished hash was dropped";
