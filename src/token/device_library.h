@@ -267,7 +267,8 @@ int calyth_verifySignatureHash(unsigned int keySizeCode, const char* serial, con
                                const unsigned char* signature, int signatureLength, void* ctx, bool usePss);
 
 // RSA public-key encryption (types 7-10; padding 1 PKCS #1 v1.5 or 4 OAEP-SHA-1) with a DER public
-// key. *outputLength: in the room of `output`, out the ciphertext length.
+// key. `output` has room for one modulus of the key; *outputLength is output only (callers pass 0)
+// and receives the ciphertext length, always the modulus size.
 int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* data, int dataLength,
                    unsigned char* output, int* outputLength, const unsigned char* publicKeyDer,
                    int publicKeyDerLength, void* ctx);

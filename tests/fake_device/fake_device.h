@@ -65,6 +65,7 @@ struct Hooks {
         ecdhDerive;
     std::function<int(const char* serial, const char* pin, CalythKeyPair* keyPair)> generateKeyPair;
     std::function<int(const char* serial, int length, unsigned char* output, bool useSoftware)> random;
+    std::function<int(const char* serial, const char* pin, CalythCertificate* certificate)> importCertificate;
 };
 
 // Resets everything: no tokens, no calls, no forced results, no hooks, no registered files or

@@ -17,7 +17,9 @@ namespace {
 
 const char* kLogKey = "Software\\Quorvik Labs\\Calyth";
 
-void removeTree(const std::string& folder) {
+}  // namespace
+
+void removeFolder(const std::string& folder) {
     WIN32_FIND_DATAA data;
     HANDLE find = FindFirstFileA((folder + "\\*").c_str(), &data);
     if (find != INVALID_HANDLE_VALUE) {
@@ -27,7 +29,7 @@ void removeTree(const std::string& folder) {
                 continue;
             std::string path = folder + "\\" + name;
             if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                removeTree(path);
+                removeFolder(path);
             } else {
                 DeleteFileA(path.c_str());
             }
@@ -36,6 +38,12 @@ void removeTree(const std::string& folder) {
     }
     RemoveDirectoryA(folder.c_str());
 }
+
+bool pathExists(const std::string& path) {
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+namespace {
 
 // The host name without its extension, as the provider's log names its folder.
 std::string getProcessName() {
@@ -57,7 +65,7 @@ void usePrivateTempFolder() {
     std::string base = tempFolder() + "calyth-tests";
     CreateDirectoryA(base.c_str(), nullptr);
     std::string folder = base + "\\" + getProcessName();
-    removeTree(folder);
+    removeFolder(folder);
     CreateDirectoryA(folder.c_str(), nullptr);
     std::string withSlash = folder + "\\";
     SetEnvironmentVariableA("TMP", withSlash.c_str());
@@ -163,6 +171,11 @@ void setLogLevel(uint32_t level) {
     }
 }
 
+void setLogLevelRaw(uint32_t type, const std::vector<unsigned char>& data) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, kLogKey, "logLevel", type, data.data(),
+                    static_cast<DWORD>(data.size()));
+}
+
 void removeLogLevel() {
     RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, kLogKey, "logLevel");
 }
@@ -196,6 +209,18 @@ void clearLog() {
 
 bool logContains(const std::string& text) {
     return readLog().find(text) != std::string::npos;
+}
+
+bool logHasLine(const std::string& level, const std::string& message) {
+    std::string tag = "->" + level + " ::=>";
+    std::istringstream in(readLog());
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t at = line.find(tag);
+        if (at != std::string::npos && line.compare(at + tag.size(), std::string::npos, message) == 0)
+            return true;
+    }
+    return false;
 }
 
 std::vector<unsigned char> readFile(const std::string& path) {
