@@ -354,12 +354,16 @@ TEST_F(RsaCipherTest, EncryptionRefusesBadArguments) {
     Bytes ec = makeKey("SN1", "p256");
     Bytes modulus = publicOf(keyRecord("SN1", key));
     Bytes data = bytesOf("abc"), out(128);
-    int length = 100;
-    EXPECT_NE(calyth_encrypt(ENCRYPTION_RSA_1024, PADDING_PKCS1, data.data(), 3, out.data(), &length,
+    int length = 5;
+    EXPECT_EQ(calyth_encrypt(ENCRYPTION_RSA_1024, PADDING_PKCS1, data.data(), 3, out.data(), &length,
                              modulus.data(), static_cast<int>(modulus.size()), nullptr),
               0);
-    EXPECT_EQ(length, 128) << "too little room reports the length";
+    EXPECT_EQ(length, 128) << "the length is output only";
     length = 0;
+    EXPECT_NE(calyth_encrypt(ENCRYPTION_RSA_1024, PADDING_PKCS1, data.data(), 3, nullptr, &length,
+                             modulus.data(), static_cast<int>(modulus.size()), nullptr),
+              0);
+    EXPECT_EQ(length, 128);
     EXPECT_NE(calyth_encrypt(ENCRYPTION_AES_128_CBC, PADDING_PKCS1, data.data(), 3, out.data(), &length,
                              modulus.data(), static_cast<int>(modulus.size()), nullptr),
               0);
