@@ -109,8 +109,8 @@ private:
     bool locked_ = false;
 };
 
-// False when the token file does not exist.
-bool currentStamp(TokenFiles& files, HANDLE lock, Stamp& stamp) {
+// Size and time of the token file; false when it does not exist.
+bool fileStamp(const TokenFiles& files, Stamp& stamp) {
     WIN32_FILE_ATTRIBUTE_DATA attributes;
     if (!GetFileAttributesExA(files.tokenPath.c_str(), GetFileExInfoStandard, &attributes) ||
         (attributes.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
@@ -118,6 +118,13 @@ bool currentStamp(TokenFiles& files, HANDLE lock, Stamp& stamp) {
     stamp.size = uint64_t(attributes.nFileSizeHigh) << 32 | attributes.nFileSizeLow;
     stamp.writeTime =
         uint64_t(attributes.ftLastWriteTime.dwHighDateTime) << 32 | attributes.ftLastWriteTime.dwLowDateTime;
+    return true;
+}
+
+// False when the token file does not exist.
+bool currentStamp(TokenFiles& files, HANDLE lock, Stamp& stamp) {
+    if (!fileStamp(files, stamp))
+        return false;
     stamp.counter = readCounter(lock);
     return true;
 }
@@ -280,12 +287,13 @@ int loadToken(const std::string& serial, TokenRef& out) {
         return kNoToken;
     std::string root = storeRoot();
     TokenFiles& files = filesFor(root, serial);
-    if (GetFileAttributesA(files.tokenPath.c_str()) == INVALID_FILE_ATTRIBUTES)
+    // The file is looked at before the lock file is opened, so that asking for a serial that has
+    // no token leaves nothing behind.
+    Stamp stamp;
+    if (!fileStamp(files, stamp))
         return kNoToken;
     HANDLE lock = lockHandle(files);
-    Stamp stamp;
-    if (!currentStamp(files, lock, stamp))
-        return kNoToken;
+    stamp.counter = readCounter(lock);
     {
         std::lock_guard<std::mutex> guard(files.stateMutex);
         if (files.cached && files.cachedStamp == stamp) {

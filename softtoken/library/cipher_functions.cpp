@@ -20,7 +20,7 @@ int requireTokenIfNamed(const char* serial, const char* function) {
 }
 
 // Writes `result` into a caller's buffer of *room bytes. A room of 0 or less means the caller
-// did not state it and promises enough (the provider passes 0 with a buffer of modulus size).
+// did not state it and promises enough (its buffer is as long as the input).
 int writeInto(const Bytes& result, unsigned char* output, int* room) {
     int length = static_cast<int>(result.size());
     if (!output || (*room > 0 && *room < length)) {
@@ -65,7 +65,14 @@ int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
             return int(kBadArgument);
         Bytes result;
         int status = rsaEncrypt(key, padding, data, dataLength, result);
-        return status == kOk ? writeInto(result, output, outputLength) : status;
+        if (status != kOk)
+            return status;
+        // *outputLength is output only: the caller's buffer holds one modulus of the key.
+        *outputLength = static_cast<int>(result.size());
+        if (!output)
+            return int(kBadArgument);
+        std::copy(result.begin(), result.end(), output);
+        return int(kOk);
     });
 }
 

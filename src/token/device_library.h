@@ -146,9 +146,10 @@ struct CalythCertificate {
 };
 
 // What calyth_getCertificateDetails reads out of a DER certificate.
-// Names are in the library's string form: the relative distinguished names from the most
-// significant down, "C=IN, O=Example, CN=Alice", as CertNameToStr with CERT_X500_NAME_STR |
-// CERT_NAME_STR_REVERSE_FLAG writes them; Utils::normalizeName turns them into the comparison form.
+// Names are in the library's string form: the relative distinguished names from the least
+// significant up (RFC 2253 order), "CN=Alice, O=Example, C=IN" for a certificate encoded C, O, CN,
+// as CertNameToStr with CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG writes them;
+// Utils::normalizeName turns them into the comparison form.
 // The default label of an imported certificate is subjectCommonName + "_" + issuerCommonName.
 struct CertificateDetails {
     std::string subjectName;

@@ -5,6 +5,9 @@
 // The store folder defaults to CALYTH_TOKEN_STORE, else the user's local application data.
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -51,6 +54,8 @@ bool isHelp(const std::string& word) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Plain line feeds, so that a shell capturing a key id gets no carriage return with it.
+    _setmode(_fileno(stdout), _O_BINARY);
     std::vector<std::string> words(argv + 1, argv + argc);
     if (words.size() >= 2 && words[0] == "--store") {
         SetEnvironmentVariableA("CALYTH_TOKEN_STORE", words[1].c_str());

@@ -391,3 +391,15 @@ TEST_F(DamagedTokenTest, FileOfAnotherSerialIsNotTakenForTheToken) {
     EXPECT_EQ(devices(), std::vector<std::string>{"SN1"});
     EXPECT_NE(calyth_initDevice("SN9", false, nullptr), 0);
 }
+
+TEST_F(DeviceTest, ChangeOfTheSameSizeByAnotherProcessIsSeenAtOnce) {
+    makeToken("SN1");
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(calyth_initDevice("SN1", false, nullptr), 0) << round;  // this process holds the token now
+        Bytes before = readBytes(store + "\\SN1.token");
+        ASSERT_EQ(tool("unplug --serial SN1"), 0);
+        EXPECT_EQ(readBytes(store + "\\SN1.token").size(), before.size()) << "plugged=1 became plugged=0";
+        EXPECT_NE(calyth_initDevice("SN1", false, nullptr), 0) << round;
+        ASSERT_EQ(tool("plug --serial SN1"), 0);
+    }
+}

@@ -14,10 +14,12 @@ namespace st {
 // Every test gets an empty store folder of its own in CALYTH_TOKEN_STORE (inherited by the admin
 // command the test starts).
 class StoreTest : public ::testing::Test {
-protected:
+public:
     void SetUp() override;
     // A path in the test's own scratch folder.
     std::string file(const std::string& name) const;
+
+protected:
     std::string store;
     std::string scratch;
 };
