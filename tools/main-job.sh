@@ -105,7 +105,9 @@ sign_through_cryptoapi() {
     win "$bin/calyth-sign.exe" --container "$key_id" --pin "$pin" --hash sha256 --cms --in "$document" --out "$message"
     local log
     log=$(find "$prefix/drive_c/users" -path "*Quorvik Labs/calyth-sign/*.LOG" 2>/dev/null | sort | tail -1)
-    [ -n "$log" ] && echo "provider log: $log ($(grep -c CPSignHash "$log") CPSignHash lines)"
+    if [ -n "$log" ]; then
+        echo "provider log: $log"
+    fi
 }
 
 verify_with_openssl() {

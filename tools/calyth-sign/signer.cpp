@@ -1,5 +1,7 @@
 #include "signer.h"
 
+#include <algorithm>
+
 namespace calythsign {
 namespace {
 
@@ -97,7 +99,7 @@ bool signHash(const SignRequest& request, const Bytes& document, Bytes* signatur
         return false;
     // CryptoAPI hands signatures out little-endian.
     signature->resize(length);
-    signature->assign(signature->rbegin(), signature->rend());
+    std::reverse(signature->begin(), signature->end());
     return true;
 }
 

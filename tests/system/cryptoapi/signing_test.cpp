@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "cryptoapi_support.h"
+#include "support/test_certificates.h"
 #include "support/test_support.h"
 #include "util/utils.h"
 
@@ -456,3 +457,78 @@ TEST_F(SignMessage, AttachedSignatureCarriesTheDocumentAndVerifiesInOpenSslAndCr
 }
 
 }  // namespace
+
+// calyth-sign.exe, the signing tool of the main job, as a separate client process.
+class SignTool : public Signing {
+protected:
+    static int signTool(const std::string& arguments, std::string* output) {
+        return testsupport::runCommand("\"" + programFolder() + "calyth-sign.exe\" " + arguments, output);
+    }
+};
+
+TEST_F(SignTool, WritesTheBigEndianSignatureOpenSslVerifies) {
+    std::string data = writeTemp("tool-document.txt", kDocument);
+    std::string sig = tempPath("tool-document.sig");
+    std::string output;
+    ASSERT_EQ(signTool("--container " + token.keyId + " --pin " + kPin + " --hash sha384 --in \"" + data +
+                           "\" --out \"" + sig + "\"",
+                       &output),
+              0)
+        << output;
+    EXPECT_NE(output.find("signature: 256 bytes (sha384, " + token.keyId + ")"), std::string::npos) << output;
+    EXPECT_EQ(openssl("dgst -sha384 -verify " + unixPath(token.publicPem) + " -signature " + unixPath(sig) +
+                          " " + unixPath(data),
+                      &output),
+              0)
+        << output;
+}
+
+TEST_F(SignTool, CmsCarriesTheCertificateStoredOnTheToken) {
+    const MessageCertificate& certificate = messageCertificate();
+    ASSERT_FALSE(certificate.leafDer.empty());
+    std::string output;
+    if (listedLines(kSerial, "certificate").empty()) {
+        ASSERT_EQ(calythToken(std::string("import-cert --serial ") + kSerial + " --in \"" +
+                                  tempPath("message-leaf.der") + "\"",
+                              &output),
+                  0)
+            << output;
+    }
+    std::string data = writeTemp("tool-message.txt", kDocument);
+    std::string p7s = tempPath("tool-message.p7s");
+    ASSERT_EQ(signTool("--container " + token.keyId + " --pin " + kPin + " --cms --in \"" + data +
+                           "\" --out \"" + p7s + "\"",
+                       &output),
+              0)
+        << output;
+    EXPECT_EQ(openssl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " + unixPath(data) +
+                          " -CAfile " + unixPath(certificate.caPem) + " -purpose any -out /dev/null",
+                      &output),
+              0)
+        << output;
+    std::vector<Bytes> carried = testcerts::pkcs7Certificates(testsupport::readFile(p7s));
+    ASSERT_EQ(carried.size(), 1u);
+    EXPECT_EQ(carried[0], certificate.leafDer);
+}
+
+TEST_F(SignTool, WrongPinAndBadArgumentsEndWithTheirExitCodes) {
+    std::string data = writeTemp("tool-refused.txt", kDocument);
+    std::string sig = tempPath("tool-refused.sig");
+    std::string output;
+    EXPECT_EQ(
+        signTool("--container " + token.keyId + " --pin 0000 --in \"" + data + "\" --out \"" + sig + "\"",
+                 &output),
+        1);
+    EXPECT_NE(output.find("CryptSetProvParam(PP_SIGNATURE_PIN) failed: 0x8009001A"), std::string::npos)
+        << output;
+    EXPECT_FALSE(testsupport::pathExists(sig));
+    EXPECT_EQ(signTool("--container " + token.keyId + " --in \"" + data + "\"", &output), 2);
+    EXPECT_NE(output.find("missing --out"), std::string::npos) << output;
+    EXPECT_EQ(
+        signTool("--container " + token.keyId + " --hash md5 --in \"" + data + "\" --out \"" + sig + "\"",
+                 &output),
+        2);
+    // A wrong PIN costs an attempt; put the count back for the other tests.
+    Provider provider;
+    openWithPin(provider);
+}
