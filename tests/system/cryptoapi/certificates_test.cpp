@@ -225,16 +225,34 @@ TEST_F(Certificates, CertChainIsAPkcs7MessageWithTheThreeCertificates) {
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(carried, expected);
 
-    // crypt32 opens the message as a certificate store, as an application importing a chain does.
-    CRYPT_DATA_BLOB blob{static_cast<DWORD>(message.size()), message.data()};
-    HCERTSTORE store =
-        CertOpenStore(CERT_STORE_PROV_PKCS7, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, &blob);
+    // crypt32 reads the message as a certificate store, as an application importing the chain does,
+    // and builds the whole chain from it: leaf, intermediate, root (the root is not trusted here).
+    HCERTSTORE store = CryptGetMessageCertificates(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0,
+                                                   message.data(), static_cast<DWORD>(message.size()));
     ASSERT_NE(store, nullptr) << std::hex << GetLastError();
     int count = 0;
     for (PCCERT_CONTEXT c = CertEnumCertificatesInStore(store, nullptr); c;
          c = CertEnumCertificatesInStore(store, c))
         ++count;
     EXPECT_EQ(count, 3);
+    PCCERT_CONTEXT leaf = CertCreateCertificateContext(X509_ASN_ENCODING, chainOnToken.leaf.data(),
+                                                       static_cast<DWORD>(chainOnToken.leaf.size()));
+    ASSERT_NE(leaf, nullptr);
+    CERT_CHAIN_PARA para{};
+    para.cbSize = sizeof para;
+    PCCERT_CHAIN_CONTEXT built = nullptr;
+    ASSERT_TRUE(CertGetCertificateChain(nullptr, leaf, nullptr, store, &para, 0, nullptr, &built));
+    ASSERT_EQ(built->cChain, 1u);
+    ASSERT_EQ(built->rgpChain[0]->cElement, 3u);
+    const CERT_CHAIN_ELEMENT* const* elements = built->rgpChain[0]->rgpElement;
+    EXPECT_EQ(Bytes(elements[1]->pCertContext->pbCertEncoded,
+                    elements[1]->pCertContext->pbCertEncoded + elements[1]->pCertContext->cbCertEncoded),
+              chainOnToken.intermediate);
+    EXPECT_EQ(Bytes(elements[2]->pCertContext->pbCertEncoded,
+                    elements[2]->pCertContext->pbCertEncoded + elements[2]->pCertContext->cbCertEncoded),
+              chainOnToken.root);
+    CertFreeCertificateChain(built);
+    CertFreeCertificateContext(leaf);
     CertCloseStore(store, 0);
 
     std::string file = writeTemp("certchain.p7b", message);
