@@ -10,18 +10,42 @@ export WINEPREFIX="$prefix" WINEDEBUG=-all
 unset DISPLAY
 mkdir -p "$prefix"
 
-# True while Wine's desktop process of this prefix runs.
-desktop_running() {
+# Start time (in clock ticks since boot) of a process.
+started_at() {
+    sed 's/.*) //' 2>/dev/null <"/proc/$1/stat" | cut -d' ' -f20
+}
+
+# Wine processes of this prefix (wineserver and Windows programs, nothing else that merely carries
+# WINEPREFIX) whose command line matches the pattern, one pid a line.
+prefix_processes() {
     for environ in /proc/[0-9]*/environ; do
         pid=${environ#/proc/}
         pid=${pid%/environ}
-        case "$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)" in
-        *explorer.exe\ /desktop*)
-            if tr '\0' '\n' <"$environ" 2>/dev/null | grep -qx "WINEPREFIX=$prefix"; then
-                return 0
+        case "$(readlink "/proc/$pid/exe" 2>/dev/null)" in
+        *wine*) ;;
+        *) continue ;;
+        esac
+        case "$(tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline")" in
+        $1)
+            if tr '\0' '\n' 2>/dev/null <"$environ" | grep -qx "WINEPREFIX=$prefix"; then
+                echo "$pid"
             fi
             ;;
         esac
+    done
+}
+
+# True while Wine's desktop process of this prefix runs under the current wineserver (processes of
+# an earlier server that was killed may linger and do not count).
+desktop_running() {
+    server=$(prefix_processes '*wineserver*' | head -n 1)
+    [ -n "$server" ] || return 1
+    since=$(started_at "$server")
+    for pid in $(prefix_processes '*explorer.exe /desktop*'); do
+        started=$(started_at "$pid")
+        if [ -n "$started" ] && [ "$started" -ge "$since" ]; then
+            return 0
+        fi
     done
     return 1
 }
@@ -79,5 +103,14 @@ stop)
         rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
     fi
     wineserver -k >/dev/null 2>&1 || true
+    # Processes of the prefix that wait on a pipe do not notice that their server is gone and would
+    # stay for ever (a desktop process among them): end what is left after a moment.
+    for _ in $(seq 1 20); do
+        [ -z "$(prefix_processes '*')" ] && break
+        sleep 0.1
+    done
+    for pid in $(prefix_processes '*'); do
+        kill -9 "$pid" 2>/dev/null || true
+    done
     ;;
 esac
