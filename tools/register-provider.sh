@@ -42,7 +42,10 @@ fi
 
 if [ "$action" = unregister ]; then
     if wine reg query "$key" >/dev/null 2>&1; then
-        wine reg delete "$key" /f >/dev/null
+        if ! output=$(wine reg delete "$key" /f 2>&1); then
+            echo "register-provider: cannot remove the key in $prefix: $output" >&2
+            exit 1
+        fi
         echo "unregistered \"$provider\" from $prefix"
     else
         echo "\"$provider\" was not registered in $prefix"
@@ -60,6 +63,14 @@ if [ -z "$image" ]; then
     echo "register-provider: winepath cannot name $dll" >&2
     exit 1
 fi
-wine reg add "$key" /v "Image Path" /t REG_SZ /d "$image" /f >/dev/null
-wine reg add "$key" /v Type /t REG_DWORD /d 1 /f >/dev/null
+# reg add writes a value, creating the key when it is missing.
+write_value() {
+    local output
+    if ! output=$(wine reg add "$key" /v "$1" /t "$2" /d "$3" /f 2>&1); then
+        echo "register-provider: cannot write \"$1\" in $prefix: $output" >&2
+        exit 1
+    fi
+}
+write_value "Image Path" REG_SZ "$image"
+write_value Type REG_DWORD 1
 echo "registered \"$provider\" (type 1) in $prefix: $image"

@@ -22,15 +22,15 @@ value() {
     wine reg query "$key" /v "$1" 2>/dev/null | tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z_]* *//p"
 }
 
-"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
+"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll"
 check $? 0 "register exits 0"
 check "$(value 'Image Path')" "$(winepath -w "$bin/CalythCSP.dll" 2>/dev/null)" "Image Path is the DLL's Windows path"
 check "$(value Type)" 0x1 "Type is 1 (PROV_RSA_FULL)"
 
-"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
+"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll"
 check $? 0 "registering again exits 0"
 
-"$script" --prefix "$WINEPREFIX" --unregister >/dev/null
+"$script" --prefix "$WINEPREFIX" --unregister
 check $? 0 "unregister exits 0"
 wine reg query "$key" >/dev/null 2>&1
 check $? 1 "the provider key is gone"
