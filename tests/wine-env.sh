@@ -32,6 +32,12 @@ start)
                 echo $! >"$prefix/xvfb.pid"
                 echo ":$n" >"$prefix/xvfb.display"
                 sleep 1
+                # The first program that needs a desktop starts Wine's desktop process, which then
+                # serves every program of the run through its display driver. Start it here on the
+                # display: were a program without a display first, no window could open in the
+                # run's DISPLAY programs, and mixed runs hung or failed.
+                DISPLAY=":$n" wine explorer.exe /desktop </dev/null >/dev/null 2>&1 &
+                sleep 1
                 break
             fi
         done

@@ -1,5 +1,7 @@
 #include "access_test_support.h"
 
+#include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "log/log.h"
@@ -38,6 +40,24 @@ size_t logCount(const std::string& entry) {
         if (line == entry)
             ++count;
     return count;
+}
+
+bool waitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {
+    DWORD start = GetTickCount();
+    while (!condition()) {
+        if (GetTickCount() - start > timeoutMs)
+            return false;
+        Sleep(10);
+    }
+    return true;
+}
+
+size_t otherThreadsCalling(const std::string& function, const std::vector<unsigned long>& known) {
+    std::set<unsigned long> threads;
+    for (const fake::Call& call : fake::callsTo(function))
+        if (std::find(known.begin(), known.end(), call.threadId) == known.end())
+            threads.insert(call.threadId);
+    return threads.size();
 }
 
 std::vector<std::string> serialsOf(const std::string& function) {

@@ -2,6 +2,9 @@
 // library, an empty token table and an empty log.
 #pragma once
 
+#include <windows.h>
+
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -16,6 +19,13 @@ namespace access_test {
 std::vector<std::string> logEntries();
 bool logHas(const std::string& entry);
 size_t logCount(const std::string& entry);
+
+// Polls the condition every 10 ms; false when it did not hold within timeoutMs.
+bool waitUntil(const std::function<bool()>& condition, DWORD timeoutMs);
+
+// The distinct threads other than those listed that called a device function (the monitor's
+// polling thread, when the listed threads are the test's own).
+size_t otherThreadsCalling(const std::string& function, const std::vector<unsigned long>& known);
 
 // The serials of the recorded calls of one device function.
 std::vector<std::string> serialsOf(const std::string& function);
