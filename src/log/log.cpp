@@ -83,7 +83,7 @@ std::string getProcessName() {
             }
         }
     } catch (const std::exception& e) {
-        std::printf("Exception in getProcessName(): %s\n", e.what());
+        std::printf("Exception in getProcessName(): %s", e.what());
     }
     return name;
 }
@@ -95,7 +95,8 @@ int createLogFolder(const char* path) {
         // Stops after the first folder it actually creates: on a fresh machine the first log
         // call makes only "Quorvik Labs", the second the process folder, and lines are written
         // from the third call on. Existing folders make CreateDirectoryA fail and the walk go on.
-        for (size_t i = 1; buffer[i] != '\0'; ++i) {
+        // The walk starts at the second character; an empty path has none.
+        for (size_t i = 1; buffer[0] != '\0' && buffer[i] != '\0'; ++i) {
             if (buffer[i] != '/')
                 continue;
             buffer[i] = '\0';
@@ -106,7 +107,7 @@ int createLogFolder(const char* path) {
         }
         return CreateDirectoryA(buffer, nullptr);
     } catch (const std::exception& e) {
-        std::printf("Exception in Create Log Folder: %s\n", e.what());
+        std::printf("Exception in Create Log Folder: %s", e.what());
         return -1;
     }
 }
@@ -121,7 +122,7 @@ void writeLog(int32_t level, const std::string& message) {
         appendBounded(path, sizeof path, "/Quorvik Labs/");
         appendBounded(path, sizeof path, getProcessName().c_str());
         appendBounded(path, sizeof path, "/");
-        createLogFolder(path);
+        std::string folders = path;
 
         char date[64];
         std::time_t now = std::time(nullptr);
@@ -131,7 +132,11 @@ void writeLog(int32_t level, const std::string& message) {
 
         if (g_logMutex)
             g_logMutex->lock();
+        // The file is opened before the missing folders are made, and each call makes at most
+        // one folder: on a machine without them, the first line creates "Quorvik Labs", the second
+        // the process folder, both are lost with "Unable to write log", and the third is written.
         std::ofstream file(path, std::ios::app | std::ios::binary);
+        createLogFolder(folders.c_str());
         if (!file.good()) {
             std::printf("\nUnable to write log");
         } else {
@@ -140,6 +145,7 @@ void writeLog(int32_t level, const std::string& message) {
             char stamp[64];
             std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ", t.wDay, t.wMonth, t.wHour,
                           t.wMinute, t.wSecond, t.wMilliseconds);
+            // One buffer, one flush: concurrent writers rely on append mode alone.
             std::string line = std::string(stamp) + "->" + tagOf(level) + message + "\n";
             file.write(line.data(), static_cast<std::streamsize>(line.size()));
             file.flush();
@@ -152,13 +158,30 @@ void writeLog(int32_t level, const std::string& message) {
     }
 }
 
+namespace {
+
+// Logging must not disturb the caller's thread last error: entry points log a failure right
+// before or after setting it, and the registry read, folder creation and file open all change it.
+class LastErrorKeeper {
+public:
+    LastErrorKeeper() : saved_(GetLastError()) {}
+    ~LastErrorKeeper() { SetLastError(saved_); }
+
+private:
+    DWORD saved_;
+};
+
+}  // namespace
+
 void logDebug(std::string message) {
+    LastErrorKeeper keeper;
     if (getLogLevel() >= LOG_LEVEL_DEBUG) {
         writeLog(LOG_LEVEL_DEBUG, message);
     }
 }
 
 void logError(std::string message) {
+    LastErrorKeeper keeper;
     if (getLogLevel() >= LOG_LEVEL_ERROR) {
         writeLog(LOG_LEVEL_ERROR, message);
     }

@@ -129,3 +129,79 @@ const wchar_t* eccAlgorithmName(int32_t code, int32_t keyUsage) {
             return L"RSA";
     }
 }
+
+namespace {
+
+// One DER element at [*position, end): its tag and content; *position moves past it.
+bool readDerElement(const unsigned char** position, const unsigned char* end, unsigned char* tag,
+                    const unsigned char** content, size_t* contentLength) {
+    const unsigned char* p = *position;
+    if (end - p < 2)
+        return false;
+    *tag = *p++;
+    size_t length = *p++;
+    if (length & 0x80) {
+        size_t lengthBytes = length & 0x7F;
+        if (lengthBytes == 0 || lengthBytes > 4 || static_cast<size_t>(end - p) < lengthBytes)
+            return false;
+        length = 0;
+        for (size_t i = 0; i < lengthBytes; ++i)
+            length = length << 8 | *p++;
+    }
+    if (static_cast<size_t>(end - p) < length)
+        return false;
+    *content = p;
+    *contentLength = length;
+    *position = p + length;
+    return true;
+}
+
+// RSAPublicKey ::= SEQUENCE { modulus INTEGER, publicExponent INTEGER }
+bool modulusFromRsaPublicKey(const unsigned char* p, const unsigned char* end, Bytes* modulus) {
+    unsigned char tag = 0;
+    const unsigned char* content = nullptr;
+    size_t length = 0;
+    if (!readDerElement(&p, end, &tag, &content, &length) || tag != 0x30)
+        return false;
+    const unsigned char* inner = content;
+    if (!readDerElement(&inner, content + length, &tag, &content, &length) || tag != 0x02 || length == 0)
+        return false;
+    while (length > 1 && *content == 0x00) {
+        ++content;
+        --length;
+    }
+    modulus->assign(content, content + length);
+    return true;
+}
+
+}  // namespace
+
+bool rsaModulusFromDer(const unsigned char* der, int length, Bytes* modulus) {
+    if (der == nullptr || length < 2)
+        return false;
+    const unsigned char* end = der + length;
+    const unsigned char* p = der;
+    unsigned char tag = 0;
+    const unsigned char* content = nullptr;
+    size_t contentLength = 0;
+    if (!readDerElement(&p, end, &tag, &content, &contentLength) || tag != 0x30)
+        return false;
+    // A SubjectPublicKeyInfo starts with the AlgorithmIdentifier SEQUENCE; an RSAPublicKey with the
+    // modulus INTEGER.
+    const unsigned char* inner = content;
+    const unsigned char* innerEnd = content + contentLength;
+    const unsigned char* first = nullptr;
+    size_t firstLength = 0;
+    if (!readDerElement(&inner, innerEnd, &tag, &first, &firstLength))
+        return false;
+    if (tag == 0x02)
+        return modulusFromRsaPublicKey(der, end, modulus);
+    if (tag != 0x30)
+        return false;
+    const unsigned char* bits = nullptr;
+    size_t bitsLength = 0;
+    if (!readDerElement(&inner, innerEnd, &tag, &bits, &bitsLength) || tag != 0x03 || bitsLength < 1 ||
+        bits[0] != 0x00)
+        return false;
+    return modulusFromRsaPublicKey(bits + 1, bits + bitsLength, modulus);
+}

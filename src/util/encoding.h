@@ -28,3 +28,7 @@ Bytes derPublicKeyFromStored(const unsigned char* bytes, int length);
 uint32_t keySizeCodeToBits(int32_t code);
 // CNG algorithm name of a key: "RSA", "ECDSA_P256" ... or "ECDH_P256" ... for exchange keys.
 const wchar_t* eccAlgorithmName(int32_t code, int32_t keyUsage);
+
+// The modulus of a DER RSA public key (a SubjectPublicKeyInfo or a bare RSAPublicKey), big-endian
+// and without the 0x00 sign byte in front. False when the bytes are neither.
+bool rsaModulusFromDer(const unsigned char* der, int length, Bytes* modulus);

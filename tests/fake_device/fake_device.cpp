@@ -533,6 +533,8 @@ int calyth_importCertificate(const char* serial, const char* pin, CalythCertific
     }
     if (record("calyth_importCertificate", serial, args, &forced))
         return forced;
+    if (hooks().importCertificate)
+        return hooks().importCertificate(serial, pin, certificate);
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     Token* t = connectedToken(serial);
     if (!t || !certificate)
@@ -691,7 +693,7 @@ int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
     if (hooks().encrypt)
         return hooks().encrypt(type, padding, data, dataLength, output, outputLength, publicKeyDer,
                                publicKeyDerLength);
-    if (!data || !output || !outputLength || *outputLength < dataLength)
+    if (!data || !output || !outputLength)
         return 1;
     for (int i = 0; i < dataLength; ++i)
         output[i] = data[i] ^ kRsaFakeMask;

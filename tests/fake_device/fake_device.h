@@ -66,6 +66,7 @@ struct Hooks {
         ecdhDerive;
     std::function<int(const char* serial, const char* pin, CalythKeyPair* keyPair)> generateKeyPair;
     std::function<int(const char* serial, int length, unsigned char* output, bool useSoftware)> random;
+    std::function<int(const char* serial, const char* pin, CalythCertificate* certificate)> importCertificate;
     // Runs after every recorded call, on the calling thread, before the call does its work (e.g.
     // to unplug a token in the middle of an operation).
     std::function<void(const Call& call)> afterCall;

@@ -17,7 +17,9 @@ namespace {
 
 const char* kLogKey = "Software\\Quorvik Labs\\Calyth";
 
-void removeTree(const std::string& folder) {
+}  // namespace
+
+void removeFolder(const std::string& folder) {
     WIN32_FIND_DATAA data;
     HANDLE find = FindFirstFileA((folder + "\\*").c_str(), &data);
     if (find != INVALID_HANDLE_VALUE) {
@@ -27,7 +29,7 @@ void removeTree(const std::string& folder) {
                 continue;
             std::string path = folder + "\\" + name;
             if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                removeTree(path);
+                removeFolder(path);
             } else {
                 DeleteFileA(path.c_str());
             }
@@ -36,6 +38,12 @@ void removeTree(const std::string& folder) {
     }
     RemoveDirectoryA(folder.c_str());
 }
+
+bool pathExists(const std::string& path) {
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+namespace {
 
 // The host name without its extension, as the provider's log names its folder.
 std::string getProcessName() {
@@ -57,7 +65,7 @@ void usePrivateTempFolder() {
     std::string base = tempFolder() + "calyth-tests";
     CreateDirectoryA(base.c_str(), nullptr);
     std::string folder = base + "\\" + getProcessName();
-    removeTree(folder);
+    removeFolder(folder);
     CreateDirectoryA(folder.c_str(), nullptr);
     std::string withSlash = folder + "\\";
     SetEnvironmentVariableA("TMP", withSlash.c_str());
@@ -81,6 +89,10 @@ std::string unixPath(const std::string& windowsPath) {
 }
 
 int runCommand(const std::string& commandLine, std::string* output) {
+    // The first process of a Wine session that uses a window function starts Wine's desktop
+    // process, which keeps the standard handles it was started with: a child that did so would
+    // leave the output pipe open for ever. Starting the desktop here first avoids that.
+    GetDesktopWindow();
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE readEnd = nullptr;
     HANDLE writeEnd = nullptr;
@@ -119,20 +131,43 @@ int runCommand(const std::string& commandLine, std::string* output) {
     return static_cast<int>(code);
 }
 
+namespace {
+
+// Starts a command line without handing it any of this process's handles.
+bool startDetached(const std::string& commandLine) {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    std::vector<char> line(commandLine.begin(), commandLine.end());
+    line.push_back('\0');
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process)) {
+        return false;
+    }
+    CloseHandle(process.hProcess);
+    CloseHandle(process.hThread);
+    return true;
+}
+
+}  // namespace
+
 int runNative(const std::string& commandLine, std::string* output) {
     // A native program started from Wine neither writes into a Windows pipe nor can be waited for
     // through its process handle: the shell writes the output and then the exit code to files,
     // and the exit-code file tells that the command has ended.
-    static int sequence = 0;
-    std::string base =
-        tempFolder() + "native-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++sequence);
+    static volatile LONG sequence = 0;
+    std::string base = tempFolder() + "native-" + std::to_string(GetCurrentProcessId()) + "-" +
+                       std::to_string(InterlockedIncrement(&sequence));
     std::string capture = base + ".out";
     std::string status = base + ".rc";
     std::string partial = base + ".rc.tmp";
-    runCommand("/bin/sh -c \"" + commandLine + " >'" + unixPath(capture) + "' 2>&1; echo $? >'" +
-               unixPath(partial) + "'; mv '" + unixPath(partial) + "' '" + unixPath(status) + "'\"");
+    if (!startDetached("/bin/sh -c \"" + commandLine + " >'" + unixPath(capture) + "' 2>&1; echo $? >'" +
+                       unixPath(partial) + "'; mv '" + unixPath(partial) + "' '" + unixPath(status) +
+                       "'\"")) {
+        return -1;
+    }
     for (int waited = 0; GetFileAttributesA(status.c_str()) == INVALID_FILE_ATTRIBUTES; waited += 10) {
-        if (waited > 300000)
+        if (waited > 120000)
             return -1;
         Sleep(10);
     }
@@ -157,6 +192,11 @@ void setLogLevel(uint32_t level) {
         RegSetValueExA(key, "logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof level);
         RegCloseKey(key);
     }
+}
+
+void setLogLevelRaw(uint32_t type, const std::vector<unsigned char>& data) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, kLogKey, "logLevel", type, data.data(),
+                    static_cast<DWORD>(data.size()));
 }
 
 void removeLogLevel() {
@@ -192,6 +232,18 @@ void clearLog() {
 
 bool logContains(const std::string& text) {
     return readLog().find(text) != std::string::npos;
+}
+
+bool logHasLine(const std::string& level, const std::string& message) {
+    std::string tag = "->" + level + " ::=>";
+    std::istringstream in(readLog());
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t at = line.find(tag);
+        if (at != std::string::npos && line.compare(at + tag.size(), std::string::npos, message) == 0)
+            return true;
+    }
+    return false;
 }
 
 std::vector<unsigned char> readFile(const std::string& path) {

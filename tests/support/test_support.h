@@ -15,6 +15,8 @@ std::string tempFolder();
 // Sets HKLM\Software\Quorvik Labs\Calyth "logLevel" as a REG_DWORD, or removes the value.
 void setLogLevel(uint32_t level);
 void removeLogLevel();
+// Sets "logLevel" with any registry value type and raw data (REG_SZ, REG_BINARY, ...).
+void setLogLevelRaw(uint32_t type, const std::vector<unsigned char>& data);
 
 // Path of today's log file of this process, and its whole content ("" when missing).
 std::string logFilePath();
@@ -25,8 +27,13 @@ std::vector<std::string> logMessages();
 void clearLog();
 // True when some line of the log holds `text`.
 bool logContains(const std::string& text);
+// True when some line of the log was written at `level` ("DEBUG", "ERROR") with exactly `message`.
+bool logHasLine(const std::string& level, const std::string& message);
 
 std::vector<unsigned char> readFile(const std::string& path);
+bool pathExists(const std::string& path);
+// Deletes a folder with everything in it.
+void removeFolder(const std::string& folder);
 void writeFile(const std::string& path, const std::vector<unsigned char>& bytes);
 
 // The Unix path of a Windows path (Wine's own mapping), for native programs such as openssl.

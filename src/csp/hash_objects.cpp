@@ -1,0 +1,149 @@
+// Hash objects: creation, feeding, duplication and destruction. The digest is computed on the
+// token; HASH_CONTEXT keeps the token's hash handle and, once read, the value.
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <new>
+#include <string>
+
+#include "csp/csp_entry_points.h"
+#include "csp/entry_support.h"
+#include "csp/hash_algorithms.h"
+#include "csp/hash_context.h"
+#include "log/log.h"
+#include "token/csp_context.h"
+#include "token/device_library.h"
+
+namespace {
+
+// Starts a hash of the given code on the context's token; the old handle, if any, is simply
+// dropped (the library keeps its handles for the life of the process).
+int startDeviceHash(const CspContext* context, HASH_CONTEXT* hash, int32_t mechanism) {
+    return calyth_initHash(context->serialNumber.c_str(), mechanism, &hash->deviceHash,
+                           context->deviceContext);
+}
+
+}  // namespace
+
+extern "C" {
+
+BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY /*hKey*/, DWORD dwFlags,
+                         HCRYPTHASH* phHash) {
+    return runEntryPoint("CPCreateHash", [&]() -> BOOL {
+        logDebug("CPCreateHash");
+        if (phHash == nullptr || hProv == 0)
+            return failWith("CPCreateHash: invalid parameter - phHash=" + decimalText(phHash) +
+                                " hProv=" + decimalText(hProv),
+                            ERROR_INVALID_PARAMETER);
+        if (dwFlags != 0)
+            return failWith("CPCreateHash: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+        CspContext* context = cspContextFrom(hProv);
+        if (!context->initialized)
+            return failWith("CPCreateHash: context not initialized", NTE_BAD_UID);
+
+        HASH_CONTEXT* hash = new (std::nothrow) HASH_CONTEXT{};
+        if (hash == nullptr)
+            return failWith("CPCreateHash: failed to allocate HASH_CONTEXT", NTE_NO_MEMORY);
+        hash->valid = 1;
+        logDebug("Crete hash algorithm input : " + std::to_string(Algid));
+
+        const HashAlgorithm* algorithm = hashAlgorithmByAlgId(Algid);
+        if (algorithm == nullptr) {
+            delete hash;
+            return failWith("CPCreateHash: unsupported Algid=0x" + hex8Text(Algid), NTE_BAD_ALGID);
+        }
+        logDebug(algorithm->logLine);
+        hash->hashLength = algorithm->length;
+        hash->hmac = 0;
+        hash->mechanism = algorithm->mechanism;
+        hash->hashAlgorithm = algorithm->mechanism;
+        logDebug("Crete hash algorithm : " + std::to_string(hash->mechanism));
+
+        int ret = startDeviceHash(context, hash, hash->mechanism);
+        if (ret != CALYTH_OK) {
+            delete hash;
+            return failWith("CPCreateHash: calyth_initHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+        }
+        *phHash = reinterpret_cast<HCRYPTHASH>(hash);
+        return TRUE;
+    });
+}
+
+BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD cbDataLen,
+                       DWORD /*dwFlags*/) {
+    return runEntryPoint("CPHashData", [&]() -> BOOL {
+        logDebug("CPHashData");
+        if (!isUsableContext(hProv))
+            return failWith("CPHashData: invalid or uninitialized context", NTE_BAD_UID);
+        if (hHash == 0)
+            return failWith("CPHashData: pHashHandle is NULL", NTE_BAD_HASH);
+        // The cached value, once there, wins: data fed afterwards reaches only the token's hash.
+        const CspContext* context = cspContextFrom(hProv);
+        int ret = calyth_updateHash(hashContextFrom(hHash)->deviceHash, pbData, static_cast<int>(cbDataLen),
+                                    context->deviceContext);
+        if (ret != CALYTH_OK)
+            return failWith("CPHashData: calyth_updateHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+        return TRUE;
+    });
+}
+
+BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD* /*pdwReserved*/, DWORD dwFlags,
+                            HCRYPTHASH* phHash) {
+    return runEntryPoint("CPDuplicateHash", [&]() -> BOOL {
+        logDebug("CPDuplicateHash");
+        if (phHash == nullptr || hProv == 0 || hHash == 0)
+            return failWith("CPDuplicateHash: invalid parameter - phHash=" + decimalText(phHash) +
+                                " hProv=" + decimalText(hProv) + " hHash=" + decimalText(hHash),
+                            ERROR_INVALID_PARAMETER);
+        if (dwFlags != 0)
+            return failWith("CPDuplicateHash: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+        const CspContext* context = cspContextFrom(hProv);
+        if (!context->initialized)
+            return failWith("CPDuplicateHash: invalid or uninitialized context", NTE_BAD_UID);
+        const HASH_CONTEXT* source = hashContextFrom(hHash);
+        if (!source->valid)
+            return failWith("CPDuplicateHash: source hash is NULL or invalid", NTE_BAD_HASH);
+
+        HASH_CONTEXT* duplicate = new (std::nothrow) HASH_CONTEXT{};
+        if (duplicate == nullptr)
+            return failWith("CPDuplicateHash: failed to allocate HASH_CONTEXT", NTE_NO_MEMORY);
+        // The token cannot clone a running hash: the copy gets a fresh one, and only a value that
+        // is already cached travels with it.
+        *duplicate = *source;
+        duplicate->deviceHash = nullptr;
+        int ret = startDeviceHash(context, duplicate, source->mechanism);
+        if (ret != CALYTH_OK) {
+            delete duplicate;
+            return failWith("CPDuplicateHash: calyth_initHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+        }
+        *phHash = reinterpret_cast<HCRYPTHASH>(duplicate);
+        logDebug("CPDuplicateHash - source: 0x" + pointerHexText(source) + " duplicate: 0x" +
+                 pointerHexText(duplicate));
+        return TRUE;
+    });
+}
+
+BOOL WINAPI CPDestroyHash(HCRYPTPROV hProv, HCRYPTHASH hHash) {
+    return runEntryPoint("CPDestroyHash", [&]() -> BOOL {
+        logDebug("CPDestroyHash");
+        if (!isUsableContext(hProv))
+            return failWith("CPDestroyHash: invalid or uninitialized context", NTE_BAD_UID);
+        if (hHash == 0)
+            return failWith("CPDestroyHash: pHashHandle is NULL", NTE_BAD_HASH);
+        // The token's hash handle is neither finalised nor released: the library owns it.
+        delete hashContextFrom(hHash);
+        return TRUE;
+    });
+}
+
+BOOL WINAPI CPHashSessionKey(HCRYPTPROV /*hProv*/, HCRYPTHASH hHash, HCRYPTKEY hKey, DWORD dwFlags) {
+    return runEntryPoint("CPHashSessionKey", [&]() -> BOOL {
+        logDebug("CPHashSessionKey");
+        return failWith("CPHashSessionKey: not supported, hHash=" + decimalText(hHash) +
+                            " hKey=" + decimalText(hKey) + " dwFlags=" + std::to_string(dwFlags),
+                        ERROR_CALL_NOT_IMPLEMENTED);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,27 @@
+#include "csp/key_copy.h"
+
+#include <algorithm>
+#include <cstring>
+
+void copyLabel(char* destination, size_t limit, const char* source, size_t capacity) {
+    size_t length = 0;
+    while (length < capacity && length < limit && source[length] != '\0')
+        ++length;
+    std::memcpy(destination, source, length);
+    destination[length] = '\0';
+}
+
+void copyKeyPairIntoHandle(const CalythKeyPair& keyPair, KEY_HANDLE* key) {
+    std::memcpy(key->keyId, keyPair.keyId, sizeof(key->keyId));
+    key->keyIdLength = KEY_ID_LENGTH;
+
+    int32_t objectIdLength = std::clamp<int32_t>(keyPair.objectIdLength, 0, sizeof(key->objectId));
+    std::memcpy(key->objectId, keyPair.objectId, objectIdLength);
+    key->objectIdLength = objectIdLength;
+
+    copyLabel(key->label, KEY_LABEL_CHARACTERS, keyPair.label, sizeof(keyPair.label));
+
+    int32_t publicKeyLength = std::clamp<int32_t>(keyPair.publicKeyLength, 0, sizeof(key->publicKey));
+    std::memcpy(key->publicKey, keyPair.publicKey, publicKeyLength);
+    key->publicKeyLength = publicKeyLength;
+}

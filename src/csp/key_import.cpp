@@ -1,0 +1,374 @@
+// Key import: CryptoAPI key blobs become key objects. Public RSA keys and SIMPLEBLOB session keys
+// live only in memory; plaintext and wrapped AES keys are stored on the token first.
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "csp/csp_entry_points.h"
+#include "csp/device_output.h"
+#include "csp/entry_point_guard.h"
+#include "csp/key_copy.h"
+#include "csp/key_handle.h"
+#include "log/log.h"
+#include "token/csp_context.h"
+#include "token/device_library.h"
+#include "token/token_table.h"
+#include "util/encoding.h"
+#include "util/utils.h"
+
+namespace {
+
+constexpr DWORD kBlobHeaderSize = 8;              // BLOBHEADER
+constexpr DWORD kBlobBodyOffset = 12;             // where the data length of every blob type starts counting
+constexpr DWORD kRsaModulusOffset = 20;           // BLOBHEADER + RSAPUBKEY
+constexpr uint32_t kRsaPublicMagic = 0x31415352;  // "RSA1"
+
+// The fixed fields at the front of a blob, read from a zero-padded copy so that a blob shorter than
+// its headers never reads past the caller's buffer.
+struct BlobFront {
+    BYTE bType;
+    BYTE bVersion;
+    WORD reserved;
+    ALG_ID aiKeyAlg;
+    uint32_t field8;   // RSAPUBKEY magic, or the SIMPLEBLOB encrypting algorithm
+    uint32_t field12;  // RSAPUBKEY bitlen
+    uint32_t field16;  // RSAPUBKEY pubexp
+};
+static_assert(sizeof(BlobFront) == 20);
+
+BlobFront readBlobFront(const BYTE* pbData, DWORD cbData) {
+    BlobFront front{};
+    std::memcpy(&front, pbData, std::min<DWORD>(cbData, sizeof(front)));
+    return front;
+}
+
+HCRYPTKEY handleOf(KEY_HANDLE* key) {
+    return reinterpret_cast<HCRYPTKEY>(key);
+}
+
+int32_t rsaSizeCode(uint32_t bitlen) {
+    switch (bitlen) {
+        case 1024:
+            return CALYTH_KEY_RSA_1024;
+        case 2048:
+            return CALYTH_KEY_RSA_2048;
+        case 3072:
+            return CALYTH_KEY_RSA_3072;
+        case 4096:
+            return CALYTH_KEY_RSA_4096;
+        default:
+            return 0;
+    }
+}
+
+// Big-endian bytes of a public exponent without leading zeros (01 00 01 for 65537).
+Bytes exponentBytes(uint32_t exponent) {
+    Bytes out;
+    for (; exponent != 0; exponent >>= 8)
+        out.insert(out.begin(), static_cast<unsigned char>(exponent & 0xFF));
+    return out;
+}
+
+// Gives an imported secret key to a key object; false when it does not fit.
+bool attachSymmetricKey(KEY_HANDLE* key, const unsigned char* bytes, int length) {
+    if (length < 0 || length > static_cast<int>(sizeof(key->symmetricKey)))
+        return false;
+    std::memcpy(key->symmetricKey, bytes, length);
+    key->symmetricKeyLength = length;
+    key->bits = static_cast<uint32_t>(length) * 8;
+    return true;
+}
+
+BOOL keyTooLong(const char* blobName, int length) {
+    return failWithError(
+        static_cast<DWORD>(NTE_BAD_DATA),
+        std::string("CPImportKey ") + blobName + ": key material too long, length=" + std::to_string(length));
+}
+
+BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& front, HCRYPTKEY* phKey) {
+    uint32_t magic = front.field8;
+    uint32_t bitlen = front.field12;
+    uint32_t pubexp = front.field16;
+    if (magic != kRsaPublicMagic) {
+        char actual[16];
+        std::snprintf(actual, sizeof actual, "%x", magic);
+        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
+                             std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);
+    }
+    uint64_t modulusLength = bitlen / 8;
+    uint64_t required = modulusLength + kRsaModulusOffset;
+    if (cbData < required)
+        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
+                             "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" + std::to_string(cbData) +
+                                 " required=" + std::to_string(required));
+
+    // CryptoAPI keeps the modulus little-endian; DER wants it big-endian.
+    Bytes beModulus;
+    try {
+        beModulus.assign(pbData + kRsaModulusOffset, pbData + kRsaModulusOffset + modulusLength);
+    } catch (const std::bad_alloc&) {
+        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                             "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
+    }
+    std::reverse(beModulus.begin(), beModulus.end());
+
+    Utils utils;
+    Bytes exponent = exponentBytes(pubexp);
+    std::string exponentHex = utils.bytesToHex(exponent.data(), static_cast<int>(exponent.size()));
+    logDebug("Public exponent : " + exponentHex);
+    Bytes der = buildRsaSubjectPublicKeyInfo(
+        utils.bytesToHex(beModulus.data(), static_cast<int>(beModulus.size())), exponentHex);
+
+    KEY_HANDLE* key = allocateKeyHandle();
+    if (key == nullptr)
+        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                             "CPImportKey PUBLICKEYBLOB: failed to allocate KEY_HANDLE");
+    key->keyIdLength = KEY_ID_LENGTH;
+    key->inMemory = 1;
+    key->algId = front.aiKeyAlg;
+    key->bits = bitlen;
+    size_t stored = std::min(der.size(), sizeof(key->publicKey));
+    std::memcpy(key->publicKey, der.data(), stored);
+    key->publicKeyLength = static_cast<int32_t>(stored);
+    key->sizeCode = rsaSizeCode(bitlen);
+    if (key->sizeCode == 0 || der.size() > sizeof(key->publicKey)) {
+        freeKeyHandle(key);
+        return failWithError(static_cast<DWORD>(NTE_BAD_DATA), "Unsupported RSA key size");
+    }
+
+    *phKey = handleOf(key);
+    logDebug("PUBLICKEYBLOB imported successfully");
+    return TRUE;
+}
+
+// One unwrapping attempt with the token key behind hPubKey.
+int decryptWithToken(const CspContext* context, const KEY_HANDLE* unwrapKey, const std::string& pin,
+                     const Bytes& encrypted, DeviceOutput* plain) {
+    plain->release();
+    return calyth_decrypt(context->serialNumber.c_str(), unwrapKey->keyId, pin.c_str(), encrypted.data(),
+                          static_cast<int>(encrypted.size()), &plain->bytes, &plain->length,
+                          unwrapKey->tokenFlag != 0, context->deviceContext);
+}
+
+BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLength, const BlobFront& front,
+                      HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+    if (hPubKey == 0)
+        return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "SIMPLEBLOB requires public key handle");
+    const KEY_HANDLE* unwrapKey = keyHandleFrom(hPubKey);
+    Utils utils;
+    logDebug("Input key id : " + utils.bytesToHex(unwrapKey->keyId, KEY_ID_LENGTH));
+
+    // The blob carries the session key little-endian; the token expects big-endian first.
+    const BYTE* body = pbData + kBlobBodyOffset;
+    Bytes littleEndian(body, body + dataLength);
+    Bytes bigEndian(littleEndian.rbegin(), littleEndian.rend());
+    std::string pin = getValidatedPin(context->serialNumber);
+
+    DeviceOutput plain;
+    if (decryptWithToken(context, unwrapKey, pin, bigEndian, &plain) != 0) {
+        logError("SIMPLEBLOB decryption failed");
+        if (decryptWithToken(context, unwrapKey, pin, littleEndian, &plain) != 0)
+            return failWithError(static_cast<DWORD>(NTE_FAIL),
+                                 "SIMPLEBLOB decryption failed (both orderings)");
+    }
+
+    uint32_t type = 0;
+    switch (front.aiKeyAlg) {
+        case CALG_3DES:
+            type = CALYTH_SYMMETRIC_3DES;
+            break;
+        case CALG_AES_128:
+            type = CALYTH_SYMMETRIC_AES_128;
+            break;
+        case CALG_AES_256:
+            type = CALYTH_SYMMETRIC_AES_256;
+            break;
+        default:
+            return failWithError(static_cast<DWORD>(NTE_BAD_ALGID),
+                                 "Unsupported algorithm for SIMPLEBLOB: " + std::to_string(front.aiKeyAlg));
+    }
+
+    KEY_HANDLE* key = allocateKeyHandle();
+    if (key == nullptr)
+        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                             "CPImportKey SIMPLEBLOB: failed to allocate KEY_HANDLE");
+    key->keyIdLength = KEY_ID_LENGTH;
+    key->inMemory = 1;
+    key->algId = type;
+    key->sizeCode = static_cast<int32_t>(type);
+    if (!attachSymmetricKey(key, plain.bytes, plain.length)) {
+        freeKeyHandle(key);
+        return keyTooLong("SIMPLEBLOB", plain.length);
+    }
+    *phKey = handleOf(key);
+    logDebug("Output key id : " + utils.bytesToHex(key->keyId, KEY_ID_LENGTH));
+    logDebug("SIMPLEBLOB imported successfully (AES)");
+    return TRUE;
+}
+
+// Stores an AES key on the token and, when the token takes it, makes the key object that names it
+// (identifier, label and flag as the token filled them in).
+enum class TokenAesResult { Stored, Refused, TooLong, NoMemory };
+
+TokenAesResult storeAesKeyOnToken(const CspContext* context, const unsigned char* bytes, int length,
+                                  int32_t type, ALG_ID aiKeyAlg, HCRYPTKEY* phKey) {
+    CalythSymmetricKey record{};
+    if (length < 0 || length > static_cast<int>(sizeof(record.keyBytes)))
+        return TokenAesResult::TooLong;
+    std::memcpy(record.keyBytes, bytes, length);
+    record.keyLength = length;
+    record.type = type;
+    std::string pin = getValidatedPin(context->serialNumber);
+    if (calyth_importAesKey(context->serialNumber.c_str(), pin.c_str(), &record, context->deviceContext) != 0)
+        return TokenAesResult::Refused;
+
+    KEY_HANDLE* key = allocateKeyHandle();
+    if (key == nullptr)
+        return TokenAesResult::NoMemory;
+    std::memcpy(key->keyId, record.keyId, sizeof(key->keyId));
+    key->keyIdLength = KEY_ID_LENGTH;
+    key->inMemory = 1;
+    key->algId = aiKeyAlg;
+    key->sizeCode = type;
+    key->tokenFlag = record.tokenFlag;
+    copyLabel(key->label, KEY_LABEL_CHARACTERS, record.label, sizeof(record.label));
+    if (!attachSymmetricKey(key, record.keyBytes, std::min<int>(record.keyLength, sizeof(record.keyBytes)))) {
+        freeKeyHandle(key);
+        return TokenAesResult::TooLong;
+    }
+    *phKey = handleOf(key);
+    return TokenAesResult::Stored;
+}
+
+BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int dataLength,
+                            const BlobFront& front, HCRYPTKEY* phKey) {
+    int32_t type = 0;
+    if (front.aiKeyAlg == CALG_AES_128)
+        type = CALYTH_SYMMETRIC_AES_128;
+    else if (front.aiKeyAlg == CALG_AES_256)
+        type = CALYTH_SYMMETRIC_AES_256;
+    else
+        return failWithError(static_cast<DWORD>(NTE_BAD_ALGID),
+                             "Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(front.aiKeyAlg));
+    if (dataLength > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
+        return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
+
+    switch (storeAesKeyOnToken(context, pbData + kBlobBodyOffset, dataLength, type, front.aiKeyAlg, phKey)) {
+        case TokenAesResult::Stored:
+            logDebug("PLAINTEXTKEYBLOB imported successfully (AES)");
+            return TRUE;
+        case TokenAesResult::NoMemory:
+            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                                 "CPImportKey PLAINTEXTKEYBLOB: failed to allocate KEY_HANDLE");
+        case TokenAesResult::TooLong:
+            return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
+        default:
+            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "PLAINTEXTKEYBLOB import failed");
+    }
+}
+
+BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, int dataLength,
+                                const BlobFront& front, HCRYPTKEY* phKey) {
+    logDebug("SYMMETRICWRAPKEYBLOB: wrapped key length = " + std::to_string(dataLength));
+    // The wrapped key starts right after the BLOBHEADER; the data length keeps the blob's last four
+    // bytes out of it.
+    const BYTE* wrapped = pbData + kBlobHeaderSize;
+
+    std::vector<CalythSymmetricKey> keys =
+        calyth_getAesKeyList(context->serialNumber.c_str(), context->deviceContext);
+    DeviceOutput plain;
+    const CalythSymmetricKey* unwrapper = nullptr;
+    for (const CalythSymmetricKey& candidate : keys) {
+        if (candidate.type != CALYTH_SYMMETRIC_AES_128 && candidate.type != CALYTH_SYMMETRIC_AES_256)
+            continue;
+        plain.release();
+        int result = calyth_decrypt_aes(context->serialNumber.c_str(), candidate.keyId, KEY_ID_LENGTH,
+                                        wrapped, dataLength, &plain.bytes, &plain.length,
+                                        candidate.tokenFlag != 0, nullptr, 0, context->deviceContext);
+        if (result == 0) {
+            unwrapper = &candidate;
+            break;
+        }
+    }
+    if (unwrapper == nullptr)
+        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
+                             "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
+    Utils utils;
+    logDebug("Successfully unwrapped key with KEK: " + utils.bytesToHex(unwrapper->keyId, KEY_ID_LENGTH));
+
+    if (plain.length > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
+        return keyTooLong("SYMMETRICWRAPKEYBLOB", plain.length);
+    int32_t type = front.aiKeyAlg == CALG_AES_128 ? CALYTH_SYMMETRIC_AES_128 : CALYTH_SYMMETRIC_AES_256;
+    switch (storeAesKeyOnToken(context, plain.bytes, plain.length, type, front.aiKeyAlg, phKey)) {
+        case TokenAesResult::Stored:
+            logDebug("SYMMETRICWRAPKEYBLOB imported successfully");
+            return TRUE;
+        case TokenAesResult::NoMemory:
+            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                                 "CPImportKey SYMMETRICWRAPKEYBLOB: failed to allocate KEY_HANDLE");
+        case TokenAesResult::TooLong:
+            return keyTooLong("SYMMETRICWRAPKEYBLOB", plain.length);
+        default:
+            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "Import of unwrapped AES key failed");
+    }
+}
+
+BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPubKey, DWORD dwFlags,
+               HCRYPTKEY* phKey) {
+    logDebug("Input length : " + std::to_string(cbData));
+    logDebug("Input flag : " + std::to_string(dwFlags));
+    if (pbData == nullptr)
+        return failWithError(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
+    if (!isUsableContext(hProv))
+        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
+                             "CPImportKey - Contest null or not initialised");
+    if (phKey == nullptr)
+        return failWithError(ERROR_INVALID_PARAMETER, "CPImportKey - output key handle is null");
+    const CspContext* context = cspContextFrom(hProv);
+
+    BlobFront front = readBlobFront(pbData, cbData);
+    // Signed, as every blob type counts it; a blob shorter than 12 bytes holds no data at all.
+    int dataLength = static_cast<int>(static_cast<int64_t>(cbData) - kBlobBodyOffset);
+    logDebug("CPImportKey - input type : " + std::to_string(front.bType));
+    logDebug("CPImportKey - input version : " + std::to_string(front.bVersion));
+    logDebug("CPImportKey - input alg : " + std::to_string(front.aiKeyAlg));
+    logDebug("CPImportKey - input data length : " + std::to_string(dataLength));
+    if (dataLength <= 0)
+        return failWithError(static_cast<DWORD>(NTE_INVALID_PARAMETER),
+                             "CPImportKey - Input data to import is empty");
+
+    switch (front.bType) {
+        case PUBLICKEYBLOB:
+            return importPublicKeyBlob(pbData, cbData, front, phKey);
+        case SIMPLEBLOB:
+            return importSimpleBlob(context, pbData, dataLength, front, hPubKey, phKey);
+        case PLAINTEXTKEYBLOB:
+            return importPlainTextKeyBlob(context, pbData, dataLength, front, phKey);
+        case SYMMETRICWRAPKEYBLOB:
+            return importSymmetricWrapKeyBlob(context, pbData, dataLength, front, phKey);
+        case PRIVATEKEYBLOB:
+        case PUBLICKEYBLOBEX:
+            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "Key Block Not Implemented yet");
+        default:
+            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE),
+                                 "CPImportKey - Unsupported type : " + std::to_string(front.bType));
+    }
+}
+
+}  // namespace
+
+extern "C" BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbDataLen, HCRYPTKEY hPubKey,
+                                   DWORD dwFlags, HCRYPTKEY* phKey) {
+    logDebug("CPImportKey");
+    return runEntryPoint("CPImportKey",
+                         [&] { return importKey(hProv, pbData, cbDataLen, hPubKey, dwFlags, phKey); });
+}

@@ -1,0 +1,87 @@
+#include <cstring>
+#include <string>
+
+#include "csp/csp_entry_points.h"
+#include "log/log.h"
+#include "token/csp_context.h"
+#include "token/device_library.h"
+#include "token/process_state.h"
+#include "token/token_table.h"
+
+namespace {
+
+BOOL setClientWindow(CspContext* context, const BYTE* pbData) {
+    HWND window = nullptr;
+    if (pbData != nullptr)
+        std::memcpy(&window, pbData, sizeof window);
+    context->clientWindow = window;
+    return TRUE;
+}
+
+// PP_KEYEXCHANGE_PIN / PP_SIGNATURE_PIN: the token checks the PIN; a good one is remembered for the
+// token so that later private-key operations do not ask for it.
+BOOL setPin(const CspContext* context, const BYTE* pbData) {
+    if (pbData == nullptr) {
+        logError("CPSetProvParam: NULL PIN data");
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::string pin(reinterpret_cast<const char*>(pbData));
+    logDebug("CPSetProvParam - passwordLength : " + std::to_string(pin.size()));
+    int remaining = 0;
+    int result = calyth_validatePassword(context->serialNumber.c_str(), pin.c_str(), 1, &remaining,
+                                         context->deviceContext);
+    if (result != 0) {
+        logError("CPSetProvParam - Token password validation failed : " + std::to_string(result));
+        SetLastError(static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
+        return FALSE;
+    }
+    storeValidatedPin(context->serialNumber, pin);
+    return TRUE;
+}
+
+BOOL setHardwareRng(const BYTE* pbData) {
+    if (pbData == nullptr) {
+        logError("CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    DWORD value = 0;
+    std::memcpy(&value, pbData, sizeof value);
+    g_useHardwareRng = value != 0;
+    logDebug(std::string("CPSetProvParam: PP_USE_HARDWARE_RNG set to ") + (g_useHardwareRng ? "1" : "0"));
+    return TRUE;
+}
+
+}  // namespace
+
+extern "C" BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData,
+                                      DWORD /*dwFlags*/) {
+    try {
+        logDebug("CPSetProvParam");
+        if (!isUsableContext(hProv)) {
+            logError("CPSetProvParam: context is null or not initialized");
+            SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+            return FALSE;
+        }
+        CspContext* context = cspContextFrom(hProv);
+        logDebug("CPSetProvParam - input param : " + std::to_string(dwParam));
+        switch (dwParam) {
+            case PP_CLIENT_HWND:
+                return setClientWindow(context, pbData);
+            case PP_KEYEXCHANGE_PIN:
+            case PP_SIGNATURE_PIN:
+                return setPin(context, pbData);
+            case PP_USE_HARDWARE_RNG:
+                return setHardwareRng(pbData);
+            default:
+                logError("CPSetProvParam: unsupported dwParam=" + std::to_string(dwParam));
+                SetLastError(static_cast<DWORD>(NTE_BAD_TYPE));
+                return FALSE;
+        }
+    } catch (...) {
+        logError("CPSetProvParam: unexpected failure");
+        SetLastError(static_cast<DWORD>(NTE_FAIL));
+        return FALSE;
+    }
+}

@@ -1,0 +1,48 @@
+// Random bytes. The provider has no generator of its own: the device library serves both the
+// token's generator and its software source.
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <string>
+
+#include "csp/csp_entry_points.h"
+#include "csp/entry_support.h"
+#include "log/log.h"
+#include "token/csp_context.h"
+#include "token/device_library.h"
+#include "token/process_state.h"
+
+extern "C" {
+
+BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD cbLen, BYTE* pbBuffer) {
+    return runEntryPoint("CPGenRandom", [&]() -> BOOL {
+        logDebug("CPGenRandom");
+        if (!isUsableContext(hProv))
+            return failWith("CPGenRandom: context is null or not initialized", NTE_BAD_UID);
+        if (pbBuffer == nullptr || cbLen == 0)
+            return failWith("CPGenRandom: invalid buffer or length, cbLen=" + std::to_string(cbLen),
+                            ERROR_INVALID_PARAMETER);
+        const CspContext* context = cspContextFrom(hProv);
+        int length = static_cast<int>(cbLen);
+
+        if (context->serialNumber.empty()) {
+            // No token behind a verify-only context: always the software source.
+            logDebug("CPGenRandom: no token, using software RNG");
+            int ret = calyth_generateRamdomNumber("", length, pbBuffer, true, context->deviceContext);
+            if (ret != CALYTH_OK)
+                return failWith("CPGenRandom: software RNG failed: " + std::to_string(ret),
+                                NTE_PROVIDER_DLL_FAIL);
+            return TRUE;
+        }
+
+        // A token failure is the caller's failure: no fallback to the software source.
+        int ret = calyth_generateRamdomNumber(context->serialNumber.c_str(), length, pbBuffer,
+                                              !g_useHardwareRng, context->deviceContext);
+        if (ret != CALYTH_OK)
+            return failWith("Random number generation failed: " + std::to_string(ret), NTE_PROVIDER_DLL_FAIL);
+        return TRUE;
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,106 @@
+#include "pe_file.h"
+
+#include <windows.h>
+
+#include <cstring>
+
+#include "support/test_support.h"
+
+namespace {
+
+class Image {
+public:
+    explicit Image(std::vector<unsigned char> bytes) : bytes_(std::move(bytes)) {}
+
+    template <typename T>
+    bool read(size_t offset, T* out) const {
+        if (offset > bytes_.size() || bytes_.size() - offset < sizeof(T))
+            return false;
+        std::memcpy(out, bytes_.data() + offset, sizeof(T));
+        return true;
+    }
+
+    std::string text(size_t offset) const {
+        std::string out;
+        while (offset < bytes_.size() && bytes_[offset] != 0)
+            out.push_back(static_cast<char>(bytes_[offset++]));
+        return out;
+    }
+
+    void setSections(size_t offset, int count) {
+        for (int i = 0; i < count; ++i) {
+            IMAGE_SECTION_HEADER section;
+            if (read(offset + i * sizeof section, &section))
+                sections_.push_back(section);
+        }
+    }
+
+    // File offset of a relative virtual address, or 0 when no section holds it.
+    size_t offsetOf(uint32_t rva) const {
+        for (const IMAGE_SECTION_HEADER& s : sections_) {
+            uint32_t size = s.Misc.VirtualSize > s.SizeOfRawData ? s.Misc.VirtualSize : s.SizeOfRawData;
+            if (rva >= s.VirtualAddress && rva < s.VirtualAddress + size)
+                return rva - s.VirtualAddress + s.PointerToRawData;
+        }
+        return 0;
+    }
+
+private:
+    std::vector<unsigned char> bytes_;
+    std::vector<IMAGE_SECTION_HEADER> sections_;
+};
+
+}  // namespace
+
+PeFile readPeFile(const std::string& path) {
+    PeFile pe;
+    Image image(testsupport::readFile(path));
+    IMAGE_DOS_HEADER dos;
+    if (!image.read(0, &dos) || dos.e_magic != IMAGE_DOS_SIGNATURE)
+        return pe;
+    IMAGE_NT_HEADERS64 nt;
+    if (!image.read(dos.e_lfanew, &nt) || nt.Signature != IMAGE_NT_SIGNATURE ||
+        nt.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC)
+        return pe;
+    pe.machine = nt.FileHeader.Machine;
+    pe.characteristics = nt.FileHeader.Characteristics;
+    image.setSections(
+        dos.e_lfanew + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader,
+        nt.FileHeader.NumberOfSections);
+
+    const IMAGE_DATA_DIRECTORY& exportDir = nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    if (exportDir.VirtualAddress != 0) {
+        IMAGE_EXPORT_DIRECTORY exports;
+        if (!image.read(image.offsetOf(exportDir.VirtualAddress), &exports))
+            return pe;
+        size_t names = image.offsetOf(exports.AddressOfNames);
+        for (DWORD i = 0; i < exports.NumberOfNames; ++i) {
+            uint32_t nameRva = 0;
+            if (!image.read(names + i * 4, &nameRva))
+                return pe;
+            pe.exports.push_back(image.text(image.offsetOf(nameRva)));
+        }
+    }
+
+    const IMAGE_DATA_DIRECTORY& importDir = nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    if (importDir.VirtualAddress != 0) {
+        size_t at = image.offsetOf(importDir.VirtualAddress);
+        for (;; at += sizeof(IMAGE_IMPORT_DESCRIPTOR)) {
+            IMAGE_IMPORT_DESCRIPTOR descriptor;
+            if (!image.read(at, &descriptor))
+                return pe;
+            if (descriptor.Name == 0)
+                break;
+            pe.imports.push_back(image.text(image.offsetOf(descriptor.Name)));
+        }
+    }
+    pe.valid = true;
+    return pe;
+}
+
+std::string providerDllPath() {
+    char path[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, path, sizeof path);
+    std::string s = path;
+    return s.substr(0, s.find_last_of('\\') + 1) + "CalythCSP.dll";
+}

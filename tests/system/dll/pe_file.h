@@ -1,0 +1,20 @@
+// Reads the headers, export names and imported DLL names of a 64-bit PE file from its bytes,
+// without loading it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct PeFile {
+    bool valid = false;  // a PE32+ image whose tables could be read
+    uint16_t machine = 0;
+    uint16_t characteristics = 0;
+    std::vector<std::string> exports;  // in the order of the export name table
+    std::vector<std::string> imports;  // DLL names of the import directory
+};
+
+PeFile readPeFile(const std::string& path);
+
+// <folder of this program>\CalythCSP.dll: the build puts every program and DLL in one folder.
+std::string providerDllPath();

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the build and the tests need, and only those that are missing:
+# nothing is downloaded (not even the package lists) when everything is there already.
+# Works as root without sudo, or through sudo for another user; never asks a question.
+set -euo pipefail
+
+packages=(
+    cmake ninja-build                                    # build
+    g++-mingw-w64-x86-64-posix mingw-w64-tools           # cross compiler, windres, dlltool
+    libgcrypt-mingw-w64-dev                              # the soft token's cryptography
+    wine wine64                                          # Windows under test ("wine" holds the wine command)
+    xvfb xauth                                           # a display for the dialog tests
+    googletest                                           # test framework sources
+    openssl                                              # independent checks of keys and signatures
+    ccache clang-format                                  # faster rebuilds, formatting
+)
+
+installed() {
+    [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]
+}
+
+missing=()
+for package in "${packages[@]}"; do
+    installed "$package" || missing+=("$package")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "install-deps: all ${#packages[@]} packages present"
+    exit 0
+fi
+
+sudo=()
+if [ "$(id -u)" -ne 0 ]; then
+    sudo=(sudo)
+fi
+echo "install-deps: installing ${missing[*]}"
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+    -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "${missing[@]}" </dev/null
