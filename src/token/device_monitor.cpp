@@ -18,8 +18,17 @@
 //  - Linked into a program (test programs): nothing to pin; exit() runs the stop while the
 //    thread still lives, and the stop waits for it (bounded, one polling period and a device
 //    call at most) and logs the join.
-// Measured under Wine 8: 200 FreeLibrary/LoadLibrary cycles of CalythCSP.dll with and without a
-// running monitor, and process exit with the monitor polling, neither hang nor crash.
+// Measured under Wine 8 (tests/system/access/unload_test.cpp):
+//  - no monitor: 100 LoadLibrary/verify-only context/FreeLibrary cycles take 2.8 s and unload the
+//    library every time; advapi32 frees the provider at every last CryptReleaseContext.
+//  - monitor running: FreeLibrary returns at once and the library stays; 50 FreeLibrary/
+//    LoadLibrary/token-context cycles take 0.3 s, 50 CryptAcquireContext/CryptReleaseContext
+//    cycles 0.25 s, one monitor throughout.
+//  - a process ending while the monitor polls (returning from main, or ExitProcess from another
+//    thread) ends at once, with or without an earlier FreeLibrary.
+//  - for comparison, without the module reference every FreeLibrary with the monitor running
+//    blocked for the whole bounded wait (5 s): the thread cannot end while the detaching thread
+//    holds the loader lock, so a plain join would never return.
 #include "token/device_monitor.h"
 
 #include <windows.h>

@@ -1,27 +1,19 @@
-// Shared set-up of the token-access test programs: every test starts with an empty fake device
+// Shared set-up of the token-access unit-test programs: every test starts with an empty fake device
 // library, an empty token table and an empty log.
 #pragma once
 
 #include <windows.h>
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
+#include "access_log.h"
 #include "fake_device/fake_device.h"
 #include "support/test_support.h"
 
 namespace access_test {
-
-// Log lines as "DEBUG:<message>" or "ERROR:<message>".
-std::vector<std::string> logEntries();
-bool logHas(const std::string& entry);
-size_t logCount(const std::string& entry);
-
-// Polls the condition every 10 ms; false when it did not hold within timeoutMs.
-bool waitUntil(const std::function<bool()>& condition, DWORD timeoutMs);
 
 // The distinct threads other than those listed that called a device function (the monitor's
 // polling thread, when the listed threads are the test's own).

@@ -1,5 +1,7 @@
 // CPAcquireContext and CPReleaseContext against the scriptable device library.
 #include <atomic>
+#include <cstdlib>
+#include <new>
 #include <thread>
 
 #include "access_test_support.h"
@@ -11,6 +13,15 @@
 using namespace access_test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+// While set, allocations that may fail (new (std::nothrow)) fail, as on a host out of memory.
+static std::atomic<bool> g_failNothrowNew{false};
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (g_failNothrowNew)
+        return nullptr;
+    return std::malloc(size == 0 ? 1 : size);
+}
 
 namespace {
 
@@ -96,6 +107,29 @@ TEST_F(AcquireContext, DeletingAKeySetIsANoOpTestedBeforeVerifyOnly) {
     EXPECT_THAT(logEntries(),
                 ElementsAre("DEBUG:CPAcquireContext", "DEBUG:CPAcquireContext - dwFlags : 4026531856",
                             "DEBUG:CPAcquireContext: CRYPT_DELETEKEYSET, return TRUE"));
+}
+
+TEST_F(AcquireContext, DeletingAKeySetLeavesTheLastErrorAlone) {
+    HCRYPTPROV handle = 77;
+    SetLastError(0x1234);
+    EXPECT_TRUE(acquire(&handle, nullptr, CRYPT_DELETEKEYSET));
+    EXPECT_EQ(GetLastError(), 0x1234u);
+    EXPECT_EQ(handle, 0u);
+}
+
+TEST_F(AcquireContext, AFailedAllocationIsNoMemory) {
+    fake::addToken("S1");
+    HCRYPTPROV handle = 0;
+    SetLastError(0);
+    g_failNothrowNew = true;
+    BOOL ok = CPAcquireContext(&handle, nullptr, 0, &vtable);
+    DWORD error = GetLastError();
+    g_failNothrowNew = false;
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(error, static_cast<DWORD>(NTE_NO_MEMORY));
+    EXPECT_EQ(handle, 0u);
+    EXPECT_TRUE(logHas("ERROR:CPAcquireContext: failed to allocate CSP context, return FALSE"));
+    EXPECT_THAT(fake::calls(), IsEmpty());
 }
 
 TEST_F(AcquireContext, AVerifyOnlyContextTouchesNoToken) {
