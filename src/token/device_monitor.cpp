@@ -163,7 +163,9 @@ void startDeviceMonitor() {
         CloseHandle(previous);
     HMODULE pinned = referenceOwnModule();
     DWORD threadId = 0;
-    HANDLE thread = CreateThread(nullptr, 0, monitorThreadMain, pinned, 0, &threadId);
+    // Created suspended and let go after this line is written: the log file is shared without a
+    // lock, and the thread's own first line would otherwise race with this one.
+    HANDLE thread = CreateThread(nullptr, 0, monitorThreadMain, pinned, CREATE_SUSPENDED, &threadId);
     if (!thread) {
         logError("Monitor thread creation failed : " + std::to_string(GetLastError()));
         if (pinned)
@@ -173,7 +175,11 @@ void startDeviceMonitor() {
     }
     g_monitorThreadId = threadId;
     g_monitorThread = thread;
-    logDebug("Monitor thread started (startDeviceMonitor).");
+    try {
+        logDebug("Monitor thread started (startDeviceMonitor).");
+    } catch (...) {
+    }
+    ResumeThread(thread);
 }
 
 void stopDeviceMonitor() {

@@ -84,10 +84,8 @@ std::string prepareLog(const std::string& processName) {
 }
 
 void TokenStoreTest::SetUp() {
-    std::string base = testsupport::tempFolder() + testName();
-    store = base + "\\store";
-    scratch = base + "\\files\\";
-    CreateDirectoryA(base.c_str(), nullptr);
+    store = testsupport::tempFolder() + "token-store";
+    scratch = testsupport::tempFolder() + testName() + "\\";
     CreateDirectoryA(store.c_str(), nullptr);
     CreateDirectoryA(scratch.c_str(), nullptr);
     SetEnvironmentVariableA("CALYTH_TOKEN_STORE", store.c_str());

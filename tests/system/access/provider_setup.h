@@ -33,8 +33,11 @@ std::string makeKey(const std::string& serial, const std::string& type, const st
 // folder creation of the first calls, and empties its log of today; returns the log file's path.
 std::string prepareLog(const std::string& processName);
 
-// Every test gets an empty token store of its own (CALYTH_TOKEN_STORE, inherited by the admin
-// command and by child processes) and an empty log.
+// The program's token store (CALYTH_TOKEN_STORE, inherited by the admin command and by child
+// processes), a scratch folder per test and an empty log. The store is shared by the tests of a
+// program, each with serials of its own: a token that vanished between tests would have the
+// device monitor write lines in the middle of the next test's, and lines of concurrent writers
+// may be lost in the shared log file.
 class TokenStoreTest : public ::testing::Test {
 protected:
     void SetUp() override;

@@ -32,6 +32,18 @@ protected:
     void SetUp() override {
         stopDeviceMonitor();
         AccessTest::SetUp();
+        testThread = GetCurrentThreadId();
+        monitorSeen = false;
+        fake::hooks().afterCall = [this](const fake::Call& call) { waitForMonitorStart(call); };
+    }
+    // The monitor thread writes its first line while the acquisition goes on, and the log file is
+    // shared without a lock, so a line of either could be lost. The first device list of the test
+    // thread (after the monitor was started) waits until the monitor's line is written; the
+    // monitor writes nothing else unless a known token goes away.
+    void waitForMonitorStart(const fake::Call& call) {
+        if (monitorSeen || call.threadId != testThread || call.function != "calyth_getConnectedDeviceList")
+            return;
+        monitorSeen = waitUntil([] { return logHas("DEBUG:Device monitor thread started."); }, 2000);
     }
     void TearDown() override {
         for (HCRYPTPROV handle : opened)
@@ -54,6 +66,8 @@ protected:
     }
     VTableProvStruc vtable{};
     std::vector<HCRYPTPROV> opened;
+    unsigned long testThread = 0;
+    bool monitorSeen = false;
 };
 
 CspContext& contextOf(HCRYPTPROV handle) {
@@ -316,7 +330,8 @@ TEST_F(AcquireContext, AFailedInitialisationIsLoggedAndTheAcquisitionGoesOn) {
 
 TEST_F(AcquireContext, ATokenGoneBeforeSelectionFailsWithTheNoTokenCode) {
     fake::addToken("S1");
-    fake::hooks().afterCall = [](const fake::Call& call) {
+    fake::hooks().afterCall = [this](const fake::Call& call) {
+        waitForMonitorStart(call);
         if (call.function == "calyth_initDevice")
             fake::setConnected("S1", false);
     };

@@ -65,14 +65,17 @@ TEST_F(DeviceMonitor, StartingPollsTheConnectedTokensEverySecond) {
         EXPECT_THAT(call.args, ElementsAre("false", "null"));
     // The monitor asks for nothing else.
     EXPECT_EQ(fake::calls().size(), polls);
-    EXPECT_TRUE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
-    EXPECT_TRUE(logHas("DEBUG:Device monitor thread started."));
+    // The starting thread's line comes first: the thread runs only once it is written.
+    EXPECT_THAT(monitorLines(), ElementsAre("DEBUG:Monitor thread started (startDeviceMonitor).",
+                                            "DEBUG:Device monitor thread started."));
 }
 
 TEST_F(DeviceMonitor, ASecondStartIsALoggedNoOp) {
     startDeviceMonitor();
-    startDeviceMonitor();
+    // The thread's first line is written before the second start writes its own (the two threads
+    // share the log file without a lock).
     ASSERT_TRUE(waitUntil([] { return logHas("DEBUG:Device monitor thread started."); }, 2000));
+    startDeviceMonitor();
     Sleep(100);
     EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
     EXPECT_EQ(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
