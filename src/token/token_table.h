@@ -16,6 +16,8 @@ bool isDeviceInitialized(const std::string& serial);
 void markDeviceInitialized(const std::string& serial);
 bool isPinValidated(const std::string& serial);
 std::string getValidatedPin(const std::string& serial);
+// One locked lookup: pinValidated is set and the stored PIN is not empty.
+bool hasValidatedPin(const std::string& serial);
 void storeValidatedPin(const std::string& serial, const std::string& pin);
 void clearValidatedPin(const std::string& serial);  // never creates an entry
 void eraseDevice(const std::string& serial);
@@ -36,6 +38,10 @@ std::string selectDeviceForContainer(const std::string& containerName);
 // Initialises (calyth_init, calyth_initDevice) every connected token not yet initialised in this
 // process, logging failures; used by both front-ends when they open.
 void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext);
+
+// The key identifiers of a token's key pairs (32 upper-case hex characters each, library order),
+// each logged at debug level; "Acquire Context :: Key List is empty" when there are none.
+std::vector<std::string> loadKeyIdentifiers(const std::string& serial, void* deviceContext);
 
 // Empties both tables (test programs only).
 void resetTokenTableForTests();

@@ -1,0 +1,154 @@
+#include "token/login.h"
+
+#include <cstring>
+
+#include "log/log.h"
+#include "token/device_library.h"
+#include "token/pin_dialog.h"
+#include "token/token_table.h"
+
+namespace {
+
+constexpr const char* kMessageCaption = "Calyth";
+
+// The user is already logged in on the token (the maker's single sign-on): the token answered
+// with a label, and both the login and the sign-on flags are set.
+bool singleSignOnActive(const std::string& serial, void* deviceContext) {
+    TokenInfo info = calyth_getTokenInfo(serial.c_str(), deviceContext);
+    return !info.label.empty() && info.userLoggedIn == 1 && info.ssoValid == 1;
+}
+
+std::string askForPin() {
+    showPasswordDialog();
+    return getEnteredPassword();
+}
+
+void tellUser(const std::string& text) {
+    MessageBoxA(nullptr, text.c_str(), kMessageCaption, MB_OK);
+}
+
+}  // namespace
+
+std::string pinFailureMessage(int result, int remaining, bool cngSpelling) {
+    std::string message = "Login failed, please try again";
+    if (result == CALYTH_SYSTEM_TIME_MISMATCH) {
+        // Each front-end keeps its own spelling of this text.
+        message = cngSpelling ? "System time mismatch, Kindly login to Vault Desk"
+                              : "System time mismatch, Kidly login to Vault Desk";
+    } else if (remaining != 0) {
+        message = "Invalid user pin. Remaining attempts(" + std::to_string(remaining) + ")";
+    } else {
+        message = "User pin locked, re-initialise device";
+    }
+    return message;
+}
+
+bool ensurePasswordValidated(CspContext* context) {
+    if (context == nullptr) {
+        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+        return false;
+    }
+    if (hasValidatedPin(context->serialNumber)) {
+        logDebug("ensurePasswordValidated: PIN already validated, return true");
+        return true;
+    }
+    if (context->silent) {
+        logError("ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false");
+        SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
+        return false;
+    }
+    logDebug("ensurePasswordValidated: password not validated or empty -- ask for PIN");
+    char pin[PIN_BUFFER_SIZE];
+    std::memset(pin, 0, sizeof pin);
+    if (loginUser(context, pin)) {
+        storeValidatedPin(context->serialNumber, pin);
+        SecureZeroMemory(pin, sizeof pin);
+        logDebug("ensurePasswordValidated: password set, return true");
+        return true;
+    }
+    logError("ensurePasswordValidated: password validation failed, return false");
+    SetLastError(static_cast<DWORD>(NTE_FAIL));
+    return false;
+}
+
+BOOL loginUser(CspContext* context, char* pinOut) {
+    logDebug("loginUser: enter");
+    if (context == nullptr) {
+        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+        return FALSE;
+    }
+    const std::string& serial = context->serialNumber;
+    if (singleSignOnActive(serial, context->deviceContext)) {
+        logDebug("loginUser: SSO already validated, return TRUE");
+        return TRUE;
+    }
+    if (context->silent) {
+        logError("loginUser: CRYPT_SILENT set, cannot show PIN dialog, return FALSE");
+        SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
+        return FALSE;
+    }
+    clearValidatedPin(serial);
+    std::string pin = askForPin();
+    if (pin.empty()) {
+        logError("loginUser: user cancelled password dialog, return FALSE");
+        return FALSE;
+    }
+    for (;;) {
+        int remaining = 0;
+        int result =
+            calyth_validatePassword(serial.c_str(), pin.c_str(), 1, &remaining, context->deviceContext);
+        if (result == CALYTH_OK) {
+            if (pinOut != nullptr) {
+                std::strncpy(pinOut, pin.c_str(), PIN_BUFFER_SIZE - 1);
+                pinOut[PIN_BUFFER_SIZE - 1] = '\0';
+            }
+            logDebug("loginUser: password validated, return TRUE");
+            return TRUE;
+        }
+        tellUser(pinFailureMessage(result, remaining, false));
+        // A time mismatch leaves the count at 0 as well, so it ends the login here.
+        if (remaining == 0) {
+            logError("loginUser: PIN locked, retryCount=0, return FALSE");
+            return FALSE;
+        }
+        pin = askForPin();
+        if (pin.empty()) {
+            logError("loginUser: user cancelled password dialog, return FALSE");
+            return FALSE;
+        }
+    }
+}
+
+bool kspEnsurePasswordValidated(const std::string& serialNumber, void* deviceContext) {
+    if (hasValidatedPin(serialNumber)) {
+        logDebug("KSP: PIN already validated");
+        return true;
+    }
+    logDebug("KSP: Password not validated, checking SSO");
+    if (singleSignOnActive(serialNumber, deviceContext)) {
+        storeValidatedPin(serialNumber, std::string());
+        return true;
+    }
+    clearValidatedPin(serialNumber);
+    std::string pin = askForPin();
+    if (pin.empty()) {
+        logDebug("KSP: User cancelled password dialog");
+        return false;
+    }
+    for (;;) {
+        int remaining = 0;
+        int result = calyth_validatePassword(serialNumber.c_str(), pin.c_str(), 1, &remaining, deviceContext);
+        if (result == CALYTH_OK) {
+            storeValidatedPin(serialNumber, pin);
+            return true;
+        }
+        tellUser(pinFailureMessage(result, remaining, true));
+        if (remaining == 0)
+            return false;
+        pin = askForPin();
+        if (pin.empty()) {
+            logDebug("KSP: User cancelled password dialog");
+            return false;
+        }
+    }
+}
