@@ -19,6 +19,9 @@ start)
     wineserver -p >/dev/null 2>&1 || true
     # Debug lines by default, so that tests can read every log line of the provider.
     wine reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f >/dev/null 2>&1
+    # Xvfb runs no window manager: unmanaged windows spare every closing dialog or message box
+    # Wine's two-second wait for a window manager that never answers.
+    wine reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /t REG_SZ /d N /f >/dev/null 2>&1
     if [ -f "$prefix/xvfb.pid" ] && kill -0 "$(cat "$prefix/xvfb.pid")" 2>/dev/null; then
         exit 0
     fi

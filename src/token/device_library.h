@@ -146,9 +146,10 @@ struct CalythCertificate {
 };
 
 // What calyth_getCertificateDetails reads out of a DER certificate.
-// Names are in the library's string form: the relative distinguished names from the most
-// significant down, "C=IN, O=Example, CN=Alice", as CertNameToStr with CERT_X500_NAME_STR |
-// CERT_NAME_STR_REVERSE_FLAG writes them; Utils::normalizeName turns them into the comparison form.
+// Names are in the library's string form: the relative distinguished names from the least
+// significant up (RFC 2253 order), "CN=Alice, O=Example, C=IN" for a certificate encoded C, O, CN,
+// as CertNameToStr with CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG writes them;
+// Utils::normalizeName turns them into the comparison form.
 // The default label of an imported certificate is subjectCommonName + "_" + issuerCommonName.
 struct CertificateDetails {
     std::string subjectName;
@@ -267,7 +268,8 @@ int calyth_verifySignatureHash(unsigned int keySizeCode, const char* serial, con
                                const unsigned char* signature, int signatureLength, void* ctx, bool usePss);
 
 // RSA public-key encryption (types 7-10; padding 1 PKCS #1 v1.5 or 4 OAEP-SHA-1) with a DER public
-// key. *outputLength: in the room of `output`, out the ciphertext length.
+// key. `output` has room for one modulus of the key; *outputLength is output only (callers pass 0)
+// and receives the ciphertext length, always the modulus size.
 int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* data, int dataLength,
                    unsigned char* output, int* outputLength, const unsigned char* publicKeyDer,
                    int publicKeyDerLength, void* ctx);

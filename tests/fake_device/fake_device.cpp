@@ -681,7 +681,7 @@ int calyth_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
     if (hooks().encrypt)
         return hooks().encrypt(type, padding, data, dataLength, output, outputLength, publicKeyDer,
                                publicKeyDerLength);
-    if (!data || !output || !outputLength || *outputLength < dataLength)
+    if (!data || !output || !outputLength)
         return 1;
     for (int i = 0; i < dataLength; ++i)
         output[i] = data[i] ^ kRsaFakeMask;

@@ -89,6 +89,10 @@ std::string unixPath(const std::string& windowsPath) {
 }
 
 int runCommand(const std::string& commandLine, std::string* output) {
+    // The first process of a Wine session that uses a window function starts Wine's desktop
+    // process, which keeps the standard handles it was started with: a child that did so would
+    // leave the output pipe open for ever. Starting the desktop here first avoids that.
+    GetDesktopWindow();
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE readEnd = nullptr;
     HANDLE writeEnd = nullptr;

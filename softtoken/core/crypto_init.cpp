@@ -1,0 +1,1 @@
+// Random bytes and start-up of the cryptographic library; filled in with the token store.

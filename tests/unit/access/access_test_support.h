@@ -1,0 +1,36 @@
+// Shared set-up of the token-access test programs: every test starts with an empty fake device
+// library, an empty token table and an empty log.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "fake_device/fake_device.h"
+#include "support/test_support.h"
+
+namespace access_test {
+
+// Log lines as "DEBUG:<message>" or "ERROR:<message>".
+std::vector<std::string> logEntries();
+bool logHas(const std::string& entry);
+size_t logCount(const std::string& entry);
+
+// The serials of the recorded calls of one device function.
+std::vector<std::string> serialsOf(const std::string& function);
+
+class AccessTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+// A 32-character key identifier text.
+inline std::string keyIdHex(int n) {
+    char text[33];
+    std::snprintf(text, sizeof text, "A1B2C3D4E5F60718293A4B5C6D7E%04X", n);
+    return text;
+}
+
+}  // namespace access_test

@@ -1,0 +1,179 @@
+#include "simulated_user.h"
+
+#include <cstring>
+
+namespace access_test {
+namespace {
+
+constexpr int kPinField = 1001;
+constexpr int kMessageTextId = 0xFFFF;
+
+struct Search {
+    const char* caption;
+    HWND found;
+};
+
+BOOL CALLBACK matchVisibleCaption(HWND window, LPARAM parameter) {
+    auto* search = reinterpret_cast<Search*>(parameter);
+    char text[256] = {};
+    GetWindowTextA(window, text, sizeof text);
+    if (IsWindowVisible(window) && std::strcmp(text, search->caption) == 0) {
+        search->found = window;
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL CALLBACK collectStaticText(HWND child, LPARAM parameter) {
+    auto* text = reinterpret_cast<std::string*>(parameter);
+    char className[64] = {};
+    GetClassNameA(child, className, sizeof className);
+    if (_stricmp(className, "Static") == 0) {
+        char buffer[1024] = {};
+        GetWindowTextA(child, buffer, sizeof buffer);
+        if (std::strlen(buffer) > text->size())
+            *text = buffer;
+    }
+    return TRUE;
+}
+
+}  // namespace
+
+HWND waitForWindow(const char* caption, DWORD timeoutMs) {
+    DWORD start = GetTickCount();
+    for (;;) {
+        Search search{caption, nullptr};
+        EnumWindows(matchVisibleCaption, reinterpret_cast<LPARAM>(&search));
+        if (search.found)
+            return search.found;
+        if (GetTickCount() - start > timeoutMs)
+            return nullptr;
+        Sleep(20);
+    }
+}
+
+bool waitForWindowGone(HWND window, DWORD timeoutMs) {
+    DWORD start = GetTickCount();
+    while (IsWindow(window) && IsWindowVisible(window)) {
+        if (GetTickCount() - start > timeoutMs)
+            return false;
+        Sleep(10);
+    }
+    return true;
+}
+
+std::string messageBoxText(HWND box) {
+    char buffer[1024] = {};
+    if (GetDlgItemTextA(box, kMessageTextId, buffer, sizeof buffer) > 0)
+        return buffer;
+    std::string text;
+    EnumChildWindows(box, collectStaticText, reinterpret_cast<LPARAM>(&text));
+    return text;
+}
+
+void pressButton(HWND dialog, int id) {
+    HWND button = GetDlgItem(dialog, id);
+    if (button && IsWindowEnabled(button))
+        SendMessageA(button, BM_CLICK, 0, 0);
+}
+
+void clickButton(HWND dialog, int id) {
+    SendMessageA(GetDlgItem(dialog, id), BM_CLICK, 0, 0);
+}
+
+SimulatedUser::SimulatedUser(std::vector<UserStep> steps, DWORD stepTimeoutMs)
+    : steps_(std::move(steps)), timeoutMs_(stepTimeoutMs), thread_([this] { run(); }) {}
+
+SimulatedUser::~SimulatedUser() {
+    finish();
+}
+
+std::vector<std::string> SimulatedUser::finish() {
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    return seen_;
+}
+
+void SimulatedUser::run() {
+    runSteps();
+    while (!stop_) {
+        dismissUnexpected();
+        Sleep(20);
+    }
+    dismissUnexpected();
+}
+
+void SimulatedUser::dismissUnexpected() {
+    if (HWND box = waitForWindow("Calyth", 0)) {
+        seen_.push_back("unexpected message:" + messageBoxText(box));
+        pressButton(box, IDOK);
+        waitForWindowGone(box, 2000);
+    }
+    if (HWND dialog = waitForWindow("Verify User Pin", 0)) {
+        seen_.push_back("unexpected dialog");
+        pressButton(dialog, IDCANCEL);
+        waitForWindowGone(dialog, 2000);
+    }
+}
+
+bool SimulatedUser::runSteps() {
+    for (const UserStep& step : steps_) {
+        if (step.kind == UserStep::AnswerMessage) {
+            HWND box = waitForWindow("Calyth", timeoutMs_);
+            if (!box) {
+                seen_.push_back("timeout:message");
+                return false;
+            }
+            seen_.push_back("message:" + messageBoxText(box));
+            pressButton(box, IDOK);
+            if (!waitForWindowGone(box, timeoutMs_)) {
+                seen_.push_back("timeout:close");
+                return false;
+            }
+            continue;
+        }
+        HWND dialog = waitForWindow("Verify User Pin", timeoutMs_);
+        if (!dialog) {
+            seen_.push_back("timeout:dialog");
+            return false;
+        }
+        seen_.push_back("dialog");
+        switch (step.kind) {
+            case UserStep::EnterPin:
+                SetDlgItemTextA(dialog, kPinField, step.text.c_str());
+                pressButton(dialog, IDOK);
+                break;
+            case UserStep::PressCancel:
+                pressButton(dialog, IDCANCEL);
+                break;
+            case UserStep::PressEscape: {
+                HWND field = GetDlgItem(dialog, kPinField);
+                PostMessageA(field, WM_KEYDOWN, VK_ESCAPE, 0x00010001);
+                PostMessageA(field, WM_KEYUP, VK_ESCAPE, 0xC0010001);
+                break;
+            }
+            case UserStep::CloseBox:
+                PostMessageA(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
+                break;
+            case UserStep::SendClose:
+                PostMessageA(dialog, WM_CLOSE, 0, 0);
+                break;
+            case UserStep::OtherCommand:
+                PostMessageA(dialog, WM_COMMAND, MAKEWPARAM(1234, BN_CLICKED), 0);
+                break;
+            case UserStep::Custom:
+                seen_.push_back(step.action(dialog));
+                break;
+            default:
+                break;
+        }
+        if (!waitForWindowGone(dialog, timeoutMs_)) {
+            seen_.push_back("timeout:close");
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace access_test
