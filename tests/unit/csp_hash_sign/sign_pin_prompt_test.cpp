@@ -3,72 +3,18 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <atomic>
 #include <gtest/gtest.h>
-#include <thread>
 
 #include "csp_test_fixture.h"
-#include "resource.h"
+#include "simulated_user.h"
 #include "token/token_table.h"
 
 namespace csptest {
 namespace {
 
+using access_test::SimulatedUser;
+
 const char* const kKeyA = "000102030405060708090A0B0C0D0E0F";
-
-// Watches for the PIN dialog and answers every appearance, counting them.
-class DialogAnswerer {
-public:
-    DialogAnswerer(std::string pin, bool cancel) : pin_(std::move(pin)), cancel_(cancel) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~DialogAnswerer() {
-        stop_ = true;
-        thread_.join();
-    }
-    int appearances() const { return appearances_; }
-
-private:
-    void run() {
-        bool present = false;
-        while (!stop_) {
-            HWND dialog = FindWindowA(nullptr, "Verify User Pin");
-            if (dialog != nullptr && !present && IsWindowVisible(dialog)) {
-                present = true;
-                ++appearances_;
-                answer(dialog);
-            } else if (dialog == nullptr) {
-                present = false;
-            }
-            Sleep(20);
-        }
-    }
-
-    // Once the dialog has finished setting itself up (the Login button starts disabled), types the
-    // PIN and presses Login when the dialog has enabled it, or presses Cancel.
-    void answer(HWND dialog) {
-        Sleep(100);
-        if (cancel_) {
-            SendMessageA(GetDlgItem(dialog, IDCANCEL), BM_CLICK, 0, 0);
-            return;
-        }
-        HWND login = GetDlgItem(dialog, IDOK);
-        for (int i = 0; i < 100 && !stop_; ++i) {
-            SetDlgItemTextA(dialog, IDC_USER_PIN, pin_.c_str());
-            if (IsWindowEnabled(login)) {
-                SendMessageA(login, BM_CLICK, 0, 0);
-                return;
-            }
-            Sleep(20);
-        }
-    }
-
-    std::string pin_;
-    bool cancel_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> appearances_{0};
-    std::thread thread_;
-};
 
 class SignPinPrompt : public CspFixture {
 protected:
@@ -80,27 +26,25 @@ protected:
         fake::clearCalls();
         fake::failNext("calyth_signHash", 49);
     }
-    BOOL sign() {
+    // Signs while the simulated user answers; returns what the user saw.
+    std::vector<std::string> signWith(SimulatedUser& user) {
         buffer.assign(256, 0);
         DWORD length = 256;
-        return CPSignHash(provider(), hash, AT_SIGNATURE, nullptr, 0, buffer.data(), &length);
+        ok = CPSignHash(provider(), hash, AT_SIGNATURE, nullptr, 0, buffer.data(), &length);
+        error = GetLastError();
+        return user.finish();
     }
     HCRYPTHASH hash = 0;
     std::vector<BYTE> buffer;
+    BOOL ok = FALSE;
+    DWORD error = 0;
 };
 
 TEST_F(SignPinPrompt, ExpiredSingleSignOnShowsTheDialogOnceAndRetriesOnce) {
-    BOOL ok;
-    DWORD error;
-    int appearances;
-    {
-        DialogAnswerer answerer(kPin, false);
-        ok = sign();
-        error = GetLastError();
-        appearances = answerer.appearances();
-    }
+    SimulatedUser user({access_test::enterPin(kPin)});
+    EXPECT_EQ(signWith(user), std::vector<std::string>{"dialog"});
     EXPECT_TRUE(ok) << error;
-    EXPECT_EQ(appearances, 1);
+
     auto validations = fake::callsTo("calyth_validatePassword");
     ASSERT_EQ(validations.size(), 1u);
     EXPECT_EQ(validations[0].args[0], kPin);
@@ -115,18 +59,10 @@ TEST_F(SignPinPrompt, ExpiredSingleSignOnShowsTheDialogOnceAndRetriesOnce) {
 }
 
 TEST_F(SignPinPrompt, CancelledDialogAfterExpiryFailsWithoutASecondSignature) {
-    BOOL ok;
-    DWORD error;
-    int appearances;
-    {
-        DialogAnswerer answerer("", true);
-        ok = sign();
-        error = GetLastError();
-        appearances = answerer.appearances();
-    }
+    SimulatedUser user({access_test::pressCancel()});
+    EXPECT_EQ(signWith(user), std::vector<std::string>{"dialog"});
     EXPECT_FALSE(ok);
     EXPECT_EQ(error, static_cast<DWORD>(NTE_FAIL));
-    EXPECT_EQ(appearances, 1);
     EXPECT_TRUE(logged("ERROR", "CPSignHash: ensurePasswordValidated failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 1u);
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
