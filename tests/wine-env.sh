@@ -32,16 +32,21 @@ start)
                 echo $! >"$prefix/xvfb.pid"
                 echo ":$n" >"$prefix/xvfb.display"
                 sleep 1
+                # The first program that needs the desktop starts it with its own display, and every
+                # later program of the run gets that one: open it now on Xvfb, so that a headless
+                # program starting first cannot leave the DISPLAY programs without a display.
+                DISPLAY=":$n" wine rundll32.exe user32.dll,GetDesktopWindow >/dev/null 2>&1 || true
                 break
             fi
         done
     fi
     ;;
 stop)
+    # Wine first, so that its desktop does not complain about a display going away under it.
+    wineserver -k >/dev/null 2>&1 || true
     if [ -f "$prefix/xvfb.pid" ]; then
         kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
         rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
     fi
-    wineserver -k >/dev/null 2>&1 || true
     ;;
 esac
