@@ -65,7 +65,8 @@ private:
     std::thread thread_;
 };
 
-// A visible top-level window with this caption, waiting up to timeoutMs; null when none appeared.
+// A visible top-level window of this process with this caption, waiting up to timeoutMs; null when
+// none appeared.
 HWND waitForWindow(const char* caption, DWORD timeoutMs);
 // Waits until the window is gone.
 bool waitForWindowGone(HWND window, DWORD timeoutMs);
