@@ -32,10 +32,12 @@ start)
                 echo $! >"$prefix/xvfb.pid"
                 echo ":$n" >"$prefix/xvfb.display"
                 sleep 1
-                # The first program that needs the desktop starts it with its own display, and every
-                # later program of the run gets that one: open it now on Xvfb, so that a headless
-                # program starting first cannot leave the DISPLAY programs without a display.
-                DISPLAY=":$n" wine rundll32.exe user32.dll,GetDesktopWindow >/dev/null 2>&1 || true
+                # The first program that needs a desktop starts Wine's desktop process, which then
+                # serves every program of the run through its display driver. Start it here on the
+                # display: were a program without a display first, no window could open in the
+                # run's DISPLAY programs, and mixed runs hung or failed.
+                DISPLAY=":$n" wine explorer.exe /desktop </dev/null >/dev/null 2>&1 &
+                sleep 1
                 break
             fi
         done

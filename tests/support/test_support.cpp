@@ -131,20 +131,43 @@ int runCommand(const std::string& commandLine, std::string* output) {
     return static_cast<int>(code);
 }
 
+namespace {
+
+// Starts a command line without handing it any of this process's handles.
+bool startDetached(const std::string& commandLine) {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    std::vector<char> line(commandLine.begin(), commandLine.end());
+    line.push_back('\0');
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process)) {
+        return false;
+    }
+    CloseHandle(process.hProcess);
+    CloseHandle(process.hThread);
+    return true;
+}
+
+}  // namespace
+
 int runNative(const std::string& commandLine, std::string* output) {
     // A native program started from Wine neither writes into a Windows pipe nor can be waited for
     // through its process handle: the shell writes the output and then the exit code to files,
     // and the exit-code file tells that the command has ended.
-    static int sequence = 0;
-    std::string base =
-        tempFolder() + "native-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++sequence);
+    static volatile LONG sequence = 0;
+    std::string base = tempFolder() + "native-" + std::to_string(GetCurrentProcessId()) + "-" +
+                       std::to_string(InterlockedIncrement(&sequence));
     std::string capture = base + ".out";
     std::string status = base + ".rc";
     std::string partial = base + ".rc.tmp";
-    runCommand("/bin/sh -c \"" + commandLine + " >'" + unixPath(capture) + "' 2>&1; echo $? >'" +
-               unixPath(partial) + "'; mv '" + unixPath(partial) + "' '" + unixPath(status) + "'\"");
+    if (!startDetached("/bin/sh -c \"" + commandLine + " >'" + unixPath(capture) + "' 2>&1; echo $? >'" +
+                       unixPath(partial) + "'; mv '" + unixPath(partial) + "' '" + unixPath(status) +
+                       "'\"")) {
+        return -1;
+    }
     for (int waited = 0; GetFileAttributesA(status.c_str()) == INVALID_FILE_ATTRIBUTES; waited += 10) {
-        if (waited > 300000)
+        if (waited > 120000)
             return -1;
         Sleep(10);
     }
