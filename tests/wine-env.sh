@@ -44,10 +44,11 @@ start)
     fi
     ;;
 stop)
+    # Wine first, so that its desktop does not complain about a display going away under it.
+    wineserver -k >/dev/null 2>&1 || true
     if [ -f "$prefix/xvfb.pid" ]; then
         kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
         rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
     fi
-    wineserver -k >/dev/null 2>&1 || true
     ;;
 esac

@@ -15,6 +15,11 @@ struct Search {
 
 BOOL CALLBACK matchVisibleCaption(HWND window, LPARAM parameter) {
     auto* search = reinterpret_cast<Search*>(parameter);
+    // Only this program's windows: other DISPLAY programs share the display and run at the same time.
+    DWORD process = 0;
+    GetWindowThreadProcessId(window, &process);
+    if (process != GetCurrentProcessId())
+        return TRUE;
     char text[256] = {};
     GetWindowTextA(window, text, sizeof text);
     // Only this program's windows: other DISPLAY programs of the run share the desktop.
