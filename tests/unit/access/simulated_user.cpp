@@ -22,11 +22,7 @@ BOOL CALLBACK matchVisibleCaption(HWND window, LPARAM parameter) {
         return TRUE;
     char text[256] = {};
     GetWindowTextA(window, text, sizeof text);
-    // Only this program's windows: other DISPLAY programs of the run share the desktop.
-    DWORD process = 0;
-    GetWindowThreadProcessId(window, &process);
-    if (process == GetCurrentProcessId() && IsWindowVisible(window) &&
-        std::strcmp(text, search->caption) == 0) {
+    if (IsWindowVisible(window) && std::strcmp(text, search->caption) == 0) {
         search->found = window;
         return FALSE;
     }
