@@ -1,19 +1,33 @@
 #!/usr/bin/env bash
-# The main job, end to end: install what is missing, build the DLLs, and show them.
-# The steps marked "later" complete the job as the provider grows: create a soft token, sign a
-# file through CryptoAPI with "Calyth Cryptographic Provider CSP", verify the signature with
-# OpenSSL. Each step is one function below; a step whose tools are not built yet says so and the
-# job goes on.
+# The main job, end to end: install what is missing, build the provider, the soft token and the
+# tools, make a soft token with an RSA key and a certificate for it, register the provider in the
+# build's Wine prefix as an installer would, sign a document through CryptoAPI with
+# "Calyth Cryptographic Provider CSP", and verify the signatures with OpenSSL.
+# Every step must succeed: the job stops with a non-zero exit code at the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 build=$root/build
+bin=$build/bin
 work=$build/main-job
+prefix=$build/wineprefix
+serial=MAINJOB-0001
+pin=20481024
 
 step() { printf '\n== %s\n' "$*"; }
 
-has_target() {
-    cmake --build "$build" --target help 2>/dev/null | grep -q "^$1:"
+fail() {
+    echo "main-job: $*" >&2
+    exit 1
+}
+
+# Runs a Windows program of the build in the build's Wine prefix; its CR LF line ends become LF.
+win() {
+    WINEPREFIX=$prefix WINEDEBUG=-all wine "$@" | tr -d '\r'
+}
+
+winpath() {
+    WINEPREFIX=$prefix WINEDEBUG=-all winepath -w "$1" 2>/dev/null
 }
 
 install_dependencies() {
@@ -21,50 +35,100 @@ install_dependencies() {
     tools/install-deps.sh
 }
 
-build_dlls() {
+build_programs() {
     step "Build"
     cmake --preset default >/dev/null
-    local targets=(CalythCSP)
-    if has_target CalythDSCLibrary; then
-        targets+=(CalythDSCLibrary)
-    fi
-    cmake --build --preset default --target "${targets[@]}"
+    cmake --build --preset default --target CalythCSP CalythDSCLibrary calyth-token calyth-sign
 }
 
 show_dlls() {
     step "DLLs"
     local dll
-    for dll in "$build"/bin/*.dll; do
+    for dll in "$bin"/CalythCSP.dll "$bin"/CalythDSCLibrary.dll; do
         echo "$(basename "$dll"): $(stat -c %s "$dll") bytes"
         x86_64-w64-mingw32-objdump -p "$dll" | awk '
             /^\[Ordinal\/Name Pointer\] Table/ { table = 1; next }
             table && /^[ \t]*\[/ { sub(/^[ \t]*\[ *[0-9]+\] /, ""); exports = exports " " $0; next }
             table { table = 0 }
             /DLL Name:/ { imports = imports " " $3 }
-            END { print "  exports:" (exports == "" ? " (none yet)" : exports); print "  imports:" imports }'
+            END { print "  exports:" (exports == "" ? " (none)" : exports); print "  imports:" imports }'
     done
 }
 
+start_wine() {
+    step "Wine prefix"
+    tests/wine-env.sh start "$prefix"
+    trap 'tests/wine-env.sh stop "$prefix"' EXIT
+    echo "prefix $prefix"
+}
+
 create_soft_token() {
-    step "Soft token (later)"
-    echo "not available yet: needs the soft token's set-up tool"
+    step "Soft token"
+    rm -rf "$work"
+    mkdir -p "$work/store"
+    # The device library and calyth-token both read the store folder from CALYTH_TOKEN_STORE.
+    CALYTH_TOKEN_STORE=$(winpath "$work/store")
+    export CALYTH_TOKEN_STORE
+    win "$bin/calyth-token.exe" init --serial "$serial" --pin "$pin" --label "Main job token"
+    key_id=$(win "$bin/calyth-token.exe" genkey --serial "$serial" --type rsa2048 --usage both --label MainJobKey)
+    [[ $key_id =~ ^[0-9A-F]{32}$ ]] || fail "genkey printed '$key_id', not a key id"
+    echo "RSA-2048 key $key_id (the provider's container name)"
+    win "$bin/calyth-token.exe" export-pubkey --serial "$serial" --key "$key_id" --out "$(winpath "$work")\\key.pub.pem"
+    openssl rsa -pubin -in "$work/key.pub.pem" -noout -text | head -1
+}
+
+make_certificate() {
+    step "Certificate for the token key (OpenSSL test CA)"
+    openssl req -x509 -newkey rsa:2048 -nodes -sha256 -days 30 -subj "/O=Calyth Main Job/CN=Main Job CA" \
+        -keyout "$work/ca.key" -out "$work/ca.pem" 2>/dev/null
+    # The private key stays on the token: the certificate carries the exported public key.
+    openssl x509 -new -force_pubkey "$work/key.pub.pem" -subj "/O=Calyth Main Job/CN=Main Job Signer" \
+        -CA "$work/ca.pem" -CAkey "$work/ca.key" -days 30 -set_serial 1 -sha256 -out "$work/signer.pem"
+    openssl x509 -in "$work/signer.pem" -noout -subject -issuer
+    win "$bin/calyth-token.exe" import-cert --serial "$serial" --in "$(winpath "$work/signer.pem")"
+    win "$bin/calyth-token.exe" list --serial "$serial"
+}
+
+register_provider() {
+    step "Provider registration"
+    tools/register-provider.sh --prefix "$prefix" --dll "$bin/CalythCSP.dll"
 }
 
 sign_through_cryptoapi() {
-    step "Signature through CryptoAPI (later)"
-    echo "not available yet: needs the provider's CryptoAPI entry points and a signing tool"
+    step "Signature through CryptoAPI"
+    printf 'Main job document, signed on %s through CryptoAPI.\n' "$(date -u +%Y-%m-%dT%H:%M:%SZ)" >"$work/document.txt"
+    local document signature message
+    document=$(winpath "$work/document.txt")
+    signature=$(winpath "$work")\\document.sig
+    message=$(winpath "$work")\\document.p7s
+    win "$bin/calyth-sign.exe" --container "$key_id" --pin "$pin" --hash sha256 --in "$document" --out "$signature"
+    win "$bin/calyth-sign.exe" --container "$key_id" --pin "$pin" --hash sha256 --cms --in "$document" --out "$message"
+    local log
+    log=$(find "$prefix/drive_c/users" -path "*Quorvik Labs/calyth-sign/*.LOG" 2>/dev/null | sort | tail -1)
+    if [ -n "$log" ]; then
+        echo "provider log: $log"
+    fi
 }
 
 verify_with_openssl() {
-    step "Verification with OpenSSL (later)"
-    echo "not available yet: needs a signature from the previous step"
+    step "Verification with OpenSSL"
+    local result
+    result=$(openssl dgst -sha256 -verify "$work/key.pub.pem" -signature "$work/document.sig" "$work/document.txt")
+    echo "openssl dgst -sha256 -verify: $result"
+    [ "$result" = "Verified OK" ] || fail "the signature does not verify"
+    result=$(openssl cms -verify -binary -inform DER -in "$work/document.p7s" -content "$work/document.txt" \
+        -CAfile "$work/ca.pem" -purpose any -out /dev/null 2>&1)
+    echo "openssl cms -verify: $result"
+    [[ $result == *"Verification successful"* ]] || fail "the CMS signature does not verify"
 }
 
-mkdir -p "$work"
 install_dependencies
-build_dlls
+build_programs
 show_dlls
+start_wine
 create_soft_token
+make_certificate
+register_provider
 sign_through_cryptoapi
 verify_with_openssl
-step "Done"
+step "Done: signed through CryptoAPI on the soft token, verified by OpenSSL"

@@ -1,0 +1,49 @@
+#!/bin/sh
+# tools/register-provider.sh against the build's Wine prefix: the registration an installer writes
+# (image path and type), its removal, a second removal, bad arguments. Leaves the provider registered.
+#   register_provider_test.sh <source dir> <wine prefix> <bin dir>
+set -u
+script=$1/tools/register-provider.sh
+export WINEPREFIX=$2 WINEDEBUG=-all
+bin=$3
+key='HKLM\Software\Microsoft\Cryptography\Defaults\Provider\Calyth Cryptographic Provider CSP'
+failures=0
+
+check() {
+    if [ "$1" = "$2" ]; then
+        echo "ok: $3"
+    else
+        echo "FAILED: $3: expected [$2], got [$1]"
+        failures=$((failures + 1))
+    fi
+}
+
+value() {
+    wine reg query "$key" /v "$1" 2>/dev/null | tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z_]* *//p"
+}
+
+"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
+check $? 0 "register exits 0"
+check "$(value 'Image Path')" "$(winepath -w "$bin/CalythCSP.dll" 2>/dev/null)" "Image Path is the DLL's Windows path"
+check "$(value Type)" 0x1 "Type is 1 (PROV_RSA_FULL)"
+
+"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
+check $? 0 "registering again exits 0"
+
+"$script" --prefix "$WINEPREFIX" --unregister >/dev/null
+check $? 0 "unregister exits 0"
+wine reg query "$key" >/dev/null 2>&1
+check $? 1 "the provider key is gone"
+check "$("$script" --prefix "$WINEPREFIX" --unregister)" \
+    "\"Calyth Cryptographic Provider CSP\" was not registered in $WINEPREFIX" "a second unregister says so"
+
+"$script" --prefix "$WINEPREFIX" --dll "$bin/NoSuch.dll" >/dev/null 2>&1
+check $? 1 "a missing DLL exits 1"
+wine reg query "$key" >/dev/null 2>&1
+check $? 1 "a missing DLL registers nothing"
+"$script" --prefix "$WINEPREFIX" --frobnicate >/dev/null 2>&1
+check $? 2 "an unknown argument exits 2"
+
+"$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
+check $? 0 "registered again at the end"
+[ "$failures" -eq 0 ]

@@ -1,0 +1,115 @@
+// calyth-sign: signs a file through CryptoAPI with the token's key.
+//
+//   calyth-sign --container KEYID --in FILE --out FILE [--pin PIN] [--hash sha256] [--cms [--attached]]
+//               [--provider NAME]
+//
+// Without --cms it writes the bare PKCS #1 v1.5 signature, big-endian, as
+// `openssl dgst -sha256 -verify pub.pem -signature OUT FILE` reads it. With --cms it writes a DER
+// CMS SignedData made by CryptSignMessage with the key's certificate from the token, as
+// `openssl cms -verify -inform DER -in OUT -content FILE -CAfile ca.pem` reads it.
+#include <windows.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+#include "signer.h"
+
+using namespace calythsign;
+
+namespace {
+
+const char* kUsage =
+    "usage: calyth-sign --container KEYID --in FILE --out FILE [--pin PIN] [--hash "
+    "sha1|sha256|sha384|sha512]\n"
+    "                   [--cms [--attached]] [--provider NAME]\n"
+    "  Signs FILE through CryptoAPI with the key KEYID (its 32-character id) of the registered\n"
+    "  provider (default \"Calyth Cryptographic Provider CSP\"). Without --pin the provider asks\n"
+    "  for the PIN itself. Writes the big-endian PKCS #1 signature, or with --cms a DER CMS\n"
+    "  SignedData (detached unless --attached) carrying the key's certificate from the token.\n";
+
+bool readFile(const std::string& path, Bytes* bytes) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
+}
+
+bool writeFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return static_cast<bool>(out);
+}
+
+int usageError(const std::string& message) {
+    std::fprintf(stderr, "calyth-sign: %s\n\n%s", message.c_str(), kUsage);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::map<std::string, std::string> values;
+    bool cms = false;
+    bool attached = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word == "--help" || word == "-h") {
+            std::printf("%s", kUsage);
+            return 0;
+        } else if (word == "--cms") {
+            cms = true;
+        } else if (word == "--attached") {
+            attached = true;
+        } else if (word == "--container" || word == "--in" || word == "--out" || word == "--pin" ||
+                   word == "--hash" || word == "--provider") {
+            if (i + 1 >= argc)
+                return usageError("missing value of " + word);
+            values[word] = argv[++i];
+        } else {
+            return usageError("unknown argument '" + word + "'");
+        }
+    }
+    for (const char* required : {"--container", "--in", "--out"})
+        if (values[required].empty())
+            return usageError(std::string("missing ") + required);
+    if (attached && !cms)
+        return usageError("--attached needs --cms");
+
+    SignRequest request;
+    request.provider =
+        values.count("--provider") ? values["--provider"] : "Calyth Cryptographic Provider CSP";
+    request.container = values["--container"];
+    request.pin = values["--pin"];
+    request.attached = attached;
+    std::string hashName = values.count("--hash") ? values["--hash"] : "sha256";
+    request.hash = hashByName(hashName);
+    if (request.hash == 0)
+        return usageError("unknown hash '" + hashName + "'");
+
+    Bytes document;
+    if (!readFile(values["--in"], &document)) {
+        std::fprintf(stderr, "calyth-sign: cannot read '%s'\n", values["--in"].c_str());
+        return 1;
+    }
+    Bytes output;
+    SignError failure;
+    bool ok = cms ? signMessage(request, document, &output, &failure)
+                  : signHash(request, document, &output, &failure);
+    if (!ok) {
+        std::fprintf(stderr, "calyth-sign: %s failed: 0x%08lX\n", failure.step.c_str(),
+                     static_cast<unsigned long>(failure.error));
+        return 1;
+    }
+    if (!writeFile(values["--out"], output)) {
+        std::fprintf(stderr, "calyth-sign: cannot write '%s'\n", values["--out"].c_str());
+        return 1;
+    }
+    std::printf("%s: %u bytes (%s, %s) written to %s\n", cms ? "CMS signature" : "signature",
+                static_cast<unsigned>(output.size()), hashName.c_str(), request.container.c_str(),
+                values["--out"].c_str());
+    return 0;
+}
