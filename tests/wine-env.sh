@@ -98,10 +98,7 @@ start)
     start_desktop
     ;;
 stop)
-    if [ -f "$prefix/xvfb.pid" ]; then
-        kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
-        rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
-    fi
+    # Wine first, so that its desktop does not complain about a display going away under it.
     wineserver -k >/dev/null 2>&1 || true
     # Processes of the prefix that wait on a pipe do not notice that their server is gone and would
     # stay for ever (a desktop process among them): end what is left after a moment.
@@ -112,5 +109,9 @@ stop)
     for pid in $(prefix_processes '*'); do
         kill -9 "$pid" 2>/dev/null || true
     done
+    if [ -f "$prefix/xvfb.pid" ]; then
+        kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
+        rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
+    fi
     ;;
 esac

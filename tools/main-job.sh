@@ -104,7 +104,7 @@ sign_through_cryptoapi() {
     win "$bin/calyth-sign.exe" --container "$key_id" --pin "$pin" --hash sha256 --in "$document" --out "$signature"
     win "$bin/calyth-sign.exe" --container "$key_id" --pin "$pin" --hash sha256 --cms --in "$document" --out "$message"
     local log
-    log=$(find "$prefix/drive_c/users" -path "*Quorvik Labs/calyth-sign/*.LOG" 2>/dev/null | sort | tail -1)
+    log=$(find "$prefix/drive_c/users" -path "*/Temp/Quorvik Labs/calyth-sign/*.LOG" -not -path "*/calyth-tests/*" 2>/dev/null | sort | tail -1)
     if [ -n "$log" ]; then
         echo "provider log: $log"
     fi

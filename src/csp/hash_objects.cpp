@@ -8,9 +8,10 @@
 #include <string>
 
 #include "csp/csp_entry_points.h"
-#include "csp/entry_support.h"
+#include "csp/entry_point_guard.h"
 #include "csp/hash_algorithms.h"
 #include "csp/hash_context.h"
+#include "csp/log_text.h"
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
@@ -33,25 +34,25 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY /*hKey*/, DWO
     return runEntryPoint("CPCreateHash", [&]() -> BOOL {
         logDebug("CPCreateHash");
         if (phHash == nullptr || hProv == 0)
-            return failWith("CPCreateHash: invalid parameter - phHash=" + decimalText(phHash) +
-                                " hProv=" + decimalText(hProv),
-                            ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER,
+                                 "CPCreateHash: invalid parameter - phHash=" + decimalText(phHash) +
+                                     " hProv=" + decimalText(hProv));
         if (dwFlags != 0)
-            return failWith("CPCreateHash: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+            return failWithError(NTE_BAD_FLAGS, "CPCreateHash: invalid dwFlags=0x" + hex8Text(dwFlags));
         CspContext* context = cspContextFrom(hProv);
         if (!context->initialized)
-            return failWith("CPCreateHash: context not initialized", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPCreateHash: context not initialized");
 
         HASH_CONTEXT* hash = new (std::nothrow) HASH_CONTEXT{};
         if (hash == nullptr)
-            return failWith("CPCreateHash: failed to allocate HASH_CONTEXT", NTE_NO_MEMORY);
+            return failWithError(NTE_NO_MEMORY, "CPCreateHash: failed to allocate HASH_CONTEXT");
         hash->valid = 1;
         logDebug("Crete hash algorithm input : " + std::to_string(Algid));
 
         const HashAlgorithm* algorithm = hashAlgorithmByAlgId(Algid);
         if (algorithm == nullptr) {
             delete hash;
-            return failWith("CPCreateHash: unsupported Algid=0x" + hex8Text(Algid), NTE_BAD_ALGID);
+            return failWithError(NTE_BAD_ALGID, "CPCreateHash: unsupported Algid=0x" + hex8Text(Algid));
         }
         logDebug(algorithm->logLine);
         hash->hashLength = algorithm->length;
@@ -63,7 +64,8 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY /*hKey*/, DWO
         int ret = startDeviceHash(context, hash, hash->mechanism);
         if (ret != CALYTH_OK) {
             delete hash;
-            return failWith("CPCreateHash: calyth_initHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+            return failWithError(NTE_FAIL,
+                                 "CPCreateHash: calyth_initHash failed, ret=" + std::to_string(ret));
         }
         *phHash = reinterpret_cast<HCRYPTHASH>(hash);
         return TRUE;
@@ -75,15 +77,16 @@ BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, D
     return runEntryPoint("CPHashData", [&]() -> BOOL {
         logDebug("CPHashData");
         if (!isUsableContext(hProv))
-            return failWith("CPHashData: invalid or uninitialized context", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPHashData: invalid or uninitialized context");
         if (hHash == 0)
-            return failWith("CPHashData: pHashHandle is NULL", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPHashData: pHashHandle is NULL");
         // The cached value, once there, wins: data fed afterwards reaches only the token's hash.
         const CspContext* context = cspContextFrom(hProv);
         int ret = calyth_updateHash(hashContextFrom(hHash)->deviceHash, pbData, static_cast<int>(cbDataLen),
                                     context->deviceContext);
         if (ret != CALYTH_OK)
-            return failWith("CPHashData: calyth_updateHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+            return failWithError(NTE_FAIL,
+                                 "CPHashData: calyth_updateHash failed, ret=" + std::to_string(ret));
         return TRUE;
     });
 }
@@ -93,21 +96,21 @@ BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD* /*pdwRese
     return runEntryPoint("CPDuplicateHash", [&]() -> BOOL {
         logDebug("CPDuplicateHash");
         if (phHash == nullptr || hProv == 0 || hHash == 0)
-            return failWith("CPDuplicateHash: invalid parameter - phHash=" + decimalText(phHash) +
-                                " hProv=" + decimalText(hProv) + " hHash=" + decimalText(hHash),
-                            ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER,
+                                 "CPDuplicateHash: invalid parameter - phHash=" + decimalText(phHash) +
+                                     " hProv=" + decimalText(hProv) + " hHash=" + decimalText(hHash));
         if (dwFlags != 0)
-            return failWith("CPDuplicateHash: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+            return failWithError(NTE_BAD_FLAGS, "CPDuplicateHash: invalid dwFlags=0x" + hex8Text(dwFlags));
         const CspContext* context = cspContextFrom(hProv);
         if (!context->initialized)
-            return failWith("CPDuplicateHash: invalid or uninitialized context", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPDuplicateHash: invalid or uninitialized context");
         const HASH_CONTEXT* source = hashContextFrom(hHash);
         if (!source->valid)
-            return failWith("CPDuplicateHash: source hash is NULL or invalid", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPDuplicateHash: source hash is NULL or invalid");
 
         HASH_CONTEXT* duplicate = new (std::nothrow) HASH_CONTEXT{};
         if (duplicate == nullptr)
-            return failWith("CPDuplicateHash: failed to allocate HASH_CONTEXT", NTE_NO_MEMORY);
+            return failWithError(NTE_NO_MEMORY, "CPDuplicateHash: failed to allocate HASH_CONTEXT");
         // The token cannot clone a running hash: the copy gets a fresh one, and only a value that
         // is already cached travels with it.
         *duplicate = *source;
@@ -115,7 +118,8 @@ BOOL WINAPI CPDuplicateHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD* /*pdwRese
         int ret = startDeviceHash(context, duplicate, source->mechanism);
         if (ret != CALYTH_OK) {
             delete duplicate;
-            return failWith("CPDuplicateHash: calyth_initHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+            return failWithError(NTE_FAIL,
+                                 "CPDuplicateHash: calyth_initHash failed, ret=" + std::to_string(ret));
         }
         *phHash = reinterpret_cast<HCRYPTHASH>(duplicate);
         logDebug("CPDuplicateHash - source: 0x" + pointerHexText(source) + " duplicate: 0x" +
@@ -128,9 +132,9 @@ BOOL WINAPI CPDestroyHash(HCRYPTPROV hProv, HCRYPTHASH hHash) {
     return runEntryPoint("CPDestroyHash", [&]() -> BOOL {
         logDebug("CPDestroyHash");
         if (!isUsableContext(hProv))
-            return failWith("CPDestroyHash: invalid or uninitialized context", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPDestroyHash: invalid or uninitialized context");
         if (hHash == 0)
-            return failWith("CPDestroyHash: pHashHandle is NULL", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPDestroyHash: pHashHandle is NULL");
         // The token's hash handle is neither finalised nor released: the library owns it.
         delete hashContextFrom(hHash);
         return TRUE;
@@ -140,9 +144,9 @@ BOOL WINAPI CPDestroyHash(HCRYPTPROV hProv, HCRYPTHASH hHash) {
 BOOL WINAPI CPHashSessionKey(HCRYPTPROV /*hProv*/, HCRYPTHASH hHash, HCRYPTKEY hKey, DWORD dwFlags) {
     return runEntryPoint("CPHashSessionKey", [&]() -> BOOL {
         logDebug("CPHashSessionKey");
-        return failWith("CPHashSessionKey: not supported, hHash=" + decimalText(hHash) +
-                            " hKey=" + decimalText(hKey) + " dwFlags=" + std::to_string(dwFlags),
-                        ERROR_CALL_NOT_IMPLEMENTED);
+        return failWithError(ERROR_CALL_NOT_IMPLEMENTED,
+                             "CPHashSessionKey: not supported, hHash=" + decimalText(hHash) +
+                                 " hKey=" + decimalText(hKey) + " dwFlags=" + std::to_string(dwFlags));
     });
 }
 

@@ -8,9 +8,10 @@
 #include <string>
 
 #include "csp/csp_entry_points.h"
-#include "csp/entry_support.h"
+#include "csp/entry_point_guard.h"
 #include "csp/hash_algorithms.h"
 #include "csp/hash_context.h"
+#include "csp/log_text.h"
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
@@ -36,12 +37,12 @@ BOOL getAlgId(const HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
         return sizeQuerySuccess(pcbDataLen, kDwordLength);
     if (*pcbDataLen < kDwordLength) {
         *pcbDataLen = kDwordLength;
-        return failWith("CPGetHashParam: HP_ALGID buffer too small", ERROR_MORE_DATA);
+        return failWithError(ERROR_MORE_DATA, "CPGetHashParam: HP_ALGID buffer too small");
     }
     const HashAlgorithm* algorithm = hashAlgorithmByMechanism(hash->mechanism);
     if (algorithm == nullptr)
-        return failWith("CPGetHashParam: HP_ALGID unsupported mechanism=" + std::to_string(hash->mechanism),
-                        NTE_BAD_ALGID);
+        return failWithError(NTE_BAD_ALGID, "CPGetHashParam: HP_ALGID unsupported mechanism=" +
+                                                std::to_string(hash->mechanism));
     writeDword(pbData, algorithm->algId);
     *pcbDataLen = kDwordLength;
     return TRUE;
@@ -52,13 +53,12 @@ BOOL getHashSize(const HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
         return sizeQuerySuccess(pcbDataLen, kDwordLength);
     if (*pcbDataLen < kDwordLength) {
         *pcbDataLen = kDwordLength;
-        return failWith("CPGetHashParam: HP_HASHSIZE buffer too small", ERROR_MORE_DATA);
+        return failWithError(ERROR_MORE_DATA, "CPGetHashParam: HP_HASHSIZE buffer too small");
     }
     const HashAlgorithm* algorithm = hashAlgorithmByMechanism(hash->mechanism);
     if (algorithm == nullptr)
-        return failWith(
-            "CPGetHashParam: HP_HASHSIZE unsupported mechanism=" + std::to_string(hash->mechanism),
-            NTE_BAD_ALGID);
+        return failWithError(NTE_BAD_ALGID, "CPGetHashParam: HP_HASHSIZE unsupported mechanism=" +
+                                                std::to_string(hash->mechanism));
     logDebug("Get hash param hashSize : " + std::to_string(algorithm->length));
     writeDword(pbData, algorithm->length);
     *pcbDataLen = kDwordLength;
@@ -68,8 +68,8 @@ BOOL getHashSize(const HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
 BOOL getHashValue(const CspContext* context, HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
     const HashAlgorithm* algorithm = hashAlgorithmByMechanism(hash->mechanism);
     if (algorithm == nullptr)
-        return failWith("CPGetHashParam: HP_HASHVAL unsupported mechanism=" + std::to_string(hash->mechanism),
-                        NTE_BAD_ALGID);
+        return failWithError(NTE_BAD_ALGID, "CPGetHashParam: HP_HASHVAL unsupported mechanism=" +
+                                                std::to_string(hash->mechanism));
     if (pbData == nullptr) {
         *pcbDataLen = algorithm->length;
         return TRUE;
@@ -77,8 +77,8 @@ BOOL getHashValue(const CspContext* context, HASH_CONTEXT* hash, BYTE* pbData, D
     if (hash->finalized) {
         if (*pcbDataLen < hash->valueLength) {
             *pcbDataLen = hash->valueLength;
-            return failWith("CPGetHashParam: HP_HASHVAL buffer too small for cached hash value",
-                            ERROR_MORE_DATA);
+            return failWithError(ERROR_MORE_DATA,
+                                 "CPGetHashParam: HP_HASHVAL buffer too small for cached hash value");
         }
         std::memcpy(pbData, hash->value, hash->valueLength);
         *pcbDataLen = hash->valueLength;
@@ -88,13 +88,14 @@ BOOL getHashValue(const CspContext* context, HASH_CONTEXT* hash, BYTE* pbData, D
     int length = static_cast<int>(algorithm->length);
     int ret = calyth_finalHash(hash->deviceHash, hash->value, &length, context->deviceContext);
     if (ret != CALYTH_OK)
-        return failWith("CPGetHashParam: calyth_finalHash failed, ret=" + std::to_string(ret), NTE_FAIL);
+        return failWithError(NTE_FAIL, "CPGetHashParam: calyth_finalHash failed, ret=" + std::to_string(ret));
     // From here on the cached value answers, also the retry after a short buffer.
     hash->valueLength = static_cast<uint32_t>(length);
     hash->finalized = 1;
     if (*pcbDataLen < hash->valueLength) {
         *pcbDataLen = hash->valueLength;
-        return failWith("CPGetHashParam: HP_HASHVAL buffer too small for finalized hash", ERROR_MORE_DATA);
+        return failWithError(ERROR_MORE_DATA,
+                             "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash");
     }
     std::memcpy(pbData, hash->value, hash->valueLength);
     *pcbDataLen = hash->valueLength;
@@ -103,7 +104,7 @@ BOOL getHashValue(const CspContext* context, HASH_CONTEXT* hash, BYTE* pbData, D
 
 BOOL getHmacInfo(const HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
     if (!hash->hmac)
-        return failWith("CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC", NTE_BAD_TYPE);
+        return failWithError(NTE_BAD_TYPE, "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC");
     if (pbData == nullptr) {
         *pcbDataLen = kHmacInfoLength;
         return TRUE;
@@ -115,7 +116,7 @@ BOOL getHmacInfo(const HASH_CONTEXT* hash, BYTE* pbData, DWORD* pcbDataLen) {
         return TRUE;
     }
     *pcbDataLen = kHmacInfoLength;
-    return failWith("CPGetHashParam: HP_HMAC_INFO buffer too small", ERROR_MORE_DATA);
+    return failWithError(ERROR_MORE_DATA, "CPGetHashParam: HP_HMAC_INFO buffer too small");
 }
 
 }  // namespace
@@ -127,15 +128,15 @@ BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, co
     return runEntryPoint("CPSetHashParam", [&]() -> BOOL {
         logDebug("CPSetHashParam");
         if (hProv == 0 || hHash == 0 || pbData == nullptr)
-            return failWith("CPSetHashParam: invalid parameter - hProv=" + decimalText(hProv) +
-                                " hHash=" + decimalText(hHash) + " pbData=" + decimalText(pbData),
-                            ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER,
+                                 "CPSetHashParam: invalid parameter - hProv=" + decimalText(hProv) +
+                                     " hHash=" + decimalText(hHash) + " pbData=" + decimalText(pbData));
         if (dwFlags != 0)
-            return failWith("CPSetHashParam: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+            return failWithError(NTE_BAD_FLAGS, "CPSetHashParam: invalid dwFlags=0x" + hex8Text(dwFlags));
         const CspContext* context = cspContextFrom(hProv);
         HASH_CONTEXT* hash = hashContextFrom(hHash);
         if (!context->initialized || !hash->valid)
-            return failWith("CPSetHashParam: context not initialized or hash not valid", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPSetHashParam: context not initialized or hash not valid");
         logDebug("Set hash param dwParam : " + std::to_string(dwParam));
         logDebug("Set hash param dwFlags : " + std::to_string(dwFlags));
 
@@ -152,13 +153,14 @@ BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, co
                 int ret = calyth_initHash(context->serialNumber.c_str(), hash->mechanism, &hash->deviceHash,
                                           context->deviceContext);
                 if (ret != CALYTH_OK)
-                    return failWith(
-                        "CPSetHashParam: calyth_initHash failed for HP_HMAC_INFO, ret=" + std::to_string(ret),
-                        NTE_FAIL);
+                    return failWithError(NTE_FAIL,
+                                         "CPSetHashParam: calyth_initHash failed for HP_HMAC_INFO, ret=" +
+                                             std::to_string(ret));
                 return TRUE;
             }
             default:
-                return failWith("CPSetHashParam: unsupported dwParam=0x" + hex8Text(dwParam), NTE_BAD_TYPE);
+                return failWithError(NTE_BAD_TYPE,
+                                     "CPSetHashParam: unsupported dwParam=0x" + hex8Text(dwParam));
         }
     });
 }
@@ -168,15 +170,16 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
     return runEntryPoint("CPGetHashParam", [&]() -> BOOL {
         logDebug("CPGetHashParam");
         if (hProv == 0 || hHash == 0 || pcbDataLen == nullptr)
-            return failWith("CPGetHashParam: invalid parameter - hProv=" + decimalText(hProv) +
-                                " hHash=" + decimalText(hHash) + " pcbDataLen=" + decimalText(pcbDataLen),
-                            ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER,
+                                 "CPGetHashParam: invalid parameter - hProv=" + decimalText(hProv) +
+                                     " hHash=" + decimalText(hHash) +
+                                     " pcbDataLen=" + decimalText(pcbDataLen));
         if (dwFlags != 0)
-            return failWith("CPGetHashParam: invalid dwFlags=0x" + hex8Text(dwFlags), NTE_BAD_FLAGS);
+            return failWithError(NTE_BAD_FLAGS, "CPGetHashParam: invalid dwFlags=0x" + hex8Text(dwFlags));
         const CspContext* context = cspContextFrom(hProv);
         HASH_CONTEXT* hash = hashContextFrom(hHash);
         if (!context->initialized || !hash->valid)
-            return failWith("CPGetHashParam: context not initialized or hash not valid", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPGetHashParam: context not initialized or hash not valid");
         logDebug("CPGetHashParam dwParam : " + std::to_string(dwParam));
         logDebug("CPGetHashParam mechanism : " + std::to_string(hash->mechanism));
 
@@ -190,7 +193,8 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
             case HP_HMAC_INFO:
                 return getHmacInfo(hash, pbData, pcbDataLen);
             default:
-                return failWith("CPGetHashParam: unsupported dwParam=0x" + hex8Text(dwParam), NTE_BAD_TYPE);
+                return failWithError(NTE_BAD_TYPE,
+                                     "CPGetHashParam: unsupported dwParam=0x" + hex8Text(dwParam));
         }
     });
 }

@@ -7,7 +7,8 @@
 #include <string>
 
 #include "csp/csp_entry_points.h"
-#include "csp/entry_support.h"
+#include "csp/entry_point_guard.h"
+#include "csp/log_text.h"
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
@@ -19,10 +20,10 @@ BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD cbLen, BYTE* pbBuffer) {
     return runEntryPoint("CPGenRandom", [&]() -> BOOL {
         logDebug("CPGenRandom");
         if (!isUsableContext(hProv))
-            return failWith("CPGenRandom: context is null or not initialized", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPGenRandom: context is null or not initialized");
         if (pbBuffer == nullptr || cbLen == 0)
-            return failWith("CPGenRandom: invalid buffer or length, cbLen=" + std::to_string(cbLen),
-                            ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER,
+                                 "CPGenRandom: invalid buffer or length, cbLen=" + std::to_string(cbLen));
         const CspContext* context = cspContextFrom(hProv);
         int length = static_cast<int>(cbLen);
 
@@ -31,8 +32,8 @@ BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD cbLen, BYTE* pbBuffer) {
             logDebug("CPGenRandom: no token, using software RNG");
             int ret = calyth_generateRamdomNumber("", length, pbBuffer, true, context->deviceContext);
             if (ret != CALYTH_OK)
-                return failWith("CPGenRandom: software RNG failed: " + std::to_string(ret),
-                                NTE_PROVIDER_DLL_FAIL);
+                return failWithError(NTE_PROVIDER_DLL_FAIL,
+                                     "CPGenRandom: software RNG failed: " + std::to_string(ret));
             return TRUE;
         }
 
@@ -40,7 +41,8 @@ BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD cbLen, BYTE* pbBuffer) {
         int ret = calyth_generateRamdomNumber(context->serialNumber.c_str(), length, pbBuffer,
                                               !g_useHardwareRng, context->deviceContext);
         if (ret != CALYTH_OK)
-            return failWith("Random number generation failed: " + std::to_string(ret), NTE_PROVIDER_DLL_FAIL);
+            return failWithError(NTE_PROVIDER_DLL_FAIL,
+                                 "Random number generation failed: " + std::to_string(ret));
         return TRUE;
     });
 }

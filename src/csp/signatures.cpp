@@ -10,9 +10,10 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
-#include "csp/entry_support.h"
+#include "csp/entry_point_guard.h"
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
+#include "csp/log_text.h"
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
@@ -23,7 +24,6 @@
 
 namespace {
 
-constexpr int32_t kKeyIdLength = 16;
 // The room the token gets for a digest it finalises while signing.
 constexpr int kFinalHashRoom = 128;
 
@@ -34,14 +34,14 @@ bool canSign(const CalythKeyPair& keyPair) {
 
 std::string keyIdText(const CalythKeyPair& keyPair) {
     Utils utils;
-    return utils.bytesToHex(keyPair.keyId, kKeyIdLength);
+    return utils.bytesToHex(keyPair.keyId, KEY_ID_LENGTH);
 }
 
 // The hash object remembers its signing key; the key-size code replaces the hash code in
 // `mechanism`, which is what later size queries read.
 void chooseSignKey(HASH_CONTEXT* hash, const CalythKeyPair& keyPair) {
-    std::memcpy(hash->signKeyId, keyPair.keyId, kKeyIdLength);
-    hash->signKeyIdLength = kKeyIdLength;
+    std::memcpy(hash->signKeyId, keyPair.keyId, KEY_ID_LENGTH);
+    hash->signKeyIdLength = KEY_ID_LENGTH;
     hash->mechanism = keyPair.keySizeCode;
 }
 
@@ -68,7 +68,7 @@ bool findSignKey(const CspContext* context, HASH_CONTEXT* hash) {
         if (canSign(keyPair))
             chooseSignKey(hash, keyPair);
     }
-    return hash->signKeyIdLength == kKeyIdLength;
+    return hash->signKeyIdLength == KEY_ID_LENGTH;
 }
 
 DWORD signatureSizeForKeyCode(int32_t keySizeCode) {
@@ -93,12 +93,12 @@ int signOnToken(const CspContext* context, const HASH_CONTEXT* hash, BYTE* pbSig
 BOOL obtainHashValue(HCRYPTPROV hProv, HCRYPTHASH hHash, const HASH_CONTEXT* hash) {
     DWORD size = 0;
     if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, nullptr, &size, 0))
-        return failWith("CPGetHashParam failed to get hash size", NTE_BAD_HASH);
+        return failWithError(NTE_BAD_HASH, "CPGetHashParam failed to get hash size");
     if (size > hash->hashLength)
-        return failWith("Hash size larger than expected", NTE_BAD_HASH);
+        return failWithError(NTE_BAD_HASH, "Hash size larger than expected");
     std::vector<BYTE> value(size);
     if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, value.data(), &size, 0))
-        return failWith("CPGetHashParam failed to get hash value", NTE_BAD_HASH);
+        return failWithError(NTE_BAD_HASH, "CPGetHashParam failed to get hash value");
     logDebug("Hash obtained using CPGetHashParam");
     return TRUE;
 }
@@ -142,9 +142,9 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
     return runEntryPoint("CPSignHash", [&]() -> BOOL {
         logDebug("CPSignHash");
         if (!isUsableContext(hProv))
-            return failWith("CPSignHash: context is null or not initialized", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CPSignHash: context is null or not initialized");
         if (hHash == 0)
-            return failWith("CPSignHash: hash handle is null", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "CPSignHash: hash handle is null");
         CspContext* context = cspContextFrom(hProv);
         HASH_CONTEXT* hash = hashContextFrom(hHash);
 
@@ -152,24 +152,26 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             int length = kFinalHashRoom;
             int ret = calyth_finalHash(hash->deviceHash, hash->value, &length, context->deviceContext);
             if (ret != CALYTH_OK)
-                return failWith("CPSignHash: calyth_finalHash failed with ret=" + std::to_string(ret),
-                                NTE_FAIL);
+                return failWithError(NTE_FAIL,
+                                     "CPSignHash: calyth_finalHash failed with ret=" + std::to_string(ret));
             hash->valueLength = static_cast<uint32_t>(length);
         }
 
-        if (hash->signKeyIdLength != kKeyIdLength && !findSignKey(context, hash))
-            return failWith("CPSignHash: sign key not found for container=" + context->containerName,
-                            NTE_NO_KEY);
+        if (hash->signKeyIdLength != KEY_ID_LENGTH && !findSignKey(context, hash))
+            return failWithError(NTE_NO_KEY,
+                                 "CPSignHash: sign key not found for container=" + context->containerName);
 
         if (pdwSigLen == nullptr)
-            return failWith("CPSignHash: signature length pointer is null", ERROR_INVALID_PARAMETER);
+            return failWithError(ERROR_INVALID_PARAMETER, "CPSignHash: signature length pointer is null");
         if (pbSignature == nullptr) {
             *pdwSigLen = signatureSizeForKeyCode(hash->mechanism);
             return TRUE;
         }
 
-        if (!ensurePasswordValidated(context))
-            return failKeepingLastError("CPSignHash: ensurePasswordValidated failed");
+        if (!ensurePasswordValidated(context)) {
+            logError("CPSignHash: ensurePasswordValidated failed");  // last error as the PIN check set it
+            return FALSE;
+        }
         logDebug("CPSignHash dwFlags : " + std::to_string(dwFlags));
         logDebug("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
         logDebug("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
@@ -180,13 +182,15 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             // The token's single sign-on ran out: forget the PIN, ask once more, sign once more.
             logDebug("CPSignHash: SSO expired, re-prompting for PIN");
             clearValidatedPin(context->serialNumber);
-            if (!ensurePasswordValidated(context))
-                return failKeepingLastError("CPSignHash: ensurePasswordValidated failed after SSO expiry");
+            if (!ensurePasswordValidated(context)) {
+                logError("CPSignHash: ensurePasswordValidated failed after SSO expiry");
+                return FALSE;
+            }
             sigLen = static_cast<int>(*pdwSigLen);
             ret = signOnToken(context, hash, pbSignature, &sigLen);
         }
         if (ret != CALYTH_OK)
-            return failWith("Sign hash failed : " + std::to_string(ret), NTE_PROVIDER_DLL_FAIL);
+            return failWithError(NTE_PROVIDER_DLL_FAIL, "Sign hash failed : " + std::to_string(ret));
 
         // Never past the caller's buffer, whatever length the token reports.
         sigLen = std::max(0, std::min(sigLen, static_cast<int>(*pdwSigLen)));
@@ -201,11 +205,11 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
     return runEntryPoint("CPVerifySignature", [&]() -> BOOL {
         logDebug("CPVerifySignature");
         if (!isUsableContext(hProv))
-            return failWith("CSP Context Not Initialized", NTE_BAD_UID);
+            return failWithError(NTE_BAD_UID, "CSP Context Not Initialized");
         if (hHash == 0)
-            return failWith("Hash Context is not Initialized", NTE_BAD_HASH);
+            return failWithError(NTE_BAD_HASH, "Hash Context is not Initialized");
         if (pbSignature == nullptr && cbSigLen != 0)
-            return failWith("CPVerifySignature: signature is null", NTE_BAD_SIGNATURE);
+            return failWithError(NTE_BAD_SIGNATURE, "CPVerifySignature: signature is null");
         const CspContext* context = cspContextFrom(hProv);
         HASH_CONTEXT* hash = hashContextFrom(hHash);
 
@@ -214,9 +218,9 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
 
         Bytes publicKey;
         if (!verificationPublicKey(context, hPubKey, &publicKey))
-            return failWith(
-                "CPVerifySignature: container not found in key list, containerName=" + context->containerName,
-                NTE_BAD_KEY);
+            return failWithError(NTE_BAD_KEY,
+                                 "CPVerifySignature: container not found in key list, containerName=" +
+                                     context->containerName);
 
         // The token reads signatures big-endian.
         std::vector<BYTE> signature(pbSignature, pbSignature + cbSigLen);
@@ -230,7 +234,7 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
         logDebug("PublicKeyLength: " + std::to_string(publicKey.size()));
         logDebug("Signature Length: " + std::to_string(cbSigLen));
         if (ret != CALYTH_OK)
-            return failWith("VERIFY SIGNATURE FAILED :: " + std::to_string(ret), NTE_BAD_SIGNATURE);
+            return failWithError(NTE_BAD_SIGNATURE, "VERIFY SIGNATURE FAILED :: " + std::to_string(ret));
         return TRUE;
     });
 }

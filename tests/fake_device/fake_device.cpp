@@ -65,7 +65,11 @@ std::string bytesArg(const unsigned char* p, int length) {
 bool record(const char* function, const char* serial, std::vector<std::string> args, int* result) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     State& s = state();
-    s.calls.push_back(Call{function, serial ? serial : "", std::move(args)});
+    s.calls.push_back(Call{function, serial ? serial : "", std::move(args), GetCurrentThreadId()});
+    if (s.hooks.afterCall) {
+        Call call = s.calls.back();
+        s.hooks.afterCall(call);
+    }
     auto it = s.forced.find(function);
     if (it != s.forced.end() && !it->second.empty()) {
         *result = it->second.front();
@@ -277,6 +281,14 @@ std::vector<Call> callsTo(const std::string& function) {
     std::vector<Call> out;
     for (const Call& c : calls())
         if (c.function == function)
+            out.push_back(c);
+    return out;
+}
+
+std::vector<Call> callsFromThisThread() {
+    std::vector<Call> out;
+    for (const Call& c : calls())
+        if (c.threadId == GetCurrentThreadId())
             out.push_back(c);
     return out;
 }

@@ -27,6 +27,7 @@ struct Call {
     std::string serial;             // the serial argument, "" where the function takes none
     std::vector<std::string> args;  // the other arguments, in order: decimal numbers, "true"/"false",
                                     // upper-case hex for byte buffers, "null" for null pointers
+    unsigned long threadId = 0;     // the calling thread (the device monitor polls from its own)
 };
 
 struct Token {
@@ -66,6 +67,9 @@ struct Hooks {
     std::function<int(const char* serial, const char* pin, CalythKeyPair* keyPair)> generateKeyPair;
     std::function<int(const char* serial, int length, unsigned char* output, bool useSoftware)> random;
     std::function<int(const char* serial, const char* pin, CalythCertificate* certificate)> importCertificate;
+    // Runs after every recorded call, on the calling thread, before the call does its work (e.g.
+    // to unplug a token in the middle of an operation).
+    std::function<void(const Call& call)> afterCall;
 };
 
 // Resets everything: no tokens, no calls, no forced results, no hooks, no registered files or
@@ -100,6 +104,8 @@ Hooks& hooks();
 
 std::vector<Call> calls();
 std::vector<Call> callsTo(const std::string& function);
+// Only the calls made by the calling thread (leaves out the device monitor's polling).
+std::vector<Call> callsFromThisThread();
 size_t countCalls(const std::string& function);
 // Names of all calls in order, e.g. {"calyth_init", "calyth_getConnectedDeviceList", ...}.
 std::vector<std::string> callNames();

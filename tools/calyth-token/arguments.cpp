@@ -56,11 +56,11 @@ Arguments parseArguments(const Command& command, const std::vector<std::string>&
             inlineValue = word.substr(equals + 1);
             hasInline = true;
         }
-        auto spec = std::find_if(command.options.begin(), command.options.end(),
+        auto option = std::find_if(command.options.begin(), command.options.end(),
                                  [&](const OptionSpec& o) { return name == o.name; });
-        if (spec == command.options.end())
+        if (option == command.options.end())
             throw UsageError("unknown option '" + name + "'");
-        if (!spec->takesValue) {
+        if (!option->takesValue) {
             if (hasInline)
                 throw UsageError(name + " takes no value");
             arguments.flags.push_back(name);

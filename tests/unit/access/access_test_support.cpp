@@ -1,43 +1,19 @@
 #include "access_test_support.h"
 
-#include <sstream>
+#include <algorithm>
+#include <set>
 
 #include "log/log.h"
-#include "support/test_support.h"
 #include "token/token_table.h"
 
 namespace access_test {
 
-std::vector<std::string> logEntries() {
-    std::vector<std::string> out;
-    std::istringstream in(testsupport::readLog());
-    std::string line;
-    while (std::getline(in, line)) {
-        for (const char* tag : {"DEBUG", "ERROR", "EXCEP", "INFO "}) {
-            std::string marker = std::string(tag) + " ::=>";
-            size_t at = line.find(marker);
-            if (at != std::string::npos) {
-                std::string name = tag;
-                if (name == "INFO ")
-                    name = "INFO";
-                out.push_back(name + ":" + line.substr(at + marker.size()));
-                break;
-            }
-        }
-    }
-    return out;
-}
-
-bool logHas(const std::string& entry) {
-    return logCount(entry) > 0;
-}
-
-size_t logCount(const std::string& entry) {
-    size_t count = 0;
-    for (const std::string& line : logEntries())
-        if (line == entry)
-            ++count;
-    return count;
+size_t otherThreadsCalling(const std::string& function, const std::vector<unsigned long>& known) {
+    std::set<unsigned long> threads;
+    for (const fake::Call& call : fake::callsTo(function))
+        if (std::find(known.begin(), known.end(), call.threadId) == known.end())
+            threads.insert(call.threadId);
+    return threads.size();
 }
 
 std::vector<std::string> serialsOf(const std::string& function) {

@@ -1,21 +1,23 @@
-// Shared set-up of the token-access test programs: every test starts with an empty fake device
+// Shared set-up of the token-access unit-test programs: every test starts with an empty fake device
 // library, an empty token table and an empty log.
 #pragma once
+
+#include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
+#include "access_log.h"
 #include "fake_device/fake_device.h"
 #include "support/test_support.h"
 
 namespace access_test {
 
-// Log lines as "DEBUG:<message>" or "ERROR:<message>".
-std::vector<std::string> logEntries();
-bool logHas(const std::string& entry);
-size_t logCount(const std::string& entry);
+// The distinct threads other than those listed that called a device function (the monitor's
+// polling thread, when the listed threads are the test's own).
+size_t otherThreadsCalling(const std::string& function, const std::vector<unsigned long>& known);
 
 // The serials of the recorded calls of one device function.
 std::vector<std::string> serialsOf(const std::string& function);

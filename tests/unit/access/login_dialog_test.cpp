@@ -1,7 +1,9 @@
 // The PIN dialog and the PIN messages as a user meets them: a simulated user finds the windows,
 // types, presses buttons and reads the message boxes.
 #include "access_test_support.h"
+#include "csp/csp_entry_points.h"
 #include "simulated_user.h"
+#include "token/device_monitor.h"
 #include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
@@ -294,4 +296,29 @@ TEST_F(LoginWithUser, TheCngSideEndsQuietlyOnALockedPinOrASecondCancel) {
                 ElementsAre("dialog", "message:Invalid user pin. Remaining attempts(4)", "dialog"));
     EXPECT_TRUE(logHas("DEBUG:KSP: User cancelled password dialog"));
     EXPECT_FALSE(isPinValidated("S1"));
+}
+
+TEST_F(LoginWithUser, AnUnpluggedTokenIsAskedForAgainOnceItIsBack) {
+    VTableProvStruc table{};
+    HCRYPTPROV first = 0;
+    ASSERT_TRUE(CPAcquireContext(&first, nullptr, 0, &table));
+    SimulatedUser user({enterPin("1234")});
+    EXPECT_TRUE(ensurePasswordValidated(cspContextFrom(first)));
+    EXPECT_THAT(user.finish(), ElementsAre("dialog"));
+    ASSERT_EQ(getValidatedPin("S1"), "1234");
+
+    fake::setConnected("S1", false);
+    ASSERT_TRUE(waitUntil([] { return !hasDeviceEntry("S1"); }, 3000));
+    fake::setConnected("S1", true);
+    HCRYPTPROV second = 0;
+    ASSERT_TRUE(CPAcquireContext(&second, nullptr, 0, &table));
+    EXPECT_EQ(fake::countCalls("calyth_initDevice"), 2u);
+
+    SimulatedUser again({enterPin("1234")});
+    EXPECT_TRUE(ensurePasswordValidated(cspContextFrom(second)));
+    EXPECT_THAT(again.finish(), ElementsAre("dialog"));
+    EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 2u);
+    EXPECT_TRUE(CPReleaseContext(first, 0));
+    EXPECT_TRUE(CPReleaseContext(second, 0));
+    stopDeviceMonitor();
 }

@@ -15,6 +15,11 @@ struct Search {
 
 BOOL CALLBACK matchVisibleCaption(HWND window, LPARAM parameter) {
     auto* search = reinterpret_cast<Search*>(parameter);
+    // Only this program's windows: other DISPLAY programs share the display and run at the same time.
+    DWORD process = 0;
+    GetWindowThreadProcessId(window, &process);
+    if (process != GetCurrentProcessId())
+        return TRUE;
     char text[256] = {};
     GetWindowTextA(window, text, sizeof text);
     if (IsWindowVisible(window) && std::strcmp(text, search->caption) == 0) {
@@ -35,6 +40,31 @@ BOOL CALLBACK collectStaticText(HWND child, LPARAM parameter) {
             *text = buffer;
     }
     return TRUE;
+}
+
+BOOL CALLBACK collectVisibleButtons(HWND child, LPARAM parameter) {
+    auto* ids = reinterpret_cast<std::vector<int>*>(parameter);
+    char className[64] = {};
+    GetClassNameA(child, className, sizeof className);
+    if (_stricmp(className, "Button") == 0 && IsWindowVisible(child))
+        ids->push_back(GetDlgCtrlID(child));
+    return TRUE;
+}
+
+// What a PIN message box should not have: an owner window, or buttons other than OK.
+std::string messageBoxOddities(HWND box) {
+    std::string odd;
+    if (GetWindow(box, GW_OWNER) != nullptr)
+        odd += " (owned)";
+    std::vector<int> buttons;
+    EnumChildWindows(box, collectVisibleButtons, reinterpret_cast<LPARAM>(&buttons));
+    if (buttons != std::vector<int>{IDOK}) {
+        odd += " (buttons";
+        for (int id : buttons)
+            odd += " " + std::to_string(id);
+        odd += ")";
+    }
+    return odd;
 }
 
 }  // namespace
@@ -125,7 +155,7 @@ bool SimulatedUser::runSteps() {
                 seen_.push_back("timeout:message");
                 return false;
             }
-            seen_.push_back("message:" + messageBoxText(box));
+            seen_.push_back("message:" + messageBoxText(box) + messageBoxOddities(box));
             pressButton(box, IDOK);
             if (!waitForWindowGone(box, timeoutMs_)) {
                 seen_.push_back("timeout:close");

@@ -43,10 +43,11 @@ inline UserStep withDialog(std::function<std::string(HWND dialog)> action) {
 }
 
 // What the user saw, in order: "dialog" for each PIN dialog met, "message:<text>" for each message
-// box, "timeout:<what>" when an expected window did not appear or close. After its steps (or a
-// timeout) the user goes on watching until finish(): every further window is recorded as
-// "unexpected dialog" or "unexpected message:<text>" and dismissed, so a failing test never
-// leaves the program waiting for a window nobody answers.
+// box (followed by " (owned)" when it has an owner window and " (buttons ...)" when its buttons
+// are not exactly OK), "timeout:<what>" when an expected window did not appear or close. After its steps (or
+// a timeout) the user goes on watching until finish(): every further window is recorded as "unexpected
+// dialog" or "unexpected message:<text>" and dismissed, so a failing test never leaves the program waiting
+// for a window nobody answers.
 class SimulatedUser {
 public:
     explicit SimulatedUser(std::vector<UserStep> steps, DWORD stepTimeoutMs = 15000);
@@ -65,7 +66,8 @@ private:
     std::thread thread_;
 };
 
-// A visible top-level window with this caption, waiting up to timeoutMs; null when none appeared.
+// A visible top-level window of this process with this caption, waiting up to timeoutMs; null when
+// none appeared. (FindWindowA would also find the windows of other programs on the display.)
 HWND waitForWindow(const char* caption, DWORD timeoutMs);
 // Waits until the window is gone.
 bool waitForWindowGone(HWND window, DWORD timeoutMs);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "csp_test_fixture.h"
-#include "token/process_state.h"
 
 namespace csptest {
 namespace {
@@ -28,7 +27,8 @@ TEST_F(Random, TokenContextAsksTheTokensGeneratorWhileTheSwitchIsOn) {
 }
 
 TEST_F(Random, WithTheSwitchOffATokenContextPassesItsSerialButAsksForSoftware) {
-    g_useHardwareRng = false;
+    const DWORD off = 0;
+    ASSERT_TRUE(CPSetProvParam(provider(), PP_USE_HARDWARE_RNG, reinterpret_cast<const BYTE*>(&off), 0));
     std::vector<BYTE> buffer(8, 0);
     ASSERT_TRUE(CPGenRandom(provider(), 8, buffer.data()));
     auto calls = fake::callsTo("calyth_generateRamdomNumber");
@@ -37,13 +37,27 @@ TEST_F(Random, WithTheSwitchOffATokenContextPassesItsSerialButAsksForSoftware) {
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{"8", "true"}));
     EXPECT_EQ(buffer, pattern(0x10, 8));
     EXPECT_FALSE(logged("DEBUG", "CPGenRandom: no token, using software RNG"));
+
+    // The switch is process-wide: another context sees it, and turning it on again is seen at once.
+    CspContext other;
+    other.initialized = true;
+    other.serialNumber = kSerial;
+    ASSERT_TRUE(CPGenRandom(handleOf(other), 2, buffer.data()));
+    const DWORD on = 1;
+    ASSERT_TRUE(CPSetProvParam(provider(), PP_USE_HARDWARE_RNG, reinterpret_cast<const BYTE*>(&on), 0));
+    ASSERT_TRUE(CPGenRandom(provider(), 2, buffer.data()));
+    calls = fake::callsTo("calyth_generateRamdomNumber");
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[1].args, (std::vector<std::string>{"2", "true"}));
+    EXPECT_EQ(calls[2].args, (std::vector<std::string>{"2", "false"}));
 }
 
 TEST_F(Random, VerifyOnlyContextAlwaysUsesSoftwareWhateverTheSwitch) {
     CspContext verifyOnly;
     verifyOnly.initialized = true;
-    for (bool hardware : {true, false}) {
-        g_useHardwareRng = hardware;
+    for (DWORD hardware : {1u, 0u}) {
+        ASSERT_TRUE(
+            CPSetProvParam(provider(), PP_USE_HARDWARE_RNG, reinterpret_cast<const BYTE*>(&hardware), 0));
         std::vector<BYTE> buffer(4, 0);
         ASSERT_TRUE(CPGenRandom(handleOf(verifyOnly), 4, buffer.data()));
         EXPECT_EQ(buffer, pattern(0x10, 4));

@@ -1,0 +1,157 @@
+// Opening and closing CryptoAPI provider handles.
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "csp/csp_entry_points.h"
+#include "log/log.h"
+#include "token/csp_context.h"
+#include "token/device_library.h"
+#include "token/device_monitor.h"
+#include "token/token_table.h"
+
+namespace {
+
+// Any bit of this group asks for a verify-only context (CRYPT_VERIFYCONTEXT and its neighbours).
+constexpr DWORD kVerifyContextGroup = 0xF0000000;
+// The code the provider reports when no token can be used.
+constexpr DWORD kNoTokenError = 0x80090023;
+
+std::string bitText(bool value) {
+    return value ? "1" : "0";
+}
+
+std::string pointerText(const void* pointer) {
+    return std::to_string(reinterpret_cast<uintptr_t>(pointer));
+}
+
+// Fills a new context for a token; false (with the log line and last error) when none is usable.
+bool openToken(CspContext& context, LPCSTR pszContainer) {
+    calyth_init(0, nullptr, 2);
+    startDeviceMonitor();
+    std::vector<std::string> serials = calyth_getConnectedDeviceList(false, context.deviceContext);
+    if (serials.empty()) {
+        logError("CPAcquireContext: valid token not connected, return FALSE");
+        SetLastError(kNoTokenError);
+        return false;
+    }
+    initializeConnectedDevices(serials, context.deviceContext);
+
+    std::string name;
+    if (pszContainer != nullptr) {
+        name = pszContainer;
+        logDebug("CPAcquireContext - Container name : " + name);
+    } else {
+        logDebug("CPAcquireContext - Container name not provided");
+    }
+    // Only emptiness counts: a selected token whose initialisation failed above is still used.
+    context.serialNumber = selectDeviceForContainer(name);
+    if (context.serialNumber.empty()) {
+        logError("CPAcquireContext: no initialized device found, return FALSE");
+        SetLastError(kNoTokenError);
+        return false;
+    }
+    context.keyIds = loadKeyIdentifiers(context.serialNumber, context.deviceContext);
+
+    std::string resolved;
+    if (lookupResolvedContainer(name, &resolved)) {
+        logDebug("CPAcquireContext - resolved container " + name + " -> " + resolved);
+        context.containerName = resolved;
+    } else {
+        context.containerName = name;
+    }
+    return true;
+}
+
+}  // namespace
+
+BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR pszContainer, DWORD dwFlags,
+                             PVTableProvStruc pVTable) {
+    try {
+        logDebug("CPAcquireContext");
+        if (phProv == nullptr || pVTable == nullptr) {
+            logError("CPAcquireContext: invalid parameter - phProv=" + pointerText(phProv) +
+                     " pVTable=" + pointerText(pVTable));
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return FALSE;
+        }
+        logDebug("CPAcquireContext - dwFlags : " + std::to_string(dwFlags));
+
+        // Key-set deletion is accepted as a no-op: nothing on the token is deleted.
+        if (dwFlags & CRYPT_DELETEKEYSET) {
+            logDebug("CPAcquireContext: CRYPT_DELETEKEYSET, return TRUE");
+            *phProv = 0;
+            return TRUE;
+        }
+
+        std::unique_ptr<CspContext> context(new (std::nothrow) CspContext());
+        if (!context) {
+            logError("CPAcquireContext: failed to allocate CSP context, return FALSE");
+            SetLastError(static_cast<DWORD>(NTE_NO_MEMORY));
+            return FALSE;
+        }
+        context->deviceContext = nullptr;
+        context->silent = (dwFlags & CRYPT_SILENT) != 0;
+        logDebug("CPAcquireContext - isSilent : " + bitText(context->silent));
+
+        if (dwFlags & kVerifyContextGroup) {
+            logDebug("CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE");
+            context->keysetType = CSP_KEYSET_TYPE;
+            context->initialized = true;
+            *phProv = reinterpret_cast<HCRYPTPROV>(context.release());
+            return TRUE;
+        }
+
+        if (!openToken(*context, pszContainer))
+            return FALSE;
+
+        context->keysetType = CSP_KEYSET_TYPE;
+        context->initialized = true;
+        const std::string summary = "CPAcquireContext: container=" + context->containerName +
+                                    " serial=" + context->serialNumber +
+                                    " silent=" + bitText(context->silent) + ", return TRUE";
+        *phProv = reinterpret_cast<HCRYPTPROV>(context.release());
+        logDebug(summary);
+        return TRUE;
+    } catch (const std::bad_alloc&) {
+        logError("CPAcquireContext: failed to allocate CSP context, return FALSE");
+        SetLastError(static_cast<DWORD>(NTE_NO_MEMORY));
+        return FALSE;
+    } catch (const std::exception& e) {
+        logError(std::string("CPAcquireContext: exception - ") + e.what());
+        SetLastError(static_cast<DWORD>(NTE_FAIL));
+        return FALSE;
+    } catch (...) {
+        logError("CPAcquireContext: unknown exception");
+        SetLastError(static_cast<DWORD>(NTE_FAIL));
+        return FALSE;
+    }
+}
+
+BOOL WINAPI CPReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
+    try {
+        logDebug("CPReleaseContext");
+        if (dwFlags != 0) {
+            char flags[16];
+            std::snprintf(flags, sizeof flags, "%08X", static_cast<unsigned>(dwFlags));
+            logError(std::string("CPReleaseContext: invalid dwFlags=0x") + flags);
+            SetLastError(static_cast<DWORD>(NTE_BAD_FLAGS));
+            return FALSE;
+        }
+        if (!isUsableContext(hProv)) {
+            logError("CPReleaseContext: invalid or uninitialized context");
+            SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+            return FALSE;
+        }
+        // The token table and the monitor stay as they are: validated PINs outlive contexts.
+        delete cspContextFrom(hProv);
+        return TRUE;
+    } catch (...) {
+        SetLastError(static_cast<DWORD>(NTE_FAIL));
+        return FALSE;
+    }
+}

@@ -1,0 +1,195 @@
+// The device monitor thread: one per process, a poll per second, removed tokens forgotten.
+#include "token/device_monitor.h"
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "access_test_support.h"
+#include "token/token_table.h"
+
+using namespace access_test;
+using ::testing::ElementsAre;
+
+namespace {
+
+class DeviceMonitor : public AccessTest {
+protected:
+    void TearDown() override {
+        stopDeviceMonitor();
+        AccessTest::TearDown();
+    }
+};
+
+// Calls of the monitor thread only (the test thread makes none here, but be exact).
+size_t monitorPolls() {
+    size_t count = 0;
+    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
+        if (call.threadId != GetCurrentThreadId())
+            ++count;
+    return count;
+}
+
+std::vector<std::string> monitorLines() {
+    std::vector<std::string> out;
+    for (const std::string& entry : logEntries())
+        if (entry.find("onitor") != std::string::npos ||
+            entry.find("Device disconnected") != std::string::npos)
+            out.push_back(entry);
+    return out;
+}
+
+}  // namespace
+
+// First in this program: nothing has started a monitor yet.
+TEST_F(DeviceMonitor, UnloadingWithNoMonitorStartedOnlySetsTheFlags) {
+    ASSERT_FALSE(isDeviceMonitorRunning());
+    DWORD start = GetTickCount();
+    stopDeviceMonitor();
+    EXPECT_LT(GetTickCount() - start, 100u);
+    EXPECT_TRUE(isDeviceMonitorStopRequested());
+    EXPECT_FALSE(isDeviceMonitorRunning());
+    EXPECT_THAT(monitorLines(), ElementsAre());
+    EXPECT_THAT(fake::calls(), ElementsAre());
+}
+
+TEST_F(DeviceMonitor, StartingPollsTheConnectedTokensEverySecond) {
+    startDeviceMonitor();
+    EXPECT_TRUE(isDeviceMonitorRunning());
+    EXPECT_FALSE(isDeviceMonitorStopRequested());
+    Sleep(2500);
+    size_t polls = monitorPolls();
+    EXPECT_GE(polls, 2u);
+    EXPECT_LE(polls, 4u);
+    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
+        EXPECT_THAT(call.args, ElementsAre("false", "null"));
+    // The monitor asks for nothing else.
+    EXPECT_EQ(fake::calls().size(), polls);
+    // The starting thread's line comes first: the thread runs only once it is written.
+    EXPECT_THAT(monitorLines(), ElementsAre("DEBUG:Monitor thread started (startDeviceMonitor).",
+                                            "DEBUG:Device monitor thread started."));
+}
+
+TEST_F(DeviceMonitor, ASecondStartIsALoggedNoOp) {
+    startDeviceMonitor();
+    // The thread's first line is written before the second start writes its own (the two threads
+    // share the log file without a lock).
+    ASSERT_TRUE(waitUntil([] { return logHas("DEBUG:Device monitor thread started."); }, 2000));
+    startDeviceMonitor();
+    Sleep(100);
+    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_EQ(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
+    EXPECT_EQ(logCount("DEBUG:Device monitor thread started."), 1u);
+}
+
+TEST_F(DeviceMonitor, ConcurrentStartsStartExactlyOneThread) {
+    constexpr int kThreads = 8;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&ready] {
+            ++ready;
+            while (ready < kThreads)
+                std::this_thread::yield();
+            startDeviceMonitor();
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 1; }, 2000));
+    Sleep(1500);
+    // One thread polls: about one call per second, not eight.
+    EXPECT_EQ(otherThreadsCalling("calyth_getConnectedDeviceList", {GetCurrentThreadId()}), 1u);
+    EXPECT_LE(monitorPolls(), 3u);
+    // Concurrent writers may lose a line of the shared log file (append mode alone), so the lines
+    // are bounded rather than counted exactly.
+    EXPECT_LE(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_LE(logCount("DEBUG:Monitor thread already running, not starting again."), kThreads - 1u);
+    EXPECT_GE(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
+    EXPECT_LE(logCount("DEBUG:Device monitor thread started."), 1u);
+}
+
+TEST_F(DeviceMonitor, ARemovedTokenIsForgottenWithinASecond) {
+    fake::addToken("S1");
+    fake::addToken("S2");
+    markDeviceInitialized("S1");
+    storeValidatedPin("S1", "1234");
+    markDeviceInitialized("S2");
+    startDeviceMonitor();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 1; }, 2000));
+    EXPECT_TRUE(hasDeviceEntry("S1"));
+
+    fake::setConnected("S1", false);
+    DWORD unplugged = GetTickCount();
+    ASSERT_TRUE(waitUntil([] { return !hasDeviceEntry("S1"); }, 3000));
+    EXPECT_LE(GetTickCount() - unplugged, 1300u);
+    EXPECT_FALSE(isDeviceInitialized("S1"));
+    EXPECT_FALSE(isPinValidated("S1"));
+    EXPECT_EQ(getValidatedPin("S1"), "");
+    EXPECT_TRUE(isDeviceInitialized("S2"));
+
+    // Logged once, not at every later poll.
+    size_t polls = monitorPolls();
+    ASSERT_TRUE(waitUntil([polls] { return monitorPolls() >= polls + 2; }, 3000));
+    EXPECT_THAT(monitorLines(), testing::Contains("DEBUG:Device disconnected: S1"));
+    EXPECT_EQ(logCount("DEBUG:Device disconnected: S1"), 1u);
+    EXPECT_FALSE(logHas("DEBUG:Device disconnected: S2"));
+}
+
+TEST_F(DeviceMonitor, AConnectedTokenNeverInitialisedHasNoEntryAndIsNotLogged) {
+    fake::addToken("S3");
+    startDeviceMonitor();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 2; }, 3000));
+    EXPECT_FALSE(hasDeviceEntry("S3"));
+    EXPECT_FALSE(logHas("DEBUG:Device disconnected: S3"));
+    fake::setConnected("S3", false);
+    size_t polls = monitorPolls();
+    ASSERT_TRUE(waitUntil([polls] { return monitorPolls() >= polls + 1; }, 3000));
+    EXPECT_FALSE(logHas("DEBUG:Device disconnected: S3"));
+}
+
+TEST_F(DeviceMonitor, AKnownTokenThatIsNotConnectedIsErasedAtTheFirstPoll) {
+    storeValidatedPin("GONE", "1234");
+    startDeviceMonitor();
+    ASSERT_TRUE(waitUntil([] { return !hasDeviceEntry("GONE"); }, 1000));
+    EXPECT_TRUE(logHas("DEBUG:Device disconnected: GONE"));
+}
+
+TEST_F(DeviceMonitor, StoppingEndsAndJoinsTheThreadPromptly) {
+    startDeviceMonitor();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 1; }, 2000));
+    DWORD start = GetTickCount();
+    stopDeviceMonitor();
+    EXPECT_LE(GetTickCount() - start, 1200u);
+    EXPECT_FALSE(isDeviceMonitorRunning());
+    EXPECT_TRUE(isDeviceMonitorStopRequested());
+    std::vector<std::string> lines = monitorLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], "DEBUG:Device monitor thread stopped.");
+    EXPECT_EQ(lines.back(), "DEBUG:Monitor thread joined (stopDeviceMonitor).");
+    size_t polls = monitorPolls();
+    Sleep(1500);
+    EXPECT_EQ(monitorPolls(), polls);
+}
+
+TEST_F(DeviceMonitor, AStoppedMonitorCanBeStartedAgain) {
+    startDeviceMonitor();
+    stopDeviceMonitor();
+    EXPECT_EQ(logCount("DEBUG:Device monitor thread stopped."), 1u);
+    fake::clearCalls();
+    startDeviceMonitor();
+    EXPECT_TRUE(isDeviceMonitorRunning());
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 1; }, 2000));
+    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 2u);
+    EXPECT_FALSE(logHas("DEBUG:Monitor thread already running, not starting again."));
+}
+
+TEST_F(DeviceMonitor, AStopRightAfterTheStartEndsTheThread) {
+    for (int i = 0; i < 5; ++i) {
+        startDeviceMonitor();
+        stopDeviceMonitor();
+    }
+    EXPECT_EQ(logCount("DEBUG:Device monitor thread stopped."), 5u);
+    EXPECT_EQ(logCount("DEBUG:Monitor thread joined (stopDeviceMonitor)."), 5u);
+    EXPECT_FALSE(isDeviceMonitorRunning());
+}
