@@ -88,6 +88,25 @@ std::string unixPath(const std::string& windowsPath) {
     return out;
 }
 
+namespace {
+
+constexpr DWORD kCommandTimeoutMs = 120000;
+
+// Reads what the pipe holds now, without waiting for more.
+void drainPipe(HANDLE pipe, std::string& out) {
+    DWORD available = 0;
+    while (PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+        char buffer[4096];
+        DWORD got = 0;
+        DWORD wanted = available < sizeof buffer ? available : static_cast<DWORD>(sizeof buffer);
+        if (!ReadFile(pipe, buffer, wanted, &got, nullptr) || got == 0)
+            return;
+        out.append(buffer, got);
+    }
+}
+
+}  // namespace
+
 int runCommand(const std::string& commandLine, std::string* output) {
     // The first process of a Wine session that uses a window function starts Wine's desktop
     // process, which keeps the standard handles it was started with: a child that did so would
@@ -108,16 +127,40 @@ int runCommand(const std::string& commandLine, std::string* output) {
     PROCESS_INFORMATION process{};
     std::vector<char> line(commandLine.begin(), commandLine.end());
     line.push_back('\0');
-    BOOL started =
-        CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    // Under load Wine now and then refuses to start a process at the first try.
+    BOOL started = FALSE;
+    DWORD startError = 0;
+    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
+        if (attempt > 0)
+            Sleep(200);
+        started = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                                 &process);
+        if (!started)
+            startError = GetLastError();
+    }
     CloseHandle(writeEnd);
     std::string collected;
+    if (!started)
+        collected = "(runCommand: CreateProcess failed, error " + std::to_string(startError) + ")";
+    bool timedOut = false;
     if (started) {
-        char buffer[4096];
-        DWORD got = 0;
-        while (ReadFile(readEnd, buffer, sizeof buffer, &got, nullptr) && got > 0)
-            collected.append(buffer, got);
-        WaitForSingleObject(process.hProcess, INFINITE);
+        // The end of the child, not the end of the pipe, ends the wait: a Wine system process that
+        // the child started may hold the pipe's write end long after the child is gone.
+        DWORD begin = GetTickCount();
+        for (;;) {
+            drainPipe(readEnd, collected);
+            if (WaitForSingleObject(process.hProcess, 20) == WAIT_OBJECT_0) {
+                drainPipe(readEnd, collected);
+                break;
+            }
+            if (GetTickCount() - begin > kCommandTimeoutMs) {
+                TerminateProcess(process.hProcess, 1);
+                collected +=
+                    "\n(runCommand: no end after " + std::to_string(kCommandTimeoutMs / 1000) + " s)";
+                timedOut = true;
+                break;
+            }
+        }
     }
     CloseHandle(readEnd);
     if (output)
@@ -128,7 +171,7 @@ int runCommand(const std::string& commandLine, std::string* output) {
     GetExitCodeProcess(process.hProcess, &code);
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
-    return static_cast<int>(code);
+    return timedOut ? -1 : static_cast<int>(code);
 }
 
 namespace {
@@ -140,10 +183,15 @@ bool startDetached(const std::string& commandLine) {
     PROCESS_INFORMATION process{};
     std::vector<char> line(commandLine.begin(), commandLine.end());
     line.push_back('\0');
-    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process)) {
-        return false;
+    BOOL started = FALSE;
+    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
+        if (attempt > 0)
+            Sleep(200);
+        started = CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                 &process);
     }
+    if (!started)
+        return false;
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
     return true;
