@@ -11,18 +11,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "csp/csp_entry_points.h"
+
 namespace {
 
-struct VTable {
-    DWORD version;
-    FARPROC verifyImage;
-    FARPROC returnHwnd;
-    DWORD providerType;
-    BYTE* contextInfo;
-    DWORD contextInfoLength;
-    LPSTR providerName;
-};
-using Acquire = BOOL(WINAPI*)(HCRYPTPROV*, LPCSTR, DWORD, VTable*);
+using VTable = VTableProvStruc;
+using Acquire = decltype(&CPAcquireContext);
 using Release = BOOL(WINAPI*)(HCRYPTPROV, DWORD);
 
 HMODULE g_provider = nullptr;

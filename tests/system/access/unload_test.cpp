@@ -2,6 +2,7 @@
 // host must never hang or crash, whether it frees the library itself, lets CryptoAPI do it, or
 // simply ends.
 #include "access_log.h"
+#include "csp/csp_entry_points.h"
 #include "provider_setup.h"
 #include "support/test_support.h"
 
@@ -10,16 +11,8 @@ using namespace access_test;
 
 namespace {
 
-struct VTable {
-    DWORD version;
-    FARPROC verifyImage;
-    FARPROC returnHwnd;
-    DWORD providerType;
-    BYTE* contextInfo;
-    DWORD contextInfoLength;
-    LPSTR providerName;
-};
-using Acquire = BOOL(WINAPI*)(HCRYPTPROV*, LPCSTR, DWORD, VTable*);
+using VTable = VTableProvStruc;
+using Acquire = decltype(&CPAcquireContext);
 using Release = BOOL(WINAPI*)(HCRYPTPROV, DWORD);
 
 class Unload : public TokenStoreTest {};

@@ -131,26 +131,7 @@ TEST_F(PinDialog, CancelEscapeAndClosingYieldAnEmptyText) {
         ASSERT_EQ(getEnteredPassword(), "1234");
         SimulatedUser user({withDialog([kind](HWND dialog) {
             SetDlgItemTextA(dialog, kPinField, "typed but not sent");
-            switch (kind) {
-                case UserStep::PressCancel:
-                    pressButton(dialog, IDCANCEL);
-                    break;
-                case UserStep::PressEscape: {
-                    HWND field = GetDlgItem(dialog, kPinField);
-                    PostMessageA(field, WM_KEYDOWN, VK_ESCAPE, 0x00010001);
-                    PostMessageA(field, WM_KEYUP, VK_ESCAPE, 0xC0010001);
-                    break;
-                }
-                case UserStep::CloseBox:
-                    PostMessageA(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
-                    break;
-                case UserStep::SendClose:
-                    PostMessageA(dialog, WM_CLOSE, 0, 0);
-                    break;
-                default:
-                    PostMessageA(dialog, WM_COMMAND, MAKEWPARAM(1234, BN_CLICKED), 0);
-                    break;
-            }
+            closeDialog(dialog, kind);
             return std::string("closed");
         })});
         showPasswordDialog();

@@ -111,6 +111,29 @@ void clickButton(HWND dialog, int id) {
     SendMessageA(GetDlgItem(dialog, id), BM_CLICK, 0, 0);
 }
 
+void closeDialog(HWND dialog, UserStep::Kind how) {
+    switch (how) {
+        case UserStep::PressCancel:
+            pressButton(dialog, IDCANCEL);
+            break;
+        case UserStep::PressEscape: {
+            HWND field = GetDlgItem(dialog, kPinField);
+            PostMessageA(field, WM_KEYDOWN, VK_ESCAPE, 0x00010001);
+            PostMessageA(field, WM_KEYUP, VK_ESCAPE, 0xC0010001);
+            break;
+        }
+        case UserStep::CloseBox:
+            PostMessageA(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
+            break;
+        case UserStep::SendClose:
+            PostMessageA(dialog, WM_CLOSE, 0, 0);
+            break;
+        default:
+            PostMessageA(dialog, WM_COMMAND, MAKEWPARAM(1234, BN_CLICKED), 0);
+            break;
+    }
+}
+
 SimulatedUser::SimulatedUser(std::vector<UserStep> steps, DWORD stepTimeoutMs)
     : steps_(std::move(steps)), timeoutMs_(stepTimeoutMs), thread_([this] { run(); }) {}
 
@@ -175,22 +198,11 @@ bool SimulatedUser::runSteps() {
                 pressButton(dialog, IDOK);
                 break;
             case UserStep::PressCancel:
-                pressButton(dialog, IDCANCEL);
-                break;
-            case UserStep::PressEscape: {
-                HWND field = GetDlgItem(dialog, kPinField);
-                PostMessageA(field, WM_KEYDOWN, VK_ESCAPE, 0x00010001);
-                PostMessageA(field, WM_KEYUP, VK_ESCAPE, 0xC0010001);
-                break;
-            }
+            case UserStep::PressEscape:
             case UserStep::CloseBox:
-                PostMessageA(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
-                break;
             case UserStep::SendClose:
-                PostMessageA(dialog, WM_CLOSE, 0, 0);
-                break;
             case UserStep::OtherCommand:
-                PostMessageA(dialog, WM_COMMAND, MAKEWPARAM(1234, BN_CLICKED), 0);
+                closeDialog(dialog, step.kind);
                 break;
             case UserStep::Custom:
                 seen_.push_back(step.action(dialog));

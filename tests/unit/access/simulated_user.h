@@ -29,6 +29,10 @@ struct UserStep {
     std::function<std::string(HWND dialog)> action;
 };
 
+// Ends the dialog the way a step of that kind does (Cancel, Escape, close box, WM_CLOSE, or a
+// command of an unknown id).
+void closeDialog(HWND dialog, UserStep::Kind how);
+
 inline UserStep enterPin(const std::string& pin) {
     return {UserStep::EnterPin, pin, nullptr};
 }
