@@ -20,6 +20,7 @@
 #include "token/device_library.h"
 #include "token/login.h"
 #include "token/process_state.h"
+#include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
 #include "util/utils.h"
@@ -180,17 +181,14 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
     logDebug("Before decrypting data");
 
     DeviceOutput plain;
-    int result = decryptOnToken(context, key, bigEndian, &plain);
-    if (result == CALYTH_SSO_EXPIRED) {
-        // The token's single sign-on ended: ask for the PIN again and try once more.
-        logDebug("CPDecrypt: SSO expired, re-prompting for PIN");
-        clearValidatedPin(context->serialNumber);
-        if (!ensurePasswordValidated(context)) {
-            logError("CPDecrypt: ensurePasswordValidated failed after SSO expiry");
-            return FALSE;
-        }
-        result = decryptOnToken(context, key, bigEndian, &plain);
-    }
+    int result = 0;
+    const SsoRetryTexts retryTexts{"CPDecrypt: SSO expired, re-prompting for PIN",
+                                   "CPDecrypt: ensurePasswordValidated failed after SSO expiry"};
+    if (!callWithSsoRetry(
+            context->serialNumber, retryTexts,
+            [&] { return decryptOnToken(context, key, bigEndian, &plain); },
+            [&] { return ensurePasswordValidated(context); }, &result))
+        return FALSE;
     logDebug("After decrypting data");
     bigEndian.clear();
 

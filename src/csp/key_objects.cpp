@@ -15,6 +15,7 @@
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/key_lookup.h"
 #include "token/login.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
@@ -142,11 +143,9 @@ BOOL getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
     logDebug("CPGetUserKey - Container name : " + context->containerName);
 
     bool anyKey = context->containerQueried != 0;
-    Utils utils;
     const CalythKeyPair* taken = nullptr;
     for (const CalythKeyPair& keyPair : keyPairs) {
-        if (!context->containerName.empty() &&
-            utils.bytesToHex(keyPair.keyId, KEY_ID_LENGTH) != context->containerName)
+        if (!context->containerName.empty() && !keyPairNamed(keyPair, context->containerName, kExactKeyId))
             continue;
         if ((dwKeySpec == AT_SIGNATURE || anyKey) && isAnyUsage(keyPair.keyUsage)) {
             logDebug("Sign key found");

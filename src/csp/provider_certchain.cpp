@@ -7,6 +7,7 @@
 #include "csp/provider_params.h"
 #include "log/log.h"
 #include "token/device_library.h"
+#include "token/key_lookup.h"
 #include "util/utils.h"
 
 namespace {
@@ -21,7 +22,6 @@ bool publicKeyMatches(const CalythKeyPair& keyPair, const std::vector<unsigned c
 
 // Container name (hex key identifier) -> the chain of the first certificate carrying its public key.
 std::map<std::string, std::vector<CalythCertificate>> chainsByContainer(const CspContext* context) {
-    Utils utils;
     const char* serial = context->serialNumber.c_str();
     std::vector<CalythKeyPair> keyPairs = calyth_getKeyPairList(serial, context->deviceContext);
     std::vector<CalythCertificate> certificates = calyth_getCertificateList(serial, context->deviceContext);
@@ -34,7 +34,7 @@ std::map<std::string, std::vector<CalythCertificate>> chainsByContainer(const Cs
         for (const CalythKeyPair& keyPair : keyPairs) {
             if (!publicKeyMatches(keyPair, details.publicKey))
                 continue;
-            std::string container = utils.bytesToHex(keyPair.keyId, sizeof keyPair.keyId);
+            std::string container = keyIdHex(keyPair);
             logDebug("Public key match found; container=" + container);
             std::vector<CalythCertificate> chain = gatherCertificateChain(certificate, certificates);
             chains.emplace(container, std::move(chain));

@@ -7,6 +7,7 @@
 #include "csp/csp_entry_points.h"
 #include "log/log.h"
 #include "token/device_library.h"
+#include "token/key_lookup.h"
 #include "token/process_state.h"
 #include "util/utils.h"
 
@@ -205,13 +206,10 @@ bool keySpecOfContainer(const CspContext* context, DWORD* keySpec) {
         *keySpec = AT_KEYEXCHANGE | AT_SIGNATURE;
         return true;
     }
-    Utils utils;
     std::vector<CalythKeyPair> keyPairs =
         calyth_getKeyPairList(context->serialNumber.c_str(), context->deviceContext);
-    for (const CalythKeyPair& keyPair : keyPairs) {
-        if (utils.bytesToHex(keyPair.keyId, sizeof keyPair.keyId) != context->containerName)
-            continue;
-        switch (keyPair.keyUsage) {
+    if (const CalythKeyPair* keyPair = findKeyPair(keyPairs, context->containerName, kExactKeyId)) {
+        switch (keyPair->keyUsage) {
             case CALYTH_USAGE_EXCHANGE:
                 *keySpec = AT_KEYEXCHANGE;
                 break;

@@ -17,7 +17,9 @@
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/key_lookup.h"
 #include "token/login.h"
+#include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
 #include "util/utils.h"
@@ -30,11 +32,6 @@ constexpr int kFinalHashRoom = 128;
 bool canSign(const CalythKeyPair& keyPair) {
     return keyPair.keyUsage == CALYTH_USAGE_SIGNATURE || keyPair.keyUsage == CALYTH_USAGE_EXCHANGE ||
            keyPair.keyUsage == CALYTH_USAGE_BOTH;
-}
-
-std::string keyIdText(const CalythKeyPair& keyPair) {
-    Utils utils;
-    return utils.bytesToHex(keyPair.keyId, KEY_ID_LENGTH);
 }
 
 // The hash object remembers its signing key; the key-size code replaces the hash code in
@@ -54,7 +51,7 @@ bool findSignKey(const CspContext* context, HASH_CONTEXT* hash) {
         calyth_getKeyPairList(context->serialNumber.c_str(), context->deviceContext);
     bool someKeyNamed = false;
     for (const CalythKeyPair& keyPair : keyPairs) {
-        if (!context->containerName.empty() && keyIdText(keyPair) != context->containerName)
+        if (!context->containerName.empty() && !keyPairNamed(keyPair, context->containerName, kExactKeyId))
             continue;
         someKeyNamed = true;
         if (canSign(keyPair)) {
@@ -121,13 +118,12 @@ bool verificationPublicKey(const CspContext* context, HCRYPTKEY hPubKey, Bytes* 
     logDebug("Container name : " + context->containerName);
     const std::vector<CalythKeyPair> keyPairs =
         calyth_getKeyPairList(context->serialNumber.c_str(), context->deviceContext);
-    for (const CalythKeyPair& keyPair : keyPairs) {
-        if (keyIdText(keyPair) != context->containerName)
-            continue;
+    const CalythKeyPair* keyPair = findKeyPair(keyPairs, context->containerName, kExactKeyId);
+    if (keyPair != nullptr) {
         // Token keys are taken as RSA moduli here, whatever their stored form.
         Utils utils;
-        int length = std::min<int>(keyPair.publicKeyLength, sizeof keyPair.publicKey);
-        *der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(keyPair.publicKey, length), "010001");
+        int length = std::min<int>(keyPair->publicKeyLength, sizeof keyPair->publicKey);
+        *der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(keyPair->publicKey, length), "010001");
         return true;
     }
     return false;
@@ -176,19 +172,19 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
         logDebug("CPSignHash hashAlgorithm : " + std::to_string(hash->hashAlgorithm));
         logDebug("CPSignHash key mechanism : " + std::to_string(hash->mechanism));
 
-        int sigLen = static_cast<int>(*pdwSigLen);
-        int ret = signOnToken(context, hash, pbSignature, &sigLen);
-        if (ret == CALYTH_SSO_EXPIRED) {
-            // The token's single sign-on ran out: forget the PIN, ask once more, sign once more.
-            logDebug("CPSignHash: SSO expired, re-prompting for PIN");
-            clearValidatedPin(context->serialNumber);
-            if (!ensurePasswordValidated(context)) {
-                logError("CPSignHash: ensurePasswordValidated failed after SSO expiry");
-                return FALSE;
-            }
-            sigLen = static_cast<int>(*pdwSigLen);
-            ret = signOnToken(context, hash, pbSignature, &sigLen);
-        }
+        int sigLen = 0;
+        int ret = 0;
+        const SsoRetryTexts retryTexts{"CPSignHash: SSO expired, re-prompting for PIN",
+                                       "CPSignHash: ensurePasswordValidated failed after SSO expiry"};
+        bool rechecked = callWithSsoRetry(
+            context->serialNumber, retryTexts,
+            [&] {
+                sigLen = static_cast<int>(*pdwSigLen);
+                return signOnToken(context, hash, pbSignature, &sigLen);
+            },
+            [&] { return ensurePasswordValidated(context); }, &ret);
+        if (!rechecked)
+            return FALSE;  // last error as the PIN check set it
         if (ret != CALYTH_OK)
             return failWithError(NTE_PROVIDER_DLL_FAIL, "Sign hash failed : " + std::to_string(ret));
 

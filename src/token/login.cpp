@@ -27,6 +27,48 @@ void tellUser(const std::string& text) {
     MessageBoxA(nullptr, text.c_str(), kMessageCaption, MB_OK);
 }
 
+// What each front-end says while it asks for the PIN: the two keep their own texts and levels.
+struct PinPromptTexts {
+    bool cngSpelling;          // spelling of the time-mismatch message
+    bool cancelledIsError;     // level of the cancelled line
+    const char* cancelled;     // when the dialog gives an empty text
+    const char* lockedOrNull;  // ERROR line when no attempt is left; null for none
+};
+
+constexpr PinPromptTexts kCspPrompt{false, true, "loginUser: user cancelled password dialog, return FALSE",
+                                    "loginUser: PIN locked, retryCount=0, return FALSE"};
+constexpr PinPromptTexts kKspPrompt{true, false, "KSP: User cancelled password dialog", nullptr};
+
+// Forgets the token's PIN, shows the dialog and has the device check each text entered until one is
+// right (true, *pin set), the user cancels, or no attempt is left. Every wrong PIN is told in a
+// message box before the dialog opens again.
+bool promptForValidPin(const std::string& serial, void* deviceContext, const PinPromptTexts& texts,
+                       std::string* pin) {
+    clearValidatedPin(serial);
+    for (std::string entered = askForPin();; entered = askForPin()) {
+        if (entered.empty()) {
+            if (texts.cancelledIsError)
+                logError(texts.cancelled);
+            else
+                logDebug(texts.cancelled);
+            return false;
+        }
+        int remaining = 0;
+        int result = calyth_validatePassword(serial.c_str(), entered.c_str(), 1, &remaining, deviceContext);
+        if (result == CALYTH_OK) {
+            *pin = entered;
+            return true;
+        }
+        tellUser(pinFailureMessage(result, remaining, texts.cngSpelling));
+        // A time mismatch leaves the count at 0 as well, so it ends the login here.
+        if (remaining == 0) {
+            if (texts.lockedOrNull != nullptr)
+                logError(texts.lockedOrNull);
+            return false;
+        }
+    }
+}
+
 }  // namespace
 
 std::string pinFailureMessage(int result, int remaining, bool cngSpelling) {
@@ -87,36 +129,15 @@ BOOL loginUser(CspContext* context, char* pinOut) {
         SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
         return FALSE;
     }
-    clearValidatedPin(serial);
-    std::string pin = askForPin();
-    if (pin.empty()) {
-        logError("loginUser: user cancelled password dialog, return FALSE");
+    std::string pin;
+    if (!promptForValidPin(serial, context->deviceContext, kCspPrompt, &pin))
         return FALSE;
+    if (pinOut != nullptr) {
+        std::strncpy(pinOut, pin.c_str(), PIN_BUFFER_SIZE - 1);
+        pinOut[PIN_BUFFER_SIZE - 1] = '\0';
     }
-    for (;;) {
-        int remaining = 0;
-        int result =
-            calyth_validatePassword(serial.c_str(), pin.c_str(), 1, &remaining, context->deviceContext);
-        if (result == CALYTH_OK) {
-            if (pinOut != nullptr) {
-                std::strncpy(pinOut, pin.c_str(), PIN_BUFFER_SIZE - 1);
-                pinOut[PIN_BUFFER_SIZE - 1] = '\0';
-            }
-            logDebug("loginUser: password validated, return TRUE");
-            return TRUE;
-        }
-        tellUser(pinFailureMessage(result, remaining, false));
-        // A time mismatch leaves the count at 0 as well, so it ends the login here.
-        if (remaining == 0) {
-            logError("loginUser: PIN locked, retryCount=0, return FALSE");
-            return FALSE;
-        }
-        pin = askForPin();
-        if (pin.empty()) {
-            logError("loginUser: user cancelled password dialog, return FALSE");
-            return FALSE;
-        }
-    }
+    logDebug("loginUser: password validated, return TRUE");
+    return TRUE;
 }
 
 bool kspEnsurePasswordValidated(const std::string& serialNumber, void* deviceContext) {
@@ -129,26 +150,9 @@ bool kspEnsurePasswordValidated(const std::string& serialNumber, void* deviceCon
         storeValidatedPin(serialNumber, std::string());
         return true;
     }
-    clearValidatedPin(serialNumber);
-    std::string pin = askForPin();
-    if (pin.empty()) {
-        logDebug("KSP: User cancelled password dialog");
+    std::string pin;
+    if (!promptForValidPin(serialNumber, deviceContext, kKspPrompt, &pin))
         return false;
-    }
-    for (;;) {
-        int remaining = 0;
-        int result = calyth_validatePassword(serialNumber.c_str(), pin.c_str(), 1, &remaining, deviceContext);
-        if (result == CALYTH_OK) {
-            storeValidatedPin(serialNumber, pin);
-            return true;
-        }
-        tellUser(pinFailureMessage(result, remaining, true));
-        if (remaining == 0)
-            return false;
-        pin = askForPin();
-        if (pin.empty()) {
-            logDebug("KSP: User cancelled password dialog");
-            return false;
-        }
-    }
+    storeValidatedPin(serialNumber, pin);
+    return true;
 }

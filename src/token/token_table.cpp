@@ -5,7 +5,7 @@
 
 #include "log/log.h"
 #include "token/device_library.h"
-#include "util/utils.h"
+#include "token/key_lookup.h"
 
 namespace {
 
@@ -32,27 +32,6 @@ Tables& tables() {
     alignas(Tables) static unsigned char storage[sizeof(Tables)];
     static Tables* instance = new (storage) Tables();
     return *instance;
-}
-
-bool equalsIgnoringCase(const std::string& a, const std::string& b) {
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        char x = a[i];
-        char y = b[i];
-        if (x >= 'a' && x <= 'z')
-            x = static_cast<char>(x - 'a' + 'A');
-        if (y >= 'a' && y <= 'z')
-            y = static_cast<char>(y - 'a' + 'A');
-        if (x != y)
-            return false;
-    }
-    return true;
-}
-
-std::string keyIdText(const CalythKeyPair& keyPair) {
-    Utils utils;
-    return utils.bytesToHex(keyPair.keyId, static_cast<int>(sizeof keyPair.keyId));
 }
 
 }  // namespace
@@ -150,31 +129,20 @@ void recordResolvedContainer(const std::string& name, const std::string& resolve
 }
 
 std::string selectDeviceForContainer(const std::string& containerName) {
-    std::vector<std::string> serials = calyth_getConnectedDeviceList(false, nullptr);
-    if (serials.empty())
-        return std::string();
-    if (containerName.empty())
-        return serials.front();
-    for (const std::string& serial : serials) {
-        std::vector<CalythKeyPair> keyPairs = calyth_getKeyPairList(serial.c_str(), nullptr);
-        for (const CalythKeyPair& keyPair : keyPairs) {
-            if (equalsIgnoringCase(keyIdText(keyPair), containerName))
-                return serial;
-        }
-    }
-    return serials.front();
+    return deviceForKeyName(containerName, kKeyIdIgnoringCase);
 }
 
-void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext) {
+void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext,
+                                const DeviceInitRule& rule) {
     for (const std::string& serial : serials) {
-        if (isDeviceInitialized(serial))
+        if (rule.skipAnyEntry ? hasDeviceEntry(serial) : isDeviceInitialized(serial))
             continue;
         calyth_init(0, nullptr, 2);
         int result = calyth_initDevice(serial.c_str(), false, deviceContext);
         if (result == CALYTH_OK) {
             markDeviceInitialized(serial);
         } else {
-            logError("Init device failed for " + serial + " : " + std::to_string(result));
+            logError(rule.failurePrefix + serial + " : " + std::to_string(result));
         }
     }
 }
@@ -188,7 +156,7 @@ std::vector<std::string> loadKeyIdentifiers(const std::string& serial, void* dev
     }
     keyIds.reserve(keyPairs.size());
     for (const CalythKeyPair& keyPair : keyPairs) {
-        std::string id = keyIdText(keyPair);
+        std::string id = keyIdHex(keyPair);
         logDebug(id);
         keyIds.push_back(id);
     }

@@ -35,9 +35,19 @@ void recordResolvedContainer(const std::string& name, const std::string& resolve
 // equals the name ignoring case, else the first connected token; "" when none is connected.
 std::string selectDeviceForContainer(const std::string& containerName);
 
+// What counts as already initialised, and the failure line's prefix, differ between the front-ends:
+// CryptoAPI retries a token whose initialisation failed earlier, CNG skips any token the table knows.
+struct DeviceInitRule {
+    bool skipAnyEntry;          // skip a serial with any table entry, not only an initialised one
+    std::string failurePrefix;  // followed by "<serial> : <result>"
+};
+inline const DeviceInitRule kCspDeviceInit{false, "Init device failed for "};
+inline const DeviceInitRule kKspDeviceInit{true, "KSP: Init device failed for "};
+
 // Initialises (calyth_init, calyth_initDevice) every connected token not yet initialised in this
 // process, logging failures; used by both front-ends when they open.
-void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext);
+void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext,
+                                const DeviceInitRule& rule = kCspDeviceInit);
 
 // The key identifiers of a token's key pairs (32 upper-case hex characters each, library order),
 // each logged at debug level; "Acquire Context :: Key List is empty" when there are none.

@@ -1,0 +1,21 @@
+#include "token/sso_retry.h"
+
+#include "log/log.h"
+#include "token/device_library.h"
+#include "token/token_table.h"
+
+bool callWithSsoRetry(const std::string& serial, const SsoRetryTexts& texts,
+                      const std::function<int()>& deviceCall, const std::function<bool()>& passwordCheck,
+                      int* result) {
+    *result = deviceCall();
+    if (*result != CALYTH_SSO_EXPIRED)
+        return true;
+    logDebug(texts.expired);
+    clearValidatedPin(serial);
+    if (!passwordCheck()) {
+        logError(texts.recheckFailed);
+        return false;
+    }
+    *result = deviceCall();
+    return true;
+}

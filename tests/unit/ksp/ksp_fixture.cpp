@@ -1,0 +1,82 @@
+#include "ksp_fixture.h"
+
+#include <sstream>
+
+#include "support/test_support.h"
+#include "token/process_state.h"
+#include "token/token_table.h"
+
+namespace ksptest {
+
+const char* const kRsaSignId = "A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1";
+const char* const kRsaExchangeId = "B2B2B2B2B2B2B2B2B2B2B2B2B2B2B2B2";
+const char* const kEcSignId = "C3C3C3C3C3C3C3C3C3C3C3C3C3C3C3C3";
+
+std::wstring wide(const std::string& text) {
+    return std::wstring(text.begin(), text.end());
+}
+
+bool hasLogLine(const std::string& level, const std::string& message) {
+    return testsupport::logHasLine(level, message);
+}
+
+std::vector<std::string> logLinesAt(const std::string& level) {
+    std::vector<std::string> out;
+    std::istringstream in(testsupport::readLog());
+    std::string line;
+    std::string marker = level + " ::=>";
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        size_t at = line.find(marker);
+        if (at != std::string::npos)
+            out.push_back(line.substr(at + marker.size()));
+    }
+    return out;
+}
+
+void KspTest::SetUp() {
+    fake::reset();
+    resetTokenTableForTests();
+    g_ivBuffer.clear();
+    fake::addToken("SN1");
+    fake::addKeyPair("SN1",
+                     fake::makeKeyPair(kRsaSignId, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048, "rsa-sign"));
+    fake::addKeyPair(
+        "SN1", fake::makeKeyPair(kRsaExchangeId, CALYTH_USAGE_EXCHANGE, CALYTH_KEY_RSA_2048, "rsa-exchange"));
+    fake::addKeyPair("SN1",
+                     fake::makeKeyPair(kEcSignId, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_EC_P256, "ec-sign"));
+    testsupport::clearLog();
+}
+
+void KspTest::TearDown() {
+    for (NCRYPT_KEY_HANDLE key : keys_)
+        KSPFreeKey(provider_, key);
+    keys_.clear();
+    for (NCRYPT_PROV_HANDLE provider : providers_)
+        KSPFreeProvider(provider);
+    providers_.clear();
+}
+
+NCRYPT_PROV_HANDLE KspTest::openProvider() {
+    NCRYPT_PROV_HANDLE provider = 0;
+    EXPECT_EQ(KSPOpenProvider(&provider, L"Calyth Cryptographic Provider CSP", 0), 0);
+    if (provider != 0) {
+        keepProvider(provider);
+        if (provider_ == 0)
+            provider_ = provider;
+    }
+    return provider;
+}
+
+NCRYPT_KEY_HANDLE KspTest::openKey(const std::string& name, NCRYPT_PROV_HANDLE provider) {
+    NCRYPT_KEY_HANDLE key = 0;
+    std::wstring wideName = wide(name);
+    EXPECT_EQ(KSPOpenKey(provider != 0 ? provider : provider_, &key, wideName.c_str(), 0, 0), 0)
+        << "KSPOpenKey(" << name << ") failed";
+    if (key != 0)
+        keep(key);
+    return key;
+}
+
+}  // namespace ksptest

@@ -1,0 +1,51 @@
+// Shared set-up of the CNG key storage provider's unit tests: one fake token "SN1", a provider
+// opened through KSPOpenProvider on it, keys opened by name, and log and text helpers.
+#pragma once
+
+#include <windows.h>
+
+#include <ncrypt.h>
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "fake_device/fake_device.h"
+#include "ksp/ksp_interface.h"
+#include "ksp/ksp_objects.h"
+
+namespace ksptest {
+
+// Key identifiers used across the tests (32 upper-case hex characters each).
+extern const char* const kRsaSignId;      // usage 1, RSA-2048, label "rsa-sign"
+extern const char* const kRsaExchangeId;  // usage 2, RSA-2048, label "rsa-exchange"
+extern const char* const kEcSignId;       // usage 1, P-256, label "ec-sign"
+
+std::wstring wide(const std::string& text);
+// True when the log holds a line at `level` ("DEBUG", "ERROR") with exactly `message`.
+bool hasLogLine(const std::string& level, const std::string& message);
+// Messages of all log lines at that level, in order.
+std::vector<std::string> logLinesAt(const std::string& level);
+
+class KspTest : public ::testing::Test {
+protected:
+    // Resets the fake, the token table, the IV buffer and the log; adds token "SN1" (firmware
+    // "2.1.0", PIN "1234") with the three keys above.
+    void SetUp() override;
+    // Frees every key and provider made through the helpers below.
+    void TearDown() override;
+
+    // KSPOpenProvider; fails the test when it does not succeed. Freed at tear-down.
+    NCRYPT_PROV_HANDLE openProvider();
+    // KSPOpenKey by name on `provider` (the fixture's provider when 0); fails the test on an error.
+    NCRYPT_KEY_HANDLE openKey(const std::string& name, NCRYPT_PROV_HANDLE provider = 0);
+    // Freed through KSPFreeKey / KSPFreeProvider at tear-down.
+    void keep(NCRYPT_KEY_HANDLE key) { keys_.push_back(key); }
+    void keepProvider(NCRYPT_PROV_HANDLE provider) { providers_.push_back(provider); }
+
+    NCRYPT_PROV_HANDLE provider_ = 0;  // set by openProvider()
+    std::vector<NCRYPT_KEY_HANDLE> keys_;
+    std::vector<NCRYPT_PROV_HANDLE> providers_;
+};
+
+}  // namespace ksptest
