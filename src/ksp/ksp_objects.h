@@ -3,6 +3,10 @@
 // (NCRYPT_SECRET_HANDLE). Each handle is the record's address. The provider keeps no private key
 // material: a key object holds the public data the token listed for the key, or the AES bytes of a
 // key imported from an encrypted transport blob.
+//
+// Every record is allocated with `new (std::nothrow) T{}` (all fields zero or empty) and released
+// with `delete` by its free operation (KSPFreeProvider, KSPFreeKey, KSPFreeBuffer for the enumeration
+// state, KSPFreeSecret).
 #pragma once
 
 #include <windows.h>

@@ -2,9 +2,11 @@
 
 #include <sstream>
 
+#include "ksp/ksp_common.h"
 #include "support/test_support.h"
 #include "token/process_state.h"
 #include "token/token_table.h"
+#include "util/encoding.h"
 
 namespace ksptest {
 
@@ -51,18 +53,56 @@ void KspTest::SetUp() {
 
 void KspTest::TearDown() {
     for (NCRYPT_KEY_HANDLE key : keys_)
-        KSPFreeKey(provider_, key);
+        delete kspKeyFrom(key);
     keys_.clear();
     for (NCRYPT_PROV_HANDLE provider : providers_)
-        KSPFreeProvider(provider);
+        delete kspProviderFrom(provider);
     providers_.clear();
+    provider_ = 0;
+}
+
+NCRYPT_PROV_HANDLE KspTest::makeProvider(const std::string& serial) {
+    auto* made = new KspProvider{};
+    made->serial = serial;
+    made->initialized = 1;
+    made->firmware = "2.1.0";
+    NCRYPT_PROV_HANDLE handle = reinterpret_cast<NCRYPT_PROV_HANDLE>(made);
+    keepProvider(handle);
+    if (provider_ == 0)
+        provider_ = handle;
+    return handle;
+}
+
+NCRYPT_KEY_HANDLE KspTest::makeKey(const std::string& keyIdHex) {
+    std::string serial = provider_ != 0 ? provider()->serial : "SN1";
+    auto* key = new KspKey{};
+    keep(reinterpret_cast<NCRYPT_KEY_HANDLE>(key));
+    for (const CalythKeyPair& keyPair : fake::token(serial).keyPairs) {
+        if (fake::hex(keyPair.keyId, 16) != keyIdHex)
+            continue;
+        copyTokenKeyData(keyPair, key);
+        key->algorithm = keyPair.keySizeCode;
+        key->usage = keyPair.keyUsage;
+        key->bits = keySizeCodeToBits(keyPair.keySizeCode);
+        key->name = wide(keyIdHex);
+        key->finalized = 1;
+        return reinterpret_cast<NCRYPT_KEY_HANDLE>(key);
+    }
+    ADD_FAILURE() << "no key pair " << keyIdHex << " on " << serial;
+    return reinterpret_cast<NCRYPT_KEY_HANDLE>(key);
+}
+
+NCRYPT_KEY_HANDLE KspTest::makeEmptyKey() {
+    auto* key = new KspKey{};
+    keep(reinterpret_cast<NCRYPT_KEY_HANDLE>(key));
+    return reinterpret_cast<NCRYPT_KEY_HANDLE>(key);
 }
 
 NCRYPT_PROV_HANDLE KspTest::openProvider() {
     NCRYPT_PROV_HANDLE provider = 0;
     EXPECT_EQ(KSPOpenProvider(&provider, L"Calyth Cryptographic Provider CSP", 0), 0);
     if (provider != 0) {
-        keepProvider(provider);
+        keepProvider(provider);  // KSPOpenProvider allocates with new, as the fixture does
         if (provider_ == 0)
             provider_ = provider;
     }

@@ -35,15 +35,26 @@ protected:
     // Frees every key and provider made through the helpers below.
     void TearDown() override;
 
-    // KSPOpenProvider; fails the test when it does not succeed. Freed at tear-down.
+    // A provider object built here as KSPOpenProvider leaves it on token `serial` (initialised,
+    // firmware "2.1.0"), without calling the provider. The first one made becomes provider_.
+    NCRYPT_PROV_HANDLE makeProvider(const std::string& serial = "SN1");
+    // A key object built here as KSPOpenKey leaves it, from the fake token's key pair with that
+    // identifier on the fixture's token (algorithm, usage, bits, name, finalised 1).
+    NCRYPT_KEY_HANDLE makeKey(const std::string& keyIdHex);
+    // An empty key object (new KspKey{}), freed at tear-down.
+    NCRYPT_KEY_HANDLE makeEmptyKey();
+
+    // KSPOpenProvider and KSPOpenKey through the provider itself; fail the test on an error.
     NCRYPT_PROV_HANDLE openProvider();
-    // KSPOpenKey by name on `provider` (the fixture's provider when 0); fails the test on an error.
     NCRYPT_KEY_HANDLE openKey(const std::string& name, NCRYPT_PROV_HANDLE provider = 0);
-    // Freed through KSPFreeKey / KSPFreeProvider at tear-down.
+
+    // Released with delete (the way the free operations release them) at tear-down.
     void keep(NCRYPT_KEY_HANDLE key) { keys_.push_back(key); }
     void keepProvider(NCRYPT_PROV_HANDLE provider) { providers_.push_back(provider); }
 
-    NCRYPT_PROV_HANDLE provider_ = 0;  // set by openProvider()
+    KspProvider* provider() { return kspProviderFrom(provider_); }
+
+    NCRYPT_PROV_HANDLE provider_ = 0;
     std::vector<NCRYPT_KEY_HANDLE> keys_;
     std::vector<NCRYPT_PROV_HANDLE> providers_;
 };
