@@ -4,9 +4,9 @@
 // material: a key object holds the public data the token listed for the key, or the AES bytes of a
 // key imported from an encrypted transport blob.
 //
-// Every record is allocated with `new (std::nothrow) T{}` (all fields zero or empty) and released
-// with `delete` by its free operation (KSPFreeProvider, KSPFreeKey, KSPFreeBuffer for the enumeration
-// state, KSPFreeSecret).
+// The provider, key and secret records are allocated with `new (std::nothrow) T{}` (all fields zero
+// or empty) and released with `delete` by their free operation (KSPFreeProvider, KSPFreeKey,
+// KSPFreeSecret); the enumeration state is a malloc'ed block (see KspEnumState).
 #pragma once
 
 #include <windows.h>
@@ -57,9 +57,13 @@ struct KspKey {
     uint32_t chainingMode = KSP_CHAINING_CBC;
 };
 
+// The ppEnumState of KSPEnumKeys. The router releases it through KSPFreeBuffer, which calls free,
+// so it is one malloc'ed block: this header followed by `count` copies of the token's key pairs
+// taken on the first call (the records are plain bytes).
 struct KspEnumState {
-    uint64_t index = 0;
-    std::vector<CalythKeyPair> keyPairs;  // copied on the first call
+    uint64_t index;
+    uint64_t count;
+    CalythKeyPair keyPairs[1];  // `count` entries; room for at least one
 };
 
 struct KspSecret {

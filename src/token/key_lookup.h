@@ -17,6 +17,8 @@ struct KeyNameMatch {
 constexpr KeyNameMatch kExactKeyId{false, false};
 // CryptoAPI token selection: the identifier text, any case.
 constexpr KeyNameMatch kKeyIdIgnoringCase{true, false};
+// CNG key selection once a key passed the gate: the identifier text or the label, exactly.
+constexpr KeyNameMatch kKeyIdOrLabel{false, true};
 // CNG token selection: the identifier text or the label, any case.
 constexpr KeyNameMatch kKeyIdOrLabelIgnoringCase{true, true};
 
