@@ -274,6 +274,21 @@ std::vector<std::string> logMessages() {
     return out;
 }
 
+std::vector<std::string> logMessagesAt(const std::string& level) {
+    std::vector<std::string> out;
+    std::string tag = "->" + level + " ::=>";
+    std::istringstream in(readLog());
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        size_t at = line.find(tag);
+        if (at != std::string::npos)
+            out.push_back(line.substr(at + tag.size()));
+    }
+    return out;
+}
+
 void clearLog() {
     std::ofstream out(logFilePath(), std::ios::binary | std::ios::trunc);
 }

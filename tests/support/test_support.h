@@ -23,6 +23,8 @@ std::string logFilePath();
 std::string readLog();
 // Lines of today's log file without the "dd/mm::hh:mm:ss:mmm-> ->TAG ::=>" prefix.
 std::vector<std::string> logMessages();
+// Messages of the lines written at `level` ("DEBUG", "ERROR"), in order.
+std::vector<std::string> logMessagesAt(const std::string& level);
 // Empties today's log file.
 void clearLog();
 // True when some line of the log holds `text`.

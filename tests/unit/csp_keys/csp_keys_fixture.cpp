@@ -29,18 +29,7 @@ bool hasLogLine(const std::string& level, const std::string& message) {
 }
 
 std::vector<std::string> logLinesAt(const std::string& level) {
-    std::vector<std::string> out;
-    std::istringstream in(testsupport::readLog());
-    std::string line;
-    std::string marker = level + " ::=>";
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        size_t at = line.find(marker);
-        if (at != std::string::npos)
-            out.push_back(line.substr(at + marker.size()));
-    }
-    return out;
+    return testsupport::logMessagesAt(level);
 }
 
 std::vector<unsigned char> bytesOf(std::initializer_list<int> values) {

@@ -1,6 +1,5 @@
 #include "ksp_fixture.h"
 
-#include <sstream>
 
 #include "ksp/ksp_common.h"
 #include "support/test_support.h"
@@ -23,18 +22,7 @@ bool hasLogLine(const std::string& level, const std::string& message) {
 }
 
 std::vector<std::string> logLinesAt(const std::string& level) {
-    std::vector<std::string> out;
-    std::istringstream in(testsupport::readLog());
-    std::string line;
-    std::string marker = level + " ::=>";
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        size_t at = line.find(marker);
-        if (at != std::string::npos)
-            out.push_back(line.substr(at + marker.size()));
-    }
-    return out;
+    return testsupport::logMessagesAt(level);
 }
 
 void KspTest::SetUp() {
