@@ -4,10 +4,10 @@
 
 #include <windows.h>
 
-#include <new>
 #include <string>
 
 #include "log/log.h"
+#include "util/entry_guard.h"
 
 // Logs `message` at ERROR, sets `error` as the thread's last error and answers FALSE.
 inline BOOL failWithError(DWORD error, const std::string& message) {
@@ -20,11 +20,7 @@ inline BOOL failWithError(DWORD error, const std::string& message) {
 // memory) or NTE_FAIL (anything else) and one ERROR line naming the entry point.
 template <typename Body>
 BOOL runEntryPoint(const char* name, Body body) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY), std::string(name) + ": out of memory");
-    } catch (...) {
-        return failWithError(static_cast<DWORD>(NTE_FAIL), std::string(name) + ": unexpected failure");
-    }
+    return guardEntryPoint<BOOL>(name, body, [](bool outOfMemory, const std::string& message) {
+        return failWithError(static_cast<DWORD>(outOfMemory ? NTE_NO_MEMORY : NTE_FAIL), message);
+    });
 }

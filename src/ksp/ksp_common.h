@@ -7,12 +7,12 @@
 
 #include <ncrypt.h>
 
-#include <new>
 #include <string>
 
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
 #include "log/log.h"
+#include "util/entry_guard.h"
 
 // Logs `message` at ERROR and answers `status`.
 inline SECURITY_STATUS kspFail(SECURITY_STATUS status, const std::string& message) {
@@ -24,13 +24,9 @@ inline SECURITY_STATUS kspFail(SECURITY_STATUS status, const std::string& messag
 // NTE_INTERNAL_ERROR (anything else) with one ERROR line naming the operation.
 template <typename Body>
 SECURITY_STATUS runKspOperation(const char* name, Body body) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return kspFail(KSP_NTE_NO_MEMORY, std::string(name) + ": out of memory");
-    } catch (...) {
-        return kspFail(KSP_NTE_INTERNAL_ERROR, std::string(name) + ": unexpected failure");
-    }
+    return guardEntryPoint<SECURITY_STATUS>(name, body, [](bool outOfMemory, const std::string& message) {
+        return kspFail(outOfMemory ? KSP_NTE_NO_MEMORY : KSP_NTE_INTERNAL_ERROR, message);
+    });
 }
 
 // The provider object behind a handle when it is non-null and initialised, else null.
