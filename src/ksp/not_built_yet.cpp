@@ -1,5 +1,5 @@
-// The slots whose operations this provider does not offer yet: key export, key import, secret
-// agreement, key derivation and freeing a secret. Each logs its name and answers NTE_NOT_SUPPORTED.
+// The slots whose operations this provider does not offer yet: key export and key import.
+// Each logs its name and answers NTE_NOT_SUPPORTED.
 #include "ksp/ksp_common.h"
 
 namespace {
@@ -21,20 +21,6 @@ SECURITY_STATUS WINAPI KSPImportKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, LPCWS
 SECURITY_STATUS WINAPI KSPExportKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, NCRYPT_KEY_HANDLE, LPCWSTR,
                                     NCryptBufferDesc*, PBYTE, DWORD, DWORD*, DWORD) {
     return notSupported("KSPExportKey");
-}
-
-SECURITY_STATUS WINAPI KSPSecretAgreement(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, NCRYPT_KEY_HANDLE,
-                                          NCRYPT_SECRET_HANDLE*, DWORD) {
-    return notSupported("KSPSecretAgreement");
-}
-
-SECURITY_STATUS WINAPI KSPDeriveKey(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE, LPCWSTR, NCryptBufferDesc*,
-                                    PBYTE, DWORD, DWORD*, DWORD) {
-    return notSupported("KSPDeriveKey");
-}
-
-SECURITY_STATUS WINAPI KSPFreeSecret(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE) {
-    return notSupported("KSPFreeSecret");
 }
 
 }  // extern "C"
