@@ -1,0 +1,277 @@
+// Encryption and decryption with a key object. A key holding AES material (imported from an
+// encrypted transport blob) goes through the device library's AES functions with the process-wide
+// IV for CBC; a token RSA key pair encrypts with its public key in the library and decrypts on the
+// token after the PIN check. The padding information is never read: the library picks the OAEP hash
+// and the token finds the padding of a ciphertext itself.
+#include <windows.h>
+
+#include <ncrypt.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "csp/device_output.h"
+#include "ksp/ksp_common.h"
+#include "token/device_library.h"
+#include "token/process_state.h"
+#include "token/sso_retry.h"
+#include "util/encoding.h"
+#include "util/utils.h"
+
+namespace {
+
+constexpr DWORD kPadOaep = 0x4;  // NCRYPT_PAD_OAEP_FLAG
+// calyth_encrypt takes no room argument and writes one whole modulus of the key it is given, which
+// may be longer than the key object's length claims: it always gets at least a 4096-bit modulus.
+constexpr size_t kRsaOutputRoom = 512;
+
+int deviceLength(DWORD count) {
+    return static_cast<int>(std::min<DWORD>(count, INT_MAX));
+}
+
+// The AES material never counts past the key object's field.
+int symmetricLength(const KspKey* key) {
+    return static_cast<int>(std::min<size_t>(key->symmetricKeyLength, sizeof key->symmetricKey));
+}
+
+bool isEcb(const KspKey* key) {
+    return key->chainingMode != KSP_CHAINING_CBC;
+}
+
+EncryptionType aesEncryptionType(const KspKey* key) {
+    bool aes128 = symmetricLength(key) == 16;
+    if (isEcb(key))
+        return aes128 ? ENCRYPTION_AES_128_ECB : ENCRYPTION_AES_256_ECB;
+    return aes128 ? ENCRYPTION_AES_128_CBC : ENCRYPTION_AES_256_CBC;
+}
+
+// CBC uses the IV shared with the CryptoAPI side; ECB none.
+struct IvArgument {
+    const unsigned char* bytes = nullptr;
+    int length = 0;
+};
+
+IvArgument ivFor(const KspKey* key) {
+    if (isEcb(key) || g_ivBuffer.empty())
+        return {};
+    return {g_ivBuffer.data(), static_cast<int>(g_ivBuffer.size())};
+}
+
+EncryptionType rsaEncryptionType(uint32_t bits) {
+    switch (bits) {
+        case 1024:
+            return ENCRYPTION_RSA_1024;
+        case 3072:
+            return ENCRYPTION_RSA_3072;
+        case 4096:
+            return ENCRYPTION_RSA_4096;
+        default:
+            return ENCRYPTION_RSA_2048;
+    }
+}
+
+// The length of a library-allocated output, never negative and zero when no block came back.
+DWORD deviceOutputLength(const DeviceOutput& output) {
+    return output.bytes != nullptr && output.length > 0 ? static_cast<DWORD>(output.length) : 0;
+}
+
+SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
+                                 PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
+    logDebug(isEcb(key) ? "KSP: Symmetric encrypt ECB mode" : "KSP: Symmetric encrypt CBC mode");
+    IvArgument iv = ivFor(key);
+    // Runs for a size query too: the length is the library's to tell.
+    DeviceOutput output;
+    int result =
+        calyth_encrypt_aes(provider->serial.c_str(), aesEncryptionType(key), key->symmetricKey,
+                           symmetricLength(key), pbInput, deviceLength(cbInput), &output.bytes,
+                           &output.length, false, iv.bytes, iv.length, nullptr, 0, provider->deviceContext);
+    if (result != CALYTH_OK)
+        return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: " + std::to_string(result));
+
+    DWORD length = deviceOutputLength(output);
+    *pcbResult = length;
+    if (pbOutput == nullptr)
+        return KSP_SUCCESS;
+    if (cbOutput < length)
+        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
+                       "KSPEncrypt: symmetric output buffer too small, required=" + std::to_string(length));
+    std::memcpy(pbOutput, output.bytes, length);
+    logDebug("KSP: Symmetric encrypt success, length: " + std::to_string(length));
+    return KSP_SUCCESS;
+}
+
+SECURITY_STATUS encryptRsa(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
+                           PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    DWORD required = key->bits / 8;
+    if (pbOutput == nullptr) {
+        *pcbResult = required;
+        return KSP_SUCCESS;
+    }
+    if (cbOutput < required) {
+        *pcbResult = required;
+        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
+                       "KSPEncrypt: output buffer too small, required=" + std::to_string(required));
+    }
+
+    int storedLength = static_cast<int>(std::min<size_t>(key->publicKeyLength, sizeof key->publicKey));
+    if (isDerPublicKey(key->publicKey, storedLength))
+        logDebug("KSP: Public key is already DER encoded");
+    else
+        logDebug("KSP: Public key is raw modulus, converting to DER");
+    Bytes publicKey = derPublicKeyFromStored(key->publicKey, storedLength);
+    PaddingMode padding = (dwFlags & kPadOaep) != 0 ? PADDING_OAEP : PADDING_PKCS1;
+
+    // Never the caller's buffer: the device writes a whole modulus into a block of our own.
+    std::vector<unsigned char> ciphertext(std::max<size_t>(required, kRsaOutputRoom));
+    int ciphertextLength = 0;
+    int result = calyth_encrypt(rsaEncryptionType(key->bits), padding, pbInput, deviceLength(cbInput),
+                                ciphertext.data(), &ciphertextLength, publicKey.data(),
+                                static_cast<int>(publicKey.size()), provider->deviceContext);
+    if (result != CALYTH_OK)
+        return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Encrypt failed: " + std::to_string(result));
+    if (ciphertextLength < 0 || static_cast<size_t>(ciphertextLength) > ciphertext.size())
+        return kspFail(KSP_NTE_INTERNAL_ERROR,
+                       "KSP: Encrypt failed: ciphertext length " + std::to_string(ciphertextLength));
+
+    // A key whose real modulus is longer than its object claims gives a longer ciphertext.
+    DWORD length = static_cast<DWORD>(ciphertextLength);
+    *pcbResult = length;
+    if (cbOutput < length)
+        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
+                       "KSPEncrypt: output buffer too small, required=" + std::to_string(length));
+    std::memcpy(pbOutput, ciphertext.data(), length);
+    logDebug("KSP: Encrypt success");
+    return KSP_SUCCESS;
+}
+
+SECURITY_STATUS encrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
+                        PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    logDebug("KSPEncrypt");
+    const KspProvider* provider = usableProvider(hProvider);
+    if (provider == nullptr)
+        return kspFail(KSP_NTE_INVALID_HANDLE, "KSPEncrypt: provider handle is null or not initialized");
+    const KspKey* key = kspKeyFrom(hKey);
+    if (key == nullptr || pcbResult == nullptr)
+        return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPEncrypt: key handle or pcbResult is null");
+    if (pbInput == nullptr || cbInput == 0)
+        return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPEncrypt: pbInput is null or cbInput is zero");
+
+    if (key->symmetricKeyLength > 0)
+        return encryptSymmetric(provider, key, pbInput, cbInput, pbOutput, cbOutput, pcbResult);
+    return encryptRsa(provider, key, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
+}
+
+SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
+                           PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    SECURITY_STATUS gate = kspPasswordGate(provider, dwFlags, "KSPDecrypt");
+    if (gate != KSP_SUCCESS)
+        return gate;
+
+    DeviceOutput plain;
+    int result = 0;
+    const SsoRetryTexts retryTexts{"KSP: Decrypt SSO expired, re-prompting for PIN",
+                                   "KSPDecrypt: password validation failed after SSO expiry"};
+    bool rechecked = callWithSsoRetry(
+        provider->serial, retryTexts,
+        [&] {
+            plain.release();
+            std::string password = devicePassword(provider);
+            return calyth_decrypt(provider->serial.c_str(), key->keyId, password.c_str(), pbInput,
+                                  deviceLength(cbInput), &plain.bytes, &plain.length, key->tokenFlag != 0,
+                                  provider->deviceContext);
+        },
+        [&] { return kspPasswordCheck(provider); }, &result);
+    if (!rechecked)
+        return KSP_NTE_FAIL;
+    if (result != CALYTH_OK)
+        return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Decrypt failed: " + std::to_string(result));
+
+    DWORD length = deviceOutputLength(plain);
+    *pcbResult = length;
+    if (cbOutput < length)
+        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
+                       "KSPDecrypt: output buffer too small, required=" + std::to_string(length));
+    std::memcpy(pbOutput, plain.bytes, length);
+    logDebug("KSP: Decrypt success");
+    return KSP_SUCCESS;
+}
+
+SECURITY_STATUS decryptSymmetric(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
+                                 PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
+    logDebug(isEcb(key) ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
+    IvArgument iv = ivFor(key);
+    Utils utils;
+    logDebug("KSP: Decrypt input iv : " + utils.bytesToHex(iv.bytes, iv.length));
+    logDebug("KSP: Decrypt input key : " + utils.bytesToHex(key->symmetricKey, symmetricLength(key)));
+
+    // The plaintext is never longer than the ciphertext: cbInput bytes of room, passed as such.
+    int room = deviceLength(cbInput);
+    std::vector<unsigned char> plain(static_cast<size_t>(room));
+    int plainLength = room;
+    int result =
+        calyth_decryptSymetric(provider->serial.c_str(), pbInput, room, plain.data(), &plainLength, iv.bytes,
+                               iv.length, key->symmetricKey, symmetricLength(key), provider->deviceContext);
+    if (result != CALYTH_OK)
+        return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: " + std::to_string(result));
+
+    DWORD length = static_cast<DWORD>(std::clamp(plainLength, 0, room));
+    *pcbResult = length;
+    if (pbOutput == nullptr) {
+        logDebug("pbOutput == NULL ");
+        return KSP_SUCCESS;
+    }
+    if (cbOutput < length)
+        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
+                       "KSPDecrypt: symmetric output buffer too small, required=" + std::to_string(length));
+    std::memcpy(pbOutput, plain.data(), length);
+    logDebug("KSP: Symmetric decrypt success, length: " + std::to_string(length));
+    return KSP_SUCCESS;
+}
+
+SECURITY_STATUS decrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
+                        PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    logDebug("KSPDecrypt");
+    const KspProvider* provider = usableProvider(hProvider);
+    if (provider == nullptr)
+        return kspFail(KSP_NTE_INVALID_HANDLE, "KSPDecrypt: provider handle is null or not initialized");
+    const KspKey* key = kspKeyFrom(hKey);
+    if (key == nullptr || pcbResult == nullptr)
+        return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPDecrypt: key handle or pcbResult is null");
+    bool symmetric = key->symmetricKeyLength > 0;
+    // An RSA size query is answered before the input is looked at.
+    if (!symmetric && pbOutput == nullptr) {
+        *pcbResult = key->bits / 8;
+        return KSP_SUCCESS;
+    }
+    if (pbInput == nullptr || cbInput == 0)
+        return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPDecrypt: pbInput is null or cbInput is zero");
+
+    if (symmetric)
+        return decryptSymmetric(provider, key, pbInput, cbInput, pbOutput, cbOutput, pcbResult);
+    return decryptRsa(provider, key, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
+}
+
+}  // namespace
+
+extern "C" {
+
+SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput,
+                                  DWORD cbInput, VOID* /*pPaddingInfo*/, PBYTE pbOutput, DWORD cbOutput,
+                                  DWORD* pcbResult, DWORD dwFlags) {
+    return runKspOperation("KSPEncrypt", [&] {
+        return encrypt(hProvider, hKey, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
+    });
+}
+
+SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput,
+                                  DWORD cbInput, VOID* /*pPaddingInfo*/, PBYTE pbOutput, DWORD cbOutput,
+                                  DWORD* pcbResult, DWORD dwFlags) {
+    return runKspOperation("KSPDecrypt", [&] {
+        return decrypt(hProvider, hKey, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
+    });
+}
+
+}  // extern "C"
