@@ -1,0 +1,20 @@
+// The log facility makes at most one missing folder per line and loses the lines written until its
+// folders exist. The program's private temp folder starts empty, so the folders are made here before
+// the first test reads the log.
+#include <gtest/gtest.h>
+
+#include "log/log.h"
+
+namespace {
+
+class LogFolders : public ::testing::Environment {
+public:
+    void SetUp() override {
+        for (int i = 0; i < 3; ++i)
+            logDebug("log folders ready");
+    }
+};
+
+const ::testing::Environment* const kLogFolders = ::testing::AddGlobalTestEnvironment(new LogFolders);
+
+}  // namespace
