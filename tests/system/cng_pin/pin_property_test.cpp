@@ -26,6 +26,8 @@ const Bytes kDocument = bytesOf("Signed with a PIN nobody typed.\n");
 
 class PinWithoutDialog : public ::testing::Test {
 protected:
+    // Before the first fixture loads the provider: its first log lines would only make the folders.
+    static void SetUpTestSuite() { startLog(); }
     void SetUp() override {
         startLog();
         ASSERT_TRUE(client.loaded());
