@@ -1,10 +1,34 @@
 // Signing, verification and ECDH with the token's keys.
+#include <cstdlib>
+#include <string>
+
 #include "core/public_key.h"
 #include "core/token_access.h"
 #include "entry_guard.h"
 #include "token/device_library.h"
 
 using namespace softtoken;
+
+namespace {
+
+// The token offers RSA-PSS from firmware 2.0.0 on. Versions compare as dotted decimal numbers, a
+// missing piece counting as 0.
+bool pssOffered(const std::string& firmware) {
+    const int minimum[] = {2, 0, 0};
+    size_t position = 0;
+    for (int piece : minimum) {
+        size_t end = firmware.find('.', position);
+        std::string text =
+            firmware.substr(position, end == std::string::npos ? std::string::npos : end - position);
+        int value = text.empty() ? 0 : std::atoi(text.c_str());
+        if (value != piece)
+            return value > piece;
+        position = end == std::string::npos ? firmware.size() : end + 1;
+    }
+    return true;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -21,6 +45,8 @@ int calyth_signHash(const char* serial, const unsigned char* keyId, const char* 
         std::shared_ptr<PrivateKey> key = token->privateKey(keyId);
         if (!key)
             return int(kKeyNotFound);
+        if (usePss && !pssOffered(token->data.firmware))
+            return int(kNotSupported);
         int required = static_cast<int>(key->signatureLength());
         if (*signatureLength < required) {
             *signatureLength = required;
@@ -48,6 +74,8 @@ int calyth_verifySignatureHash(unsigned int, const char* serial, const unsigned 
             int status = openConnected(serial, "verifySignatureHash", token);
             if (status != kOk)
                 return status;
+            if (usePss && !pssOffered(token->data.firmware))
+                return int(kNotSupported);
         }
         PublicKey key;
         if (!parsePublicKey(publicKey, publicKeyLength, key))

@@ -220,6 +220,25 @@ TEST_F(SignatureTest, RsaPssSignaturesVerifyWithOpenSsl) {
     }
 }
 
+TEST_F(SignatureTest, PssNeedsFirmwareTwoOrLater) {
+    makeToken("SN1", "--firmware 1.9.9");
+    Bytes key = makeKey("SN1", "rsa2048");
+    Bytes hash = digest(CALYTH_HASH_SHA256, kMessage), signature;
+    EXPECT_NE(sign("SN1", key, hash, signature, true), 0) << "PSS on firmware 1.9.9";
+    ASSERT_EQ(sign("SN1", key, hash, signature, false), 0) << "PKCS #1 on any firmware";
+    Bytes publicKey = publicOf(keyRecord("SN1", key));
+    for (const char* version : {"2.0", "2.0.0", "10.0.0"}) {
+        ASSERT_EQ(tool(std::string("set-firmware --serial SN1 --version ") + version), 0);
+        ASSERT_EQ(sign("SN1", key, hash, signature, true), 0) << version;
+        EXPECT_EQ(verify(hash, publicKey, signature, true, "SN1"), 0) << version;
+    }
+    ASSERT_EQ(tool("set-firmware --serial SN1 --version 1.10"), 0);
+    Bytes refused;
+    EXPECT_NE(sign("SN1", key, hash, refused, true), 0) << "1.10 is below 2.0.0";
+    EXPECT_NE(verify(hash, publicKey, signature, true, "SN1"), 0) << "PSS verification on the token";
+    EXPECT_EQ(verify(hash, publicKey, signature, true), 0) << "without a token the firmware does not count";
+}
+
 TEST_F(SignatureTest, EcdsaSignaturesVerifyWithOpenSslOnEveryCurve) {
     makeToken("SN1");
     writeBytes(file("m.bin"), kMessage);
