@@ -33,6 +33,18 @@ bool sameKey(const KeyRecord& key, const Bytes& comparable) {
     return !comparable.empty() && keyPublicKey(key, parsed) && comparableForm(parsed) == comparable;
 }
 
+// Gives the key a handle and a fresh id and adds it to the token.
+int storeKey(const std::string& serial, KeyRecord& key, KeyRecord& out) {
+    return updateToken(serial, [&](TokenData& t, bool& changed) {
+        key.handle = t.nextHandle++;
+        key.id = freshId(t);
+        t.keys.push_back(key);
+        out = key;
+        changed = true;
+        return int(kOk);
+    });
+}
+
 }  // namespace
 
 bool keyPublicKey(const KeyRecord& key, PublicKey& out) {
@@ -62,14 +74,22 @@ int addGeneratedKey(const std::string& serial, int32_t sizeCode, int32_t usage, 
             return kCryptoFailure;
         key.publicKey = subjectPublicKeyInfo(parsed);
     }
-    return updateToken(serial, [&](TokenData& t, bool& changed) {
-        key.handle = t.nextHandle++;
-        key.id = freshId(t);
-        t.keys.push_back(key);
-        out = key;
-        changed = true;
-        return kOk;
-    });
+    return storeKey(serial, key, out);
+}
+
+int addImportedKey(const std::string& serial, const ImportedKeyPair& pair, int32_t usage,
+                   const std::string& label, KeyRecord& out) {
+    if ((!isRsaCode(pair.sizeCode) && !isEcCode(pair.sizeCode)) || usage < 1 || usage > 3 ||
+        label.size() > kMaxLabelLength || pair.publicKey.empty() || pair.privateKey.empty())
+        return kBadArgument;
+    KeyRecord key;
+    key.sizeCode = pair.sizeCode;
+    key.usage = usage;
+    key.label = label;
+    key.publicKey = pair.publicKey;
+    key.privateKey = pair.privateKey;
+    key.objectId = sha1(key.publicKey);
+    return storeKey(serial, key, out);
 }
 
 int removeKey(const std::string& serial, const unsigned char* keyId, bool withCertificates) {
@@ -111,7 +131,7 @@ int changeKey(const std::string& serial, const unsigned char* keyId, const char*
 }
 
 int addCertificate(const std::string& serial, const Bytes& der, const std::string& label,
-                   CertificateRecord& out) {
+                   CertificateRecord& out, const Bytes& objectId) {
     if (der.size() > sizeof(CalythCertificate::der) || label.size() > 128)
         return kTooLarge;
     CertificateDetails details;
@@ -130,12 +150,14 @@ int addCertificate(const std::string& serial, const Bytes& der, const std::strin
         certificate.der = der;
         certificate.label = label.empty() ? details.subjectCommonName.substr(0, 128) : label;
         for (const KeyRecord& key : t.keys) {
-            if (sameKey(key, details.publicKey)) {
+            if (objectId.empty() ? sameKey(key, details.publicKey) : key.objectId == objectId) {
                 certificate.keyId = key.id;
                 certificate.objectId = key.objectId;
                 break;
             }
         }
+        if (!objectId.empty())
+            certificate.objectId = objectId;
         t.certificates.push_back(certificate);
         out = certificate;
         changed = true;

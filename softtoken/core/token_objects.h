@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "private_key_file.h"
 #include "token/device_library.h"
 #include "token_store.h"
 
@@ -15,15 +16,19 @@ constexpr size_t kMaxLabelLength = 131;  // the records hold 132 bytes with the 
 // SubjectPublicKeyInfo instead of the raw modulus or point.
 int addGeneratedKey(const std::string& serial, int32_t sizeCode, int32_t usage, const std::string& label,
                     bool derPublicKey, KeyRecord& out);
+// Adds a key pair made elsewhere (readPrivateKeyFile).
+int addImportedKey(const std::string& serial, const ImportedKeyPair& pair, int32_t usage,
+                   const std::string& label, KeyRecord& out);
 int removeKey(const std::string& serial, const unsigned char* keyId, bool withCertificates);
 // label null leaves the label; objectId null or objectIdLength 0 leaves the object identifier.
 int changeKey(const std::string& serial, const unsigned char* keyId, const char* label,
               const unsigned char* objectId, int objectIdLength);
 
-// Stores a certificate, linked to the key pair whose public key it carries. The same DER bytes
-// stored twice keep one copy (`out` then describes the stored one).
+// Stores a certificate, linked to the key pair whose object identifier is `objectId` when one is
+// given, else to the key pair whose public key it carries. The same DER bytes stored twice keep one
+// copy (`out` then describes the stored one).
 int addCertificate(const std::string& serial, const Bytes& der, const std::string& label,
-                   CertificateRecord& out);
+                   CertificateRecord& out, const Bytes& objectId = {});
 
 // type 8 or 10 with a 16, 24 or 32-byte AES key, or 11 with a 24-byte three-key 3DES key.
 int addAesKey(const std::string& serial, const Bytes& key, int32_t type, const std::string& label,

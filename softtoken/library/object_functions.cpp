@@ -1,4 +1,6 @@
 // Key pairs, AES keys and certificates on the token; certificate parsing and certificate folders.
+#include <algorithm>
+
 #include "core/certificate.h"
 #include "core/token_access.h"
 #include "core/token_objects.h"
@@ -71,7 +73,9 @@ int calyth_importCertificate(const char* serial, const char* pin, CalythCertific
             return status;
         CertificateRecord stored;
         Bytes der(certificate->der, certificate->der + certificate->derLength);
-        status = addCertificate(serial, der, fieldText(certificate->label, 128), stored);
+        int32_t objectIdLength = std::clamp<int32_t>(certificate->objectIdLength, 0, 128);
+        Bytes objectId(certificate->objectId, certificate->objectId + objectIdLength);
+        status = addCertificate(serial, der, fieldText(certificate->label, 128), stored, objectId);
         if (status != kOk)
             return status;
         CalythCertificate record = toDeviceRecord(stored);

@@ -1,4 +1,4 @@
-// Commands on the objects of a token: genkey, delkey, export-pubkey, import-cert, export-cert,
+// Commands on the objects of a token: genkey, import-key, delkey, export-pubkey, import-cert, export-cert,
 // import-aes.
 #include <cctype>
 #include <cstdio>
@@ -6,6 +6,7 @@
 
 #include "arguments.h"
 #include "core/certificate.h"
+#include "core/private_key_file.h"
 #include "core/public_key.h"
 #include "core/status.h"
 #include "core/token_objects.h"
@@ -79,6 +80,30 @@ int runGenkey(const Arguments& a) {
     token(serial);
     KeyRecord key;
     check(addGeneratedKey(serial, size, usage, label, form == "der", key), "cannot generate the key");
+    std::printf("%s\n", hexOf(key.id).c_str());
+    return 0;
+}
+
+int runImportKey(const Arguments& a) {
+    std::string serial = serialOption(a);
+    int32_t usage = usageCode(a.value("--usage", "both"));
+    std::string label = a.value("--label");
+    if (label.size() > kMaxLabelLength)
+        throw UsageError("the label must have at most 131 characters");
+    std::string file = a.required("--in");
+    token(serial);
+    ImportedKeyPair pair;
+    int status = readPrivateKeyFile(readInputFile(file), pair);
+    if (status == kNotSupported)
+        throw CommandError("'" + file +
+                           "' holds a key the token does not keep: use RSA 1024, 2048, 3072 or 4096 "
+                           "bits, or EC P-256, P-384 or P-521");
+    if (status != kOk)
+        throw CommandError("'" + file +
+                           "' is not an RSA or EC private key (PKCS #1, SEC1 or PKCS #8, DER or PEM): " +
+                           statusMessage(status));
+    KeyRecord key;
+    check(addImportedKey(serial, pair, usage, label, key), "cannot store the key");
     std::printf("%s\n", hexOf(key.id).c_str());
     return 0;
 }
@@ -177,6 +202,15 @@ const std::vector<Command>& objectCommands() {
          {{"--serial", true}, {"--type", true}, {"--usage", true}, {"--label", true}, {"--pubform", true}},
          0,
          runGenkey},
+        {"import-key",
+         "store a private key made elsewhere (OpenSSL) and print its key id",
+         "calyth-token import-key --serial SERIAL --in FILE [--usage USAGE] [--label LABEL]\n"
+         "  FILE: an RSA (1024, 2048, 3072 or 4096 bits) or EC (P-256, P-384, P-521) private key,\n"
+         "  PKCS #1 / SEC1 or PKCS #8 (unencrypted), DER or PEM. USAGE: sign, exchange or both\n"
+         "  (default). Prints the 32-character key id, as genkey does.",
+         {{"--serial", true}, {"--in", true}, {"--usage", true}, {"--label", true}},
+         0,
+         runImportKey},
         {"delkey",
          "delete a key pair",
          "calyth-token delkey --serial SERIAL --key KEY [--keep-certs]\n"

@@ -13,9 +13,10 @@ namespace {
 
 using AdminToolTest = StoreTest;
 
-const char* const kCommands[] = {
-    "init",   "list",  "delete", "plug",   "unplug",        "sso",         "set-firmware", "fault",
-    "unlock", "reset", "genkey", "delkey", "export-pubkey", "import-cert", "export-cert",  "import-aes"};
+const char* const kCommands[] = {"init",       "list",         "delete",        "plug",        "unplug",
+                                 "sso",        "set-firmware", "fault",         "unlock",      "reset",
+                                 "genkey",     "delkey",       "export-pubkey", "import-cert", "export-cert",
+                                 "import-aes", "import-key"};
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -192,4 +193,110 @@ TEST_F(AdminToolTest, ResetUnlockAndDeleteForTests) {
     EXPECT_TRUE(calyth_getConnectedDeviceList(false, nullptr).empty());
     EXPECT_NE(calyth_initDevice("SN1", false, nullptr), 0);
     EXPECT_EQ(tool("delete --serial SN1"), 1);
+}
+
+namespace {
+
+// Signs a SHA-256 digest of `message` with a token key (PKCS #1 v1.5 or ECDSA r||s); empty on failure.
+Bytes signOnToken(const std::string& serial, const Bytes& keyId, const Bytes& message) {
+    Bytes hash = digest(CALYTH_HASH_SHA256, message);
+    Bytes signature(1024);
+    int length = static_cast<int>(signature.size());
+    int result =
+        calyth_signHash(serial.c_str(), keyId.data(), "1234", hash.data(), static_cast<int>(hash.size()),
+                        signature.data(), &length, true, nullptr, false);
+    EXPECT_EQ(result, 0);
+    signature.resize(result == 0 ? static_cast<size_t>(length) : 0);
+    return signature;
+}
+
+}  // namespace
+
+TEST_F(AdminToolTest, ImportedPrivateKeysSignAsTheirOpenSslOriginals) {
+    makeToken("SN1");
+    const Bytes message = bytesOf("signed by a key OpenSSL made");
+    writeBytes(file("m.bin"), message);
+    struct Case {
+        const char* make;     // openssl arguments writing k.pem (its Unix path for %s)
+        const char* convert;  // openssl arguments from k.pem to k.src (%s twice), or null for k.pem itself
+        const char* type;
+        int32_t sizeCode;
+    } cases[] = {
+        {"genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out %s", nullptr, "RSA-2048 PKCS #8 PEM", 2},
+        {"genrsa -traditional -out %s 1024", nullptr, "RSA-1024 PKCS #1 PEM", 1},
+        {"genrsa -out %s 3072", "rsa -in %s -traditional -outform DER -out %s", "RSA-3072 PKCS #1 DER", 3},
+        {"ecparam -name prime256v1 -genkey -noout -out %s", nullptr, "P-256 SEC1 PEM", 5},
+        {"genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-384 -out %s", "pkey -in %s -outform DER -out %s",
+         "P-384 PKCS #8 DER", 6},
+        {"ecparam -name secp521r1 -genkey -noout -out %s", "ec -in %s -outform DER -out %s", "P-521 SEC1 DER",
+         7},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.type);
+        char command[1024];
+        std::snprintf(command, sizeof command, c.make, u(file("k.pem")).c_str());
+        ASSERT_EQ(openssl(command), 0) << command;
+        std::string source = file("k.pem");
+        if (c.convert) {
+            source = file("k.src");
+            std::snprintf(command, sizeof command, c.convert, u(file("k.pem")).c_str(), u(source).c_str());
+            ASSERT_EQ(openssl(command), 0) << command;
+        }
+        std::string id;
+        ASSERT_EQ(tool("import-key --serial SN1 --usage sign --label imported --in " + source, &id), 0) << id;
+        ASSERT_EQ(id.size(), 33u) << id;
+        Bytes key = unhex(id.substr(0, 32));
+        CalythKeyPair record = keyRecord("SN1", key);
+        EXPECT_EQ(record.keySizeCode, c.sizeCode);
+        EXPECT_EQ(record.keyUsage, 1);
+        EXPECT_STREQ(record.label, "imported");
+
+        // The token holds the same key: same public key, and OpenSSL accepts the token's signature.
+        exportPublicKey("SN1", key, file("token.pem"));
+        ASSERT_EQ(openssl("pkey -in " + u(file("k.pem")) + " -pubout -out " + u(file("o.pem"))), 0);
+        EXPECT_EQ(readBytes(file("token.pem")), readBytes(file("o.pem")));
+        Bytes signature = signOnToken("SN1", key, message);
+        if (c.sizeCode >= 5)
+            signature = ecdsaSignatureToDer(signature);
+        writeBytes(file("s.bin"), signature);
+        std::string output;
+        EXPECT_EQ(openssl("dgst -sha256 -verify " + u(file("o.pem")) + " -signature " + u(file("s.bin")) +
+                              " " + u(file("m.bin")),
+                          &output),
+                  0)
+            << output;
+        ASSERT_EQ(tool("delkey --serial SN1 --key imported"), 0);
+    }
+}
+
+TEST_F(AdminToolTest, ImportKeyTakesAnEcKeyWithoutItsPublicPointAndDefaultsToBothUsages) {
+    makeToken("SN1");
+    ASSERT_EQ(openssl("ecparam -name secp384r1 -genkey -noout -out " + u(file("full.pem"))), 0);
+    ASSERT_EQ(openssl("ec -in " + u(file("full.pem")) + " -no_public -out " + u(file("bare.pem"))), 0);
+    std::string id;
+    ASSERT_EQ(tool("import-key --serial SN1 --in " + file("bare.pem"), &id), 0) << id;
+    Bytes key = unhex(id.substr(0, 32));
+    EXPECT_EQ(keyRecord("SN1", key).keyUsage, 3);
+    EXPECT_STREQ(keyRecord("SN1", key).label, "");
+    exportPublicKey("SN1", key, file("token.pem"));
+    ASSERT_EQ(openssl("pkey -in " + u(file("full.pem")) + " -pubout -out " + u(file("o.pem"))), 0);
+    EXPECT_EQ(readBytes(file("token.pem")), readBytes(file("o.pem")));
+}
+
+TEST_F(AdminToolTest, ImportKeyRefusesWhatTheTokenCannotKeep) {
+    makeToken("SN1");
+    std::string output;
+    ASSERT_EQ(openssl("genrsa -out " + u(file("odd.pem")) + " 1536"), 0);
+    EXPECT_EQ(tool("import-key --serial SN1 --in " + file("odd.pem"), &output), 1) << output;
+    EXPECT_TRUE(contains(output, "does not keep")) << output;
+    ASSERT_EQ(openssl("genpkey -algorithm ED25519 -out " + u(file("ed.pem"))), 0);
+    EXPECT_EQ(tool("import-key --serial SN1 --in " + file("ed.pem"), &output), 1) << output;
+    writeBytes(file("junk.der"), bytesOf("not a key at all"));
+    EXPECT_EQ(tool("import-key --serial SN1 --in " + file("junk.der"), &output), 1) << output;
+    EXPECT_EQ(tool("import-key --serial SN1 --in " + file("missing.pem"), &output), 1) << output;
+    ASSERT_EQ(openssl("ecparam -name prime256v1 -genkey -noout -out " + u(file("ok.pem"))), 0);
+    EXPECT_EQ(tool("import-key --serial SN1 --usage sideways --in " + file("ok.pem"), &output), 2) << output;
+    EXPECT_EQ(tool("import-key --serial SN1", &output), 2) << output;
+    EXPECT_EQ(tool("import-key --serial NOPE --in " + file("ok.pem"), &output), 1) << output;
+    EXPECT_TRUE(calyth_getKeyPairList("SN1", nullptr).empty());
 }

@@ -164,6 +164,34 @@ TEST_F(CertificateImportTest, CertificateIsLinkedToTheKeyPairWhosePublicKeyItCar
     EXPECT_EQ(calyth_getCertificateList("SN1", nullptr).size(), 3u);
 }
 
+TEST_F(CertificateImportTest, AnObjectIdentifierGivenWithTheCertificateNamesItsKeyPair) {
+    makeToken("SN1");
+    Bytes carried = makeKey("SN1", "p256");
+    Bytes named = makeKey("SN1", "rsa1024");
+    makeAuthority(*this);
+    Bytes leaf = issue(*this, exportPublicKey("SN1", carried, file("k.pem")), "/CN=Alice", "leaf.der");
+
+    CalythCertificate record = certificateRecord(leaf);
+    Bytes objectId = objectOf(keyRecord("SN1", named));
+    std::memcpy(record.objectId, objectId.data(), objectId.size());
+    record.objectIdLength = static_cast<int32_t>(objectId.size());
+    ASSERT_EQ(calyth_importCertificate("SN1", "1234", &record, nullptr), 0);
+    EXPECT_EQ(hex(Bytes(record.keyId, record.keyId + 16)), hex(named));
+    std::vector<CalythCertificate> listed = calyth_getCertificateList("SN1", nullptr);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(hex(Bytes(listed[0].objectId, listed[0].objectId + listed[0].objectIdLength)), hex(objectId));
+
+    // An identifier that no key pair has is kept with the certificate, which then has no key pair.
+    Bytes root = readBytes(file("ca.der"));
+    CalythCertificate loose = certificateRecord(root);
+    Bytes unknown = bytesOf("no such key");
+    std::memcpy(loose.objectId, unknown.data(), unknown.size());
+    loose.objectIdLength = static_cast<int32_t>(unknown.size());
+    ASSERT_EQ(calyth_importCertificate("SN1", "1234", &loose, nullptr), 0);
+    EXPECT_EQ(hex(Bytes(loose.keyId, loose.keyId + 16)), std::string(32, '0'));
+    EXPECT_EQ(hex(Bytes(loose.objectId, loose.objectId + loose.objectIdLength)), hex(unknown));
+}
+
 TEST_F(CertificateImportTest, ImportNeedsThePinOrASessionAndACertificate) {
     makeToken("SN1");
     makeAuthority(*this);
