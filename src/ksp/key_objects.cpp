@@ -176,22 +176,26 @@ int32_t rsaSizeCode(uint32_t bits) {
     }
 }
 
-// Gives the key its final size code and length. An RSA length the token does not offer is
-// generated as RSA-2048 while the object keeps the length it was given (only 0 becomes 2048).
-SECURITY_STATUS settleAlgorithm(KspKey* key) {
+// The size code and length the key is generated with. An RSA length the token does not offer is
+// generated as RSA-2048 while the key keeps the length it was given (only 0 becomes 2048).
+struct Settled {
+    int32_t algorithm;
+    uint32_t bits;
+};
+
+SECURITY_STATUS settleAlgorithm(const KspKey* key, Settled* settled) {
     if (isEcAlgorithm(key->algorithm)) {
-        key->bits = keySizeCodeToBits(key->algorithm);
+        *settled = {key->algorithm, keySizeCodeToBits(key->algorithm)};
         return KSP_SUCCESS;
     }
     if (key->algorithm != 0)
         return kspFail(KSP_NTE_NOT_SUPPORTED,
                        "KSPFinalizeKey: unsupported ECC algorithm=" + std::to_string(key->algorithm));
-    key->algorithm = rsaSizeCode(key->bits);
-    if (key->algorithm == 0) {
-        key->algorithm = CALYTH_KEY_RSA_2048;
-        if (key->bits == 0)
-            key->bits = 2048;
-    }
+    int32_t code = rsaSizeCode(key->bits);
+    if (code != 0)
+        *settled = {code, key->bits};
+    else
+        *settled = {CALYTH_KEY_RSA_2048, key->bits == 0 ? 2048u : key->bits};
     return KSP_SUCCESS;
 }
 
@@ -207,21 +211,25 @@ SECURITY_STATUS finalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey
         return KSP_SUCCESS;
     if (!kspPasswordCheck(provider))
         return kspFail(KSP_NTE_FAIL, "KSPFinalizeKey: password validation failed");
-    SECURITY_STATUS status = settleAlgorithm(key);
+    Settled settled{};
+    SECURITY_STATUS status = settleAlgorithm(key, &settled);
     if (status != KSP_SUCCESS)
         return status;
 
     // The key name stays with the object: the token's label for the new pair is left empty.
     CalythKeyPair request{};
-    request.keySizeCode = key->algorithm;
+    request.keySizeCode = settled.algorithm;
     request.keyUsage = key->usage;
-    logDebug("KSP: FinalizeKey - generating key, algorithm=" + std::to_string(key->algorithm) +
-             " bitSize=" + std::to_string(key->bits));
+    logDebug("KSP: FinalizeKey - generating key, algorithm=" + std::to_string(settled.algorithm) +
+             " bitSize=" + std::to_string(settled.bits));
     std::string password = devicePassword(provider);
     int result =
         calyth_generateKeyPair(provider->serial.c_str(), password.c_str(), &request, provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Key generation failed: " + std::to_string(result));
+    // Settled only now, so that a failed generation leaves the key as it was for another try.
+    key->algorithm = settled.algorithm;
+    key->bits = settled.bits;
     copyTokenKeyData(request, key);
     key->finalized = 1;
     logDebug("KSP: Key finalized successfully");
