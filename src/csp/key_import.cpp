@@ -19,10 +19,12 @@
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
+#include "token/aes_key_transfer.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
+#include "util/rsa_key_fields.h"
 #include "util/utils.h"
 
 namespace {
@@ -53,29 +55,6 @@ BlobFront readBlobFront(const BYTE* pbData, DWORD cbData) {
 
 HCRYPTKEY handleOf(KEY_HANDLE* key) {
     return reinterpret_cast<HCRYPTKEY>(key);
-}
-
-int32_t rsaSizeCode(uint32_t bitlen) {
-    switch (bitlen) {
-        case 1024:
-            return CALYTH_KEY_RSA_1024;
-        case 2048:
-            return CALYTH_KEY_RSA_2048;
-        case 3072:
-            return CALYTH_KEY_RSA_3072;
-        case 4096:
-            return CALYTH_KEY_RSA_4096;
-        default:
-            return 0;
-    }
-}
-
-// Big-endian bytes of a public exponent without leading zeros (01 00 01 for 65537).
-Bytes exponentBytes(uint32_t exponent) {
-    Bytes out;
-    for (; exponent != 0; exponent >>= 8)
-        out.insert(out.begin(), static_cast<unsigned char>(exponent & 0xFF));
-    return out;
 }
 
 // Gives an imported secret key to a key object; false when it does not fit.
@@ -139,7 +118,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& fron
     size_t stored = std::min(der.size(), sizeof(key->publicKey));
     std::memcpy(key->publicKey, der.data(), stored);
     key->publicKeyLength = static_cast<int32_t>(stored);
-    key->sizeCode = rsaSizeCode(bitlen);
+    key->sizeCode = rsaSizeCodeForBits(bitlen);
     if (key->sizeCode == 0 || der.size() > sizeof(key->publicKey)) {
         freeKeyHandle(key);
         return failWithError(static_cast<DWORD>(NTE_BAD_DATA), "Unsupported RSA key size");
@@ -219,17 +198,18 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
 // (identifier, label and flag as the token filled them in).
 enum class TokenAesResult { Stored, Refused, TooLong, NoMemory };
 
-TokenAesResult storeAesKeyOnToken(const CspContext* context, const unsigned char* bytes, int length,
-                                  int32_t type, ALG_ID aiKeyAlg, HCRYPTKEY* phKey) {
+TokenAesResult importAesKeyToToken(const CspContext* context, const unsigned char* bytes, int length,
+                                   int32_t type, ALG_ID aiKeyAlg, HCRYPTKEY* phKey) {
     CalythSymmetricKey record{};
-    if (length < 0 || length > static_cast<int>(sizeof(record.keyBytes)))
-        return TokenAesResult::TooLong;
-    std::memcpy(record.keyBytes, bytes, length);
-    record.keyLength = length;
-    record.type = type;
-    std::string pin = getValidatedPin(context->serialNumber);
-    if (calyth_importAesKey(context->serialNumber.c_str(), pin.c_str(), &record, context->deviceContext) != 0)
-        return TokenAesResult::Refused;
+    switch (storeAesKeyOnToken(context->serialNumber, getValidatedPin(context->serialNumber), bytes, length,
+                               type, context->deviceContext, &record)) {
+        case AesStoreResult::TooLong:
+            return TokenAesResult::TooLong;
+        case AesStoreResult::Refused:
+            return TokenAesResult::Refused;
+        case AesStoreResult::Stored:
+            break;
+    }
 
     KEY_HANDLE* key = allocateKeyHandle();
     if (key == nullptr)
@@ -262,7 +242,7 @@ BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int d
     if (dataLength > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
         return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
 
-    switch (storeAesKeyOnToken(context, pbData + kBlobBodyOffset, dataLength, type, front.aiKeyAlg, phKey)) {
+    switch (importAesKeyToToken(context, pbData + kBlobBodyOffset, dataLength, type, front.aiKeyAlg, phKey)) {
         case TokenAesResult::Stored:
             logDebug("PLAINTEXTKEYBLOB imported successfully (AES)");
             return TRUE;
@@ -283,32 +263,19 @@ BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, i
     // bytes out of it.
     const BYTE* wrapped = pbData + kBlobHeaderSize;
 
-    std::vector<CalythSymmetricKey> keys =
-        calyth_getAesKeyList(context->serialNumber.c_str(), context->deviceContext);
     DeviceOutput plain;
-    const CalythSymmetricKey* unwrapper = nullptr;
-    for (const CalythSymmetricKey& candidate : keys) {
-        if (candidate.type != CALYTH_SYMMETRIC_AES_128 && candidate.type != CALYTH_SYMMETRIC_AES_256)
-            continue;
-        plain.release();
-        int result = calyth_decrypt_aes(context->serialNumber.c_str(), candidate.keyId, KEY_ID_LENGTH,
-                                        wrapped, dataLength, &plain.bytes, &plain.length,
-                                        candidate.tokenFlag != 0, nullptr, 0, context->deviceContext);
-        if (result == 0) {
-            unwrapper = &candidate;
-            break;
-        }
-    }
-    if (unwrapper == nullptr)
+    CalythSymmetricKey unwrapper{};
+    if (!unwrapWithTokenKek(context->serialNumber, context->deviceContext, wrapped, dataLength,
+                            KekNaming::Identifier, &unwrapper, &plain))
         return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
                              "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
     Utils utils;
-    logDebug("Successfully unwrapped key with KEK: " + utils.bytesToHex(unwrapper->keyId, KEY_ID_LENGTH));
+    logDebug("Successfully unwrapped key with KEK: " + utils.bytesToHex(unwrapper.keyId, KEY_ID_LENGTH));
 
     if (plain.length > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
         return keyTooLong("SYMMETRICWRAPKEYBLOB", plain.length);
     int32_t type = front.aiKeyAlg == CALG_AES_128 ? CALYTH_SYMMETRIC_AES_128 : CALYTH_SYMMETRIC_AES_256;
-    switch (storeAesKeyOnToken(context, plain.bytes, plain.length, type, front.aiKeyAlg, phKey)) {
+    switch (importAesKeyToToken(context, plain.bytes, plain.length, type, front.aiKeyAlg, phKey)) {
         case TokenAesResult::Stored:
             logDebug("SYMMETRICWRAPKEYBLOB imported successfully");
             return TRUE;
