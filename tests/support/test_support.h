@@ -25,6 +25,10 @@ std::string readLog();
 std::vector<std::string> logMessages();
 // Messages of the lines written at `level` ("DEBUG", "ERROR"), in order.
 std::vector<std::string> logMessagesAt(const std::string& level);
+// Makes the log facility's folders for this process (it loses the lines written while it makes
+// them, one folder per line), so that the next line is written. Tests that read the log call it first;
+// only programs linked with the provider's log facility can (tests/support/log_folders.cpp).
+void makeLogFolders();
 // Empties today's log file.
 void clearLog();
 // True when some line of the log holds `text`.

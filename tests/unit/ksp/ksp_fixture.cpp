@@ -1,6 +1,5 @@
 #include "ksp_fixture.h"
 
-
 #include "ksp/ksp_common.h"
 #include "support/test_support.h"
 #include "token/process_state.h"
@@ -36,6 +35,7 @@ void KspTest::SetUp() {
         "SN1", fake::makeKeyPair(kRsaExchangeId, CALYTH_USAGE_EXCHANGE, CALYTH_KEY_RSA_2048, "rsa-exchange"));
     fake::addKeyPair("SN1",
                      fake::makeKeyPair(kEcSignId, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_EC_P256, "ec-sign"));
+    testsupport::makeLogFolders();
     testsupport::clearLog();
 }
 
