@@ -27,14 +27,6 @@ std::string testName() {
     return name;
 }
 
-Bytes positiveInteger(Bytes value) {
-    while (value.size() > 1 && value[0] == 0 && value[1] < 0x80)
-        value.erase(value.begin());
-    if (!value.empty() && value[0] >= 0x80)
-        value.insert(value.begin(), 0);
-    return value;
-}
-
 }  // namespace
 
 void StoreTest::SetUp() {
@@ -114,14 +106,6 @@ Bytes digest(int hashCode, const Bytes& data) {
     EXPECT_EQ(calyth_finalHash(handle, out.data(), &length, nullptr), 0);
     out.resize(static_cast<size_t>(length));
     return out;
-}
-
-Bytes ecdsaSignatureToDer(const Bytes& rs) {
-    size_t half = rs.size() / 2;
-    Bytes r = encodeDerTlv(0x02, positiveInteger(Bytes(rs.begin(), rs.begin() + static_cast<long>(half))));
-    Bytes s = encodeDerTlv(0x02, positiveInteger(Bytes(rs.begin() + static_cast<long>(half), rs.end())));
-    r.insert(r.end(), s.begin(), s.end());
-    return encodeDerTlv(0x30, r);
 }
 
 std::string u(const std::string& windowsPath) {

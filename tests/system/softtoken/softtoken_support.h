@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ecdsa_signature.h"
 #include "token/device_library.h"
 #include "util/encoding.h"
 
@@ -45,7 +46,7 @@ Bytes readBytes(const std::string& path);
 // Digest through the library's hash functions (codes 2-5), without a token.
 Bytes digest(int hashCode, const Bytes& data);
 // r||s as a DER ECDSA-Sig-Value, the form OpenSSL verifies.
-Bytes ecdsaSignatureToDer(const Bytes& rs);
+using testsupport::ecdsaSignatureToDer;
 // The unix path of a scratch file, for openssl arguments.
 std::string u(const std::string& windowsPath);
 
