@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "log/log.h"
 
 namespace proptest {
 
@@ -58,10 +57,6 @@ DWORD dwordAt(const BYTE* bytes) {
 }
 
 void PropertiesTest::SetUp() {
-    // The log makes its folders over its first calls and writes from the third call on.
-    static const bool logReady =
-        (logDebug("log warm-up"), logDebug("log warm-up"), logDebug("log warm-up"), true);
-    (void)logReady;
     KspTest::SetUp();
     makeProvider();
 }
