@@ -1,7 +1,9 @@
-// calyth-sign: signs a file through CryptoAPI with the token's key.
+// calyth-sign: signs a file through CryptoAPI, or with --cng through the key storage provider, with
+// the token's key.
 //
 //   calyth-sign --container KEYID --in FILE --out FILE [--pin PIN] [--hash sha256] [--cms [--attached]]
 //               [--provider NAME]
+//   calyth-sign --cng --container KEYID --in FILE --out FILE [--pin PIN] [--hash sha256] [--dll PATH]
 //
 // Without --cms it writes the bare PKCS #1 v1.5 signature, big-endian, as
 // `openssl dgst -sha256 -verify pub.pem -signature OUT FILE` reads it. With --cms it writes a DER
@@ -15,6 +17,7 @@
 #include <map>
 #include <string>
 
+#include "cng_signer.h"
 #include "signer.h"
 
 using namespace calythsign;
@@ -25,10 +28,14 @@ const char* kUsage =
     "usage: calyth-sign --container KEYID --in FILE --out FILE [--pin PIN] [--hash "
     "sha1|sha256|sha384|sha512]\n"
     "                   [--cms [--attached]] [--provider NAME]\n"
+    "       calyth-sign --cng --container KEYID --in FILE --out FILE [--pin PIN] [--hash ...] [--dll PATH]\n"
     "  Signs FILE through CryptoAPI with the key KEYID (its 32-character id) of the registered\n"
     "  provider (default \"Calyth Cryptographic Provider CSP\"). Without --pin the provider asks\n"
     "  for the PIN itself. Writes the big-endian PKCS #1 signature, or with --cms a DER CMS\n"
-    "  SignedData (detached unless --attached) carrying the key's certificate from the token.\n";
+    "  SignedData (detached unless --attached) carrying the key's certificate from the token.\n"
+    "  With --cng it loads the provider DLL (default CalythCSP.dll beside this program), takes its\n"
+    "  key storage function table and signs a digest computed by BCrypt with the key named KEYID\n"
+    "  (PKCS #1 v1.5, the PIN handed over as \"SmartCardPin\"); the signature is written big-endian.\n";
 
 bool readFile(const std::string& path, Bytes* bytes) {
     std::ifstream in(path, std::ios::binary);
@@ -55,6 +62,7 @@ int main(int argc, char** argv) {
     std::map<std::string, std::string> values;
     bool cms = false;
     bool attached = false;
+    bool cng = false;
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
         if (word == "--help" || word == "-h") {
@@ -64,8 +72,10 @@ int main(int argc, char** argv) {
             cms = true;
         } else if (word == "--attached") {
             attached = true;
+        } else if (word == "--cng") {
+            cng = true;
         } else if (word == "--container" || word == "--in" || word == "--out" || word == "--pin" ||
-                   word == "--hash" || word == "--provider") {
+                   word == "--hash" || word == "--provider" || word == "--dll") {
             if (i + 1 >= argc)
                 return usageError("missing value of " + word);
             values[word] = argv[++i];
@@ -78,6 +88,10 @@ int main(int argc, char** argv) {
             return usageError(std::string("missing ") + required);
     if (attached && !cms)
         return usageError("--attached needs --cms");
+    if (cng && (cms || values.count("--provider")))
+        return usageError("--cng signs a bare PKCS #1 signature: no --cms, no --provider");
+    if (!cng && values.count("--dll"))
+        return usageError("--dll needs --cng");
 
     SignRequest request;
     request.provider =
@@ -97,8 +111,18 @@ int main(int argc, char** argv) {
     }
     Bytes output;
     SignError failure;
-    bool ok = cms ? signMessage(request, document, &output, &failure)
-                  : signHash(request, document, &output, &failure);
+    bool ok;
+    if (cng) {
+        CngSignRequest cngRequest;
+        cngRequest.dll = values.count("--dll") ? values["--dll"] : providerDllBesideProgram();
+        cngRequest.keyId = request.container;
+        cngRequest.pin = request.pin;
+        cngRequest.hash = hashName;
+        ok = signHashCng(cngRequest, document, &output, &failure);
+    } else {
+        ok = cms ? signMessage(request, document, &output, &failure)
+                 : signHash(request, document, &output, &failure);
+    }
     if (!ok) {
         std::fprintf(stderr, "calyth-sign: %s failed: 0x%08lX\n", failure.step.c_str(),
                      static_cast<unsigned long>(failure.error));
@@ -108,7 +132,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "calyth-sign: cannot write '%s'\n", values["--out"].c_str());
         return 1;
     }
-    std::printf("%s: %u bytes (%s, %s) written to %s\n", cms ? "CMS signature" : "signature",
+    std::printf("%s: %u bytes (%s, %s) written to %s\n",
+                cms   ? "CMS signature"
+                : cng ? "CNG signature"
+                      : "signature",
                 static_cast<unsigned>(output.size()), hashName.c_str(), request.container.c_str(),
                 values["--out"].c_str());
     return 0;
