@@ -175,3 +175,27 @@ TEST_F(Verification, AcceptsPssAndEcdsaSignaturesOpenSslMade) {
     freeKey(rsa);
     freeKey(ec);
 }
+
+TEST_F(Signing, CalythSignWithCngWritesASignatureOpenSslVerifies) {
+    std::string id = tokenKey("rsa2048", "sign");
+    std::string document = clienttest::writeTemp("document.txt", kMessage);
+    std::string signature = clienttest::tempPath("document.cng.sig");
+    std::string output;
+    ASSERT_EQ(
+        testsupport::runCommand("\"" + clienttest::programFolder() + "calyth-sign.exe\" --cng --container " +
+                                    id + " --pin " + kPin + " --hash sha256 --in \"" + document +
+                                    "\" --out \"" + signature + "\"",
+                                &output),
+        0)
+        << output;
+    EXPECT_TRUE(
+        opensslVerifies(publicKeyOf(id), "sha256", kMessage, clienttest::readTemp("document.cng.sig")));
+
+    EXPECT_EQ(
+        testsupport::runCommand("\"" + clienttest::programFolder() + "calyth-sign.exe\" --cng --container " +
+                                    id + " --pin 0000 --in \"" + document + "\" --out \"" + signature + "\"",
+                                &output),
+        1)
+        << output;
+    EXPECT_NE(output.find("SmartCardPin"), std::string::npos) << output;
+}
