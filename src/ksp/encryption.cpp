@@ -28,10 +28,6 @@ constexpr DWORD kPadOaep = 0x4;  // NCRYPT_PAD_OAEP_FLAG
 // may be longer than the key object's length claims: it always gets at least a 4096-bit modulus.
 constexpr size_t kRsaOutputRoom = 512;
 
-int deviceLength(DWORD count) {
-    return static_cast<int>(std::min<DWORD>(count, INT_MAX));
-}
-
 // The AES material never counts past the key object's field.
 int symmetricLength(const KspKey* key) {
     return static_cast<int>(std::min<size_t>(key->symmetricKeyLength, sizeof key->symmetricKey));

@@ -22,11 +22,6 @@
 
 namespace {
 
-// The device library takes int lengths; a blob beyond that is passed on cut short, never longer.
-int deviceLength(DWORD cbData) {
-    return static_cast<int>(std::min<DWORD>(cbData, INT_MAX));
-}
-
 // The token type of a 16, 24 or 32-byte AES key; 0 for any other length.
 int32_t aesTypeForLength(int64_t length) {
     switch (length) {

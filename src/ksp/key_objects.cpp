@@ -18,6 +18,7 @@
 #include "token/device_library.h"
 #include "token/key_lookup.h"
 #include "util/encoding.h"
+#include "util/rsa_key_fields.h"
 
 namespace {
 
@@ -161,21 +162,6 @@ SECURITY_STATUS createPersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
     return KSP_SUCCESS;
 }
 
-int32_t rsaSizeCode(uint32_t bits) {
-    switch (bits) {
-        case 1024:
-            return CALYTH_KEY_RSA_1024;
-        case 2048:
-            return CALYTH_KEY_RSA_2048;
-        case 3072:
-            return CALYTH_KEY_RSA_3072;
-        case 4096:
-            return CALYTH_KEY_RSA_4096;
-        default:
-            return 0;
-    }
-}
-
 // The size code and length the key is generated with. An RSA length the token does not offer is
 // generated as RSA-2048 while the key keeps the length it was given (only 0 becomes 2048).
 struct Settled {
@@ -191,7 +177,7 @@ SECURITY_STATUS settleAlgorithm(const KspKey* key, Settled* settled) {
     if (key->algorithm != 0)
         return kspFail(KSP_NTE_NOT_SUPPORTED,
                        "KSPFinalizeKey: unsupported ECC algorithm=" + std::to_string(key->algorithm));
-    int32_t code = rsaSizeCode(key->bits);
+    int32_t code = rsaSizeCodeForBits(key->bits);
     if (code != 0)
         *settled = {code, key->bits};
     else

@@ -7,6 +7,7 @@
 
 #include <ncrypt.h>
 
+#include <climits>
 #include <string>
 
 #include "ksp/ksp_interface.h"
@@ -42,6 +43,12 @@ wchar_t* mallocWideCopy(const std::wstring& text);
 bool sameWide(LPCWSTR text, const wchar_t* name);
 
 bool isEcAlgorithm(int32_t algorithm);
+
+// A caller's byte count as the device library's int length: a count beyond INT_MAX is cut, which
+// only ever makes the device read less.
+inline int deviceLength(DWORD count) {
+    return static_cast<int>(count > static_cast<DWORD>(INT_MAX) ? INT_MAX : count);
+}
 
 // Copies what the token stores for a key pair into a key object: identifier (length 16), public
 // key, link identifier, label and token flag; the reserved word becomes 0. Lengths are bounded by

@@ -20,11 +20,6 @@ constexpr DWORD kPadPkcs1 = 0x2;  // BCRYPT_PAD_PKCS1
 constexpr DWORD kPadPss = 0x8;    // BCRYPT_PAD_PSS
 constexpr const char* kPssMinimumFirmware = "2.0.0";
 
-// Lengths handed to the device are ints; a caller's larger count is cut, which only reads less.
-int deviceLength(DWORD count) {
-    return static_cast<int>(std::min<DWORD>(count, INT_MAX));
-}
-
 // EC signatures are r||s, each the byte length of the curve; RSA signatures one modulus.
 DWORD signatureSize(const KspKey* key) {
     if (isEcAlgorithm(key->algorithm))

@@ -1,7 +1,5 @@
 #include "objects_test_support.h"
 
-#include "log/log.h"
-
 namespace objtest {
 
 std::vector<fake::Call> myCallsTo(const std::string& function) {
@@ -18,12 +16,6 @@ std::vector<std::string> myCallNames() {
     for (const fake::Call& call : fake::callsFromThisThread())
         out.push_back(call.function);
     return out;
-}
-
-void ObjectsTest::SetUp() {
-    for (int i = 0; i < 4; ++i)
-        logDebug("test set-up");
-    KspTest::SetUp();
 }
 
 NCRYPT_KEY_HANDLE ObjectsTest::createKey(const wchar_t* algorithm, const wchar_t* name, DWORD legacyKeySpec) {

@@ -23,9 +23,6 @@ std::vector<std::string> myCallNames();
 
 class ObjectsTest : public ksptest::KspTest {
 protected:
-    // The log's folders are made one level per write, so a fresh temporary folder loses the first
-    // lines: a few writes before the fixture empties the log make every test's lines count.
-    void SetUp() override;
     // KSPCreatePersistedKey on provider_; the key is freed at tear-down. Fails the test on an error.
     NCRYPT_KEY_HANDLE createKey(const wchar_t* algorithm, const wchar_t* name = L"", DWORD legacyKeySpec = 0);
     KspKey* keyOf(NCRYPT_KEY_HANDLE handle) { return kspKeyFrom(handle); }
