@@ -12,9 +12,9 @@
 #include "ksp/key_certificate.h"
 #include "ksp/ksp_common.h"
 #include "ksp/pin_property.h"
+#include "token/key_lookup.h"
 #include "token/process_state.h"
 #include "util/encoding.h"
-#include "util/utils.h"
 
 namespace {
 
@@ -34,8 +34,7 @@ SECURITY_STATUS writeWide(const std::wstring& text, PBYTE pbOutput, DWORD cbOutp
 }
 
 std::wstring keyIdText(const KspKey* key) {
-    Utils utils;
-    return wideText(utils.bytesToHex(key->keyId, KSP_KEY_ID_LENGTH));
+    return wideText(keyIdHex(key->keyId));
 }
 
 const wchar_t* algorithmGroup(const KspKey* key) {

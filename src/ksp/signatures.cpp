@@ -10,9 +10,9 @@
 
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
+#include "token/key_lookup.h"
 #include "token/sso_retry.h"
 #include "util/encoding.h"
-#include "util/utils.h"
 
 namespace {
 
@@ -77,8 +77,7 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
         if (firmware != KSP_SUCCESS)
             return firmware;
     }
-    Utils utils;
-    logDebug("KSP: SignHash - credential: " + utils.bytesToHex(key->keyId, KSP_KEY_ID_LENGTH));
+    logDebug("KSP: SignHash - credential: " + keyIdHex(key->keyId));
     logDebug("KSP: SignHash - hash length: " + std::to_string(cbHashValue));
 
     // The device writes into the caller's buffer with cbSignature as its room and reports the length.
