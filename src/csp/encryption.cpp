@@ -20,6 +20,7 @@
 #include "token/device_library.h"
 #include "token/login.h"
 #include "token/process_state.h"
+#include "token/rsa_encryption_type.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
@@ -51,23 +52,6 @@ bool symmetricEncryptionType(int keyLength, EncryptionType* type) {
             return true;
         default:
             return false;
-    }
-}
-
-// The type follows the stored public key's length in bytes, so real keys (256 to 550 bytes) all
-// get RSA-2048; the device library decides from the DER key itself.
-EncryptionType rsaEncryptionType(int32_t publicKeyLength) {
-    switch (publicKeyLength) {
-        case 1024:
-            return ENCRYPTION_RSA_1024;
-        case 2048:
-            return ENCRYPTION_RSA_2048;
-        case 3072:
-            return ENCRYPTION_RSA_3072;
-        case 4096:
-            return ENCRYPTION_RSA_4096;
-        default:
-            return ENCRYPTION_RSA_2048;
     }
 }
 
@@ -107,7 +91,9 @@ BOOL encryptRsa(const CspContext* context, const KEY_HANDLE* key, DWORD dwFlags,
         logDebug("CSP: Public key is raw modulus, converting to DER");
     Bytes der = derPublicKeyFromStored(key->publicKey, key->publicKeyLength);
     PaddingMode padding = (dwFlags & CRYPT_OAEP) ? PADDING_OAEP : PADDING_PKCS1;
-    EncryptionType type = rsaEncryptionType(key->publicKeyLength);
+    // The type follows the stored public key's length in bytes, so real keys (256 to 550 bytes) all
+    // get RSA-2048; the device library decides from the DER key itself.
+    EncryptionType type = rsaEncryptionTypeForSize(key->publicKeyLength);
 
     std::vector<unsigned char> output(std::max<DWORD>(requiredSize, 1));
     int outputLength = 0;

@@ -17,6 +17,7 @@
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
 #include "token/process_state.h"
+#include "token/rsa_encryption_type.h"
 #include "token/sso_retry.h"
 #include "util/encoding.h"
 #include "util/utils.h"
@@ -54,19 +55,6 @@ IvArgument ivFor(const KspKey* key) {
     if (isEcb(key) || g_ivBuffer.empty())
         return {};
     return {g_ivBuffer.data(), static_cast<int>(g_ivBuffer.size())};
-}
-
-EncryptionType rsaEncryptionType(uint32_t bits) {
-    switch (bits) {
-        case 1024:
-            return ENCRYPTION_RSA_1024;
-        case 3072:
-            return ENCRYPTION_RSA_3072;
-        case 4096:
-            return ENCRYPTION_RSA_4096;
-        default:
-            return ENCRYPTION_RSA_2048;
-    }
 }
 
 // The length of a library-allocated output, never negative and zero when no block came back.
@@ -123,7 +111,7 @@ SECURITY_STATUS encryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
     // Never the caller's buffer: the device writes a whole modulus into a block of our own.
     std::vector<unsigned char> ciphertext(std::max<size_t>(required, kRsaOutputRoom));
     int ciphertextLength = 0;
-    int result = calyth_encrypt(rsaEncryptionType(key->bits), padding, pbInput, deviceLength(cbInput),
+    int result = calyth_encrypt(rsaEncryptionTypeForSize(key->bits), padding, pbInput, deviceLength(cbInput),
                                 ciphertext.data(), &ciphertextLength, publicKey.data(),
                                 static_cast<int>(publicKey.size()), provider->deviceContext);
     if (result != CALYTH_OK)
