@@ -10,6 +10,7 @@
 
 #include "log/log.h"
 #include "register/bcrypt_registration.h"
+#include "util/entry_guard.h"
 
 namespace {
 
@@ -111,21 +112,19 @@ HRESULT unregisterServer() {
 }
 
 // No exception may reach the registration tool.
-template <typename Body>
-HRESULT guarded(Body body) {
-    try {
-        return body();
-    } catch (...) {
+HRESULT guarded(const char* name, HRESULT (*body)()) {
+    return guardEntryPoint<HRESULT>(name, body, [](bool, const std::string& message) {
+        logError(message);
         return E_FAIL;
-    }
+    });
 }
 
 }  // namespace
 
 extern "C" HRESULT WINAPI DllRegisterServer() {
-    return guarded(registerServer);
+    return guarded("DllRegisterServer", registerServer);
 }
 
 extern "C" HRESULT WINAPI DllUnregisterServer() {
-    return guarded(unregisterServer);
+    return guarded("DllUnregisterServer", unregisterServer);
 }
