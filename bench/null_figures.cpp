@@ -1,0 +1,96 @@
+// Figures measured beside the zero-cost device library (bench-null/CalythDSCLibrary.dll): whatever
+// time a call takes there is the provider's own.
+#include <cstdio>
+
+#include "clients.h"
+#include "figures.h"
+#include "measure.h"
+#include "reference.h"
+#include "token/device_library.h"
+
+namespace bench {
+namespace {
+
+// The zero-cost library's RSA-2048 key, named as the provider names containers and CNG keys.
+std::string nullRsaKeyName() {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string name;
+    for (int i = 0; i < 16; ++i) {
+        name += digits[(0xA0 + i) >> 4];
+        name += digits[(0xA0 + i) & 15];
+    }
+    return name;
+}
+
+bool cspCycle(const std::string& container) {
+    HCRYPTPROV provider = acquireContext(container, kPin);
+    bool ok = provider && signDocument(provider, sampleDocument());
+    if (provider)
+        CryptReleaseContext(provider, 0);
+    return ok;
+}
+
+bool kspCycle(const std::string& name) {
+    KspKey key;
+    bool ok = openKspKey(name, kPin, key) && kspSign(key, sampleDigest(), false);
+    closeKspKey(key);
+    return ok;
+}
+
+// Working-set growth between the first `first` cycles and all `all` of them.
+template <typename Cycle>
+Summary growth(int first, int all, Cycle cycle) {
+    for (int i = 0; i < first; ++i)
+        if (!cycle())
+            return Summary();
+    double base = workingSetBytes();
+    for (int i = first; i < all; ++i)
+        if (!cycle())
+            return Summary();
+    return summarize({workingSetBytes() - base});
+}
+
+}  // namespace
+
+int nullDeviceFigures(const Scale& scale) {
+    if (!registerProviderBesideProgram()) {
+        std::fprintf(stderr, "cannot register the provider\n");
+        return 1;
+    }
+    KeyPtr reference = freshKey(CALYTH_KEY_RSA_2048);
+    std::string name = nullRsaKeyName();
+    HCRYPTPROV provider = acquireContext(name, kPin);
+    KspKey key;
+    if (!reference || !provider || !openKspKey(name, kPin, key)) {
+        std::fprintf(stderr, "cannot open the zero-cost token through the provider\n");
+        return 1;
+    }
+    std::vector<double> cspShare, kspShare;
+    for (int round = 0; round < scale.rounds; ++round) {
+        double csp =
+            perCall(scale.freeOperations, [&](int) { return signDocument(provider, sampleDocument()); });
+        double ksp = perCall(scale.freeOperations, [&](int) { return kspSign(key, sampleDigest(), false); });
+        double signature =
+            perCall(scale.signatures, [&](int) { return referenceSign(*reference, sampleDigest()); });
+        cspShare.push_back(csp < 0 ? -1 : csp / signature);
+        kspShare.push_back(ksp < 0 ? -1 : ksp / signature);
+    }
+    CryptReleaseContext(provider, 0);
+    closeKspKey(key);
+    Summary csp = summarize(cspShare), ksp = summarize(kspShare);
+    printRow("1 overhead per CryptSignHash / RSA-2048 signature", csp, Unit::Percent, "<= 2 %",
+             csp.median <= 0.02);
+    printRow("1 overhead per KSP SignHash / RSA-2048 signature", ksp, Unit::Percent, "<= 2 %",
+             ksp.median <= 0.02);
+
+    std::string cycles = std::to_string(scale.firstCycles) + " -> " + std::to_string(scale.allCycles);
+    Summary cspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return cspCycle(name); });
+    printRow("6 working set, CryptoAPI cycles " + cycles, cspGrowth, Unit::Kilobytes, "<= 1024 KB",
+             cspGrowth.median <= 1024 * 1024);
+    Summary kspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return kspCycle(name); });
+    printRow("6 working set, KSP cycles " + cycles, kspGrowth, Unit::Kilobytes, "<= 1024 KB",
+             kspGrowth.median <= 1024 * 1024);
+    return 0;
+}
+
+}  // namespace bench

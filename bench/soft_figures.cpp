@@ -1,0 +1,153 @@
+// Figures measured on the soft token: end to end against libgcrypt (2) and acquisition against
+// one soft-token signature (3).
+#include <cstdio>
+#include <map>
+
+#include "bench_stores.h"
+#include "clients.h"
+#include "figures.h"
+#include "measure.h"
+#include "reference.h"
+#include "token/device_library.h"
+
+namespace bench {
+namespace {
+
+using SignHashFn = decltype(&calyth_signHash);
+
+// calyth_signHash of the device library the provider loaded: one soft-token signature, the
+// provider left out.
+SignHashFn deviceSignHash() {
+    HMODULE library = GetModuleHandleA("CalythDSCLibrary.dll");
+    return library ? reinterpret_cast<SignHashFn>(
+                         reinterpret_cast<void*>(GetProcAddress(library, "calyth_signHash")))
+                   : nullptr;
+}
+
+bool tokenSign(SignHashFn signHash, const std::string& serial, const softtoken::KeyRecord& key) {
+    unsigned char signature[512];
+    int length = sizeof signature;
+    return signHash(serial.c_str(), key.id.data(), kPin, sampleDigest().data(), 32, signature, &length, true,
+                    nullptr, false) == 0;
+}
+
+int endToEnd(const std::string& root, const Scale& scale) {
+    useStore(root, "k20");
+    std::vector<std::string> serials = storeSerials();
+    softtoken::KeyRecord rsa, ec;
+    if (serials.empty() || !benchKey(serials[0], 0, rsa) || !benchKey(serials[0], 1, ec))
+        return 1;
+    KeyPtr rsaKey = parsedKey(rsa), ecKey = parsedKey(ec);
+    HCRYPTPROV provider = acquireContext(keyIdText(rsa), kPin);
+    KspKey kspRsa, kspEc;
+    if (!rsaKey || !ecKey || !provider || !openKspKey(keyIdText(rsa), kPin, kspRsa) ||
+        !openKspKey(keyIdText(ec), kPin, kspEc)) {
+        std::fprintf(stderr, "cannot sign through the provider on the soft token\n");
+        return 1;
+    }
+    std::vector<double> cspRsa, kspRsaRounds, kspEcRounds;
+    int n = scale.signatures;
+    for (int round = 0; round < scale.rounds; ++round) {
+        double csp = perCall(n, [&](int) { return signDocument(provider, sampleDocument()); });
+        double rsaFloor = perCall(n, [&](int) { return referenceSign(*rsaKey, sampleDigest()); });
+        double ksp = perCall(n, [&](int) { return kspSign(kspRsa, sampleDigest(), false); });
+        double kspEcTime = perCall(n * 4, [&](int) { return kspSign(kspEc, sampleDigest(), true); });
+        double ecFloor = perCall(n * 4, [&](int) { return referenceSign(*ecKey, sampleDigest()); });
+        cspRsa.push_back(csp < 0 ? -1 : csp / rsaFloor);
+        kspRsaRounds.push_back(ksp < 0 ? -1 : ksp / rsaFloor);
+        kspEcRounds.push_back(kspEcTime < 0 ? -1 : kspEcTime / ecFloor);
+    }
+    CryptReleaseContext(provider, 0);
+    closeKspKey(kspRsa);
+    closeKspKey(kspEc);
+    Summary a = summarize(cspRsa), b = summarize(kspEcRounds), c = summarize(kspRsaRounds);
+    printRow("2 CryptSignHash RSA-2048 / libgcrypt (20 keys)", a, Unit::Times, "<= 1.2x", a.median <= 1.2);
+    printRow("2 KSP SignHash P-256 / libgcrypt (20 keys)", b, Unit::Times, "<= 1.2x", b.median <= 1.2);
+    printRow("2 KSP SignHash RSA-2048 / libgcrypt (20 keys)", c, Unit::Times, "", true);
+    return 0;
+}
+
+struct AcquireRounds {
+    std::vector<double> csp, ksp;
+};
+
+bool acquireOnce(const std::string& container) {
+    HCRYPTPROV provider = acquireContext(container, nullptr);
+    return provider && CryptReleaseContext(provider, 0);
+}
+
+bool openOnce(const std::string& name) {
+    KspKey key;
+    bool ok = openKspKey(name, nullptr, key);
+    closeKspKey(key);
+    return ok;
+}
+
+int acquisition(const std::string& root, const Scale& scale) {
+    SignHashFn signHash = deviceSignHash();
+    if (!signHash)
+        return 1;
+    std::map<std::string, AcquireRounds> rounds;
+    std::vector<double> growthCsp, growthKsp;
+    for (int round = 0; round < scale.rounds; ++round) {
+        for (const StoreLayout& layout : storeLayouts()) {
+            useStore(root, layout.name);
+            std::vector<std::string> serials = storeSerials();
+            softtoken::KeyRecord key;
+            // The last token: with several tokens the provider has to look through them all.
+            if (serials.empty() || !benchKey(serials.back(), 0, key))
+                return 1;
+            std::string name = keyIdText(key);
+            acquireOnce(name);
+            openOnce(name);
+            double csp = perCall(scale.acquisitions, [&](int) { return acquireOnce(name); });
+            double ksp = perCall(scale.acquisitions, [&](int) { return openOnce(name); });
+            double signature =
+                perCall(scale.signatures, [&](int) { return tokenSign(signHash, serials.back(), key); });
+            rounds[layout.name].csp.push_back(csp < 0 || signature < 0 ? -1 : csp / signature);
+            rounds[layout.name].ksp.push_back(ksp < 0 || signature < 0 ? -1 : ksp / signature);
+        }
+        growthCsp.push_back(rounds["k200"].csp.back() / rounds["k20"].csp.back());
+        growthKsp.push_back(rounds["k200"].ksp.back() / rounds["k20"].ksp.back());
+    }
+    for (const StoreLayout& layout : storeLayouts()) {
+        std::string what = std::to_string(layout.tokens) + (layout.tokens == 1 ? " token, " : " tokens, ") +
+                           std::to_string(layout.keysPerToken) + " keys";
+        bool goal = std::string(layout.name) == "k20";
+        Summary csp = summarize(rounds[layout.name].csp), ksp = summarize(rounds[layout.name].ksp);
+        printRow("3 CryptAcquire+Release / signature, " + what, csp, Unit::Percent, goal ? "<= 10 %" : "",
+                 csp.median <= 0.1);
+        printRow("3 KSP open+openkey+frees / signature, " + what, ksp, Unit::Percent, goal ? "<= 10 %" : "",
+                 ksp.median <= 0.1);
+    }
+    Summary csp = summarize(growthCsp), ksp = summarize(growthKsp);
+    printRow("3 CryptoAPI acquisition, 200 keys / 20 keys", csp, Unit::Times, "<= 10x", csp.median <= 10);
+    printRow("3 KSP acquisition, 200 keys / 20 keys", ksp, Unit::Times, "<= 10x", ksp.median <= 10);
+    return 0;
+}
+
+}  // namespace
+
+Scale scaleFor(bool quick) {
+    if (quick)
+        return Scale{3, 10, 200, 20, 6, 1000, 3000};
+    return Scale{7, 60, 2000, 200, 40, 1000, 100000};
+}
+
+int softTokenFigures(const std::string& root, const Scale& scale) {
+    if (!registerProviderBesideProgram() || !prepareStores(root)) {
+        std::fprintf(stderr, "cannot register the provider or make the token stores under %s\n",
+                     root.c_str());
+        return 1;
+    }
+    std::printf("# log level %d (HKLM\\Software\\Quorvik Labs\\Calyth logLevel), %d rounds\n",
+                providerLogLevel(), scale.rounds);
+    int status = endToEnd(root, scale);
+    if (status == 0)
+        status = acquisition(root, scale);
+    if (status != 0)
+        std::fprintf(stderr, "soft-token figures failed\n");
+    return status;
+}
+
+}  // namespace bench
