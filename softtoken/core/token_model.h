@@ -82,9 +82,17 @@ struct TokenData {
     bool pinLocked() const { return attemptsLeft <= 0; }
 };
 
+constexpr char kTokenFileMagic[] = "calyth-soft-token 1";
+
 std::string serializeToken(const TokenData& token);
 // kOk, or kCorruptToken when the text is not a complete token file.
 int parseToken(const std::string& text, TokenData& token);
+
+// The parts of parseToken that need no cryptography. splitTokenFile: the text before the last
+// "end=" line and what follows "end=" (the checksum with its line feed); false without one.
+// parseTokenBody: the records of a body whose checksum has been checked; kOk or kCorruptToken.
+bool splitTokenFile(const std::string& text, std::string* body, std::string* checksum);
+int parseTokenBody(const std::string& body, TokenData& token);
 
 // Serials become file names: letters, digits, '-', '_' and '.', 1 to 64 characters, not starting with '.'.
 bool isValidSerial(const std::string& serial);

@@ -23,35 +23,15 @@
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/token_table.h"
+#include "util/capi_blobs.h"
 #include "util/encoding.h"
 #include "util/rsa_key_fields.h"
 #include "util/utils.h"
 
 namespace {
 
-constexpr DWORD kBlobHeaderSize = 8;              // BLOBHEADER
-constexpr DWORD kBlobBodyOffset = 12;             // where the data length of every blob type starts counting
-constexpr DWORD kRsaModulusOffset = 20;           // BLOBHEADER + RSAPUBKEY
-constexpr uint32_t kRsaPublicMagic = 0x31415352;  // "RSA1"
-
-// The fixed fields at the front of a blob, read from a zero-padded copy so that a blob shorter than
-// its headers never reads past the caller's buffer.
-struct BlobFront {
-    BYTE bType;
-    BYTE bVersion;
-    WORD reserved;
-    ALG_ID aiKeyAlg;
-    uint32_t field8;   // RSAPUBKEY magic, or the SIMPLEBLOB encrypting algorithm
-    uint32_t field12;  // RSAPUBKEY bitlen
-    uint32_t field16;  // RSAPUBKEY pubexp
-};
-static_assert(sizeof(BlobFront) == 20);
-
-BlobFront readBlobFront(const BYTE* pbData, DWORD cbData) {
-    BlobFront front{};
-    std::memcpy(&front, pbData, std::min<DWORD>(cbData, sizeof(front)));
-    return front;
-}
+static_assert(sizeof(BLOBHEADER) == kCapiBlobHeaderSize);
+static_assert(sizeof(BLOBHEADER) + sizeof(RSAPUBKEY) == kCapiRsaPublicHeaderSize);
 
 HCRYPTKEY handleOf(KEY_HANDLE* key) {
     return reinterpret_cast<HCRYPTKEY>(key);
@@ -73,35 +53,31 @@ BOOL keyTooLong(const char* blobName, int length) {
         std::string("CPImportKey ") + blobName + ": key material too long, length=" + std::to_string(length));
 }
 
-BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& front, HCRYPTKEY* phKey) {
-    uint32_t magic = front.field8;
-    uint32_t bitlen = front.field12;
-    uint32_t pubexp = front.field16;
-    if (magic != kRsaPublicMagic) {
-        char actual[16];
-        std::snprintf(actual, sizeof actual, "%x", magic);
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                             std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);
+BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& front, HCRYPTKEY* phKey) {
+    CapiRsaPublicKey parsed;
+    switch (parseCapiRsaPublicKey(pbData, cbData, &parsed)) {
+        case CapiPublicKeyResult::BadMagic: {
+            char actual[16];
+            std::snprintf(actual, sizeof actual, "%x", parsed.magic);
+            return failWithError(
+                static_cast<DWORD>(NTE_BAD_DATA),
+                std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);
+        }
+        case CapiPublicKeyResult::TooShort:
+            return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
+                                 "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" +
+                                     std::to_string(cbData) + " required=" + std::to_string(parsed.required));
+        case CapiPublicKeyResult::NoMemory:
+            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+                                 "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
+        case CapiPublicKeyResult::Ok:
+            break;
     }
-    uint64_t modulusLength = bitlen / 8;
-    uint64_t required = modulusLength + kRsaModulusOffset;
-    if (cbData < required)
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                             "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" + std::to_string(cbData) +
-                                 " required=" + std::to_string(required));
-
-    // CryptoAPI keeps the modulus little-endian; DER wants it big-endian.
-    Bytes beModulus;
-    try {
-        beModulus.assign(pbData + kRsaModulusOffset, pbData + kRsaModulusOffset + modulusLength);
-    } catch (const std::bad_alloc&) {
-        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
-                             "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
-    }
-    std::reverse(beModulus.begin(), beModulus.end());
+    uint32_t bitlen = parsed.bitLength;
+    const Bytes& beModulus = parsed.modulus;
 
     Utils utils;
-    Bytes exponent = exponentBytes(pubexp);
+    Bytes exponent = exponentBytes(parsed.exponent);
     std::string exponentHex = utils.bytesToHex(exponent.data(), static_cast<int>(exponent.size()));
     logDebug("Public exponent : " + exponentHex);
     Bytes der = buildRsaSubjectPublicKeyInfo(
@@ -113,7 +89,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const BlobFront& fron
                              "CPImportKey PUBLICKEYBLOB: failed to allocate KEY_HANDLE");
     key->keyIdLength = KEY_ID_LENGTH;
     key->inMemory = 1;
-    key->algId = front.aiKeyAlg;
+    key->algId = front.keyAlgorithm;
     key->bits = bitlen;
     size_t stored = std::min(der.size(), sizeof(key->publicKey));
     std::memcpy(key->publicKey, der.data(), stored);
@@ -138,8 +114,8 @@ int decryptWithToken(const CspContext* context, const KEY_HANDLE* unwrapKey, con
                           unwrapKey->tokenFlag != 0, context->deviceContext);
 }
 
-BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLength, const BlobFront& front,
-                      HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLength,
+                      const CapiBlobFront& front, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
     if (hPubKey == 0)
         return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "SIMPLEBLOB requires public key handle");
     const KEY_HANDLE* unwrapKey = keyHandleFrom(hPubKey);
@@ -147,7 +123,7 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     logDebug("Input key id : " + utils.bytesToHex(unwrapKey->keyId, KEY_ID_LENGTH));
 
     // The blob carries the session key little-endian; the token expects big-endian first.
-    const BYTE* body = pbData + kBlobBodyOffset;
+    const BYTE* body = pbData + kCapiBlobBodyOffset;
     Bytes littleEndian(body, body + dataLength);
     Bytes bigEndian(littleEndian.rbegin(), littleEndian.rend());
     std::string pin = getValidatedPin(context->serialNumber);
@@ -161,7 +137,7 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     }
 
     uint32_t type = 0;
-    switch (front.aiKeyAlg) {
+    switch (front.keyAlgorithm) {
         case CALG_3DES:
             type = CALYTH_SYMMETRIC_3DES;
             break;
@@ -172,8 +148,8 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
             type = CALYTH_SYMMETRIC_AES_256;
             break;
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_ALGID),
-                                 "Unsupported algorithm for SIMPLEBLOB: " + std::to_string(front.aiKeyAlg));
+            return failWithError(static_cast<DWORD>(NTE_BAD_ALGID), "Unsupported algorithm for SIMPLEBLOB: " +
+                                                                        std::to_string(front.keyAlgorithm));
     }
 
     KEY_HANDLE* key = allocateKeyHandle();
@@ -230,19 +206,21 @@ TokenAesResult importAesKeyToToken(const CspContext* context, const unsigned cha
 }
 
 BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int dataLength,
-                            const BlobFront& front, HCRYPTKEY* phKey) {
+                            const CapiBlobFront& front, HCRYPTKEY* phKey) {
     int32_t type = 0;
-    if (front.aiKeyAlg == CALG_AES_128)
+    if (front.keyAlgorithm == CALG_AES_128)
         type = CALYTH_SYMMETRIC_AES_128;
-    else if (front.aiKeyAlg == CALG_AES_256)
+    else if (front.keyAlgorithm == CALG_AES_256)
         type = CALYTH_SYMMETRIC_AES_256;
     else
-        return failWithError(static_cast<DWORD>(NTE_BAD_ALGID),
-                             "Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(front.aiKeyAlg));
+        return failWithError(
+            static_cast<DWORD>(NTE_BAD_ALGID),
+            "Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(front.keyAlgorithm));
     if (dataLength > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
         return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
 
-    switch (importAesKeyToToken(context, pbData + kBlobBodyOffset, dataLength, type, front.aiKeyAlg, phKey)) {
+    switch (importAesKeyToToken(context, pbData + kCapiBlobBodyOffset, dataLength, type, front.keyAlgorithm,
+                                phKey)) {
         case TokenAesResult::Stored:
             logDebug("PLAINTEXTKEYBLOB imported successfully (AES)");
             return TRUE;
@@ -257,11 +235,11 @@ BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int d
 }
 
 BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, int dataLength,
-                                const BlobFront& front, HCRYPTKEY* phKey) {
+                                const CapiBlobFront& front, HCRYPTKEY* phKey) {
     logDebug("SYMMETRICWRAPKEYBLOB: wrapped key length = " + std::to_string(dataLength));
     // The wrapped key starts right after the BLOBHEADER; the data length keeps the blob's last four
     // bytes out of it.
-    const BYTE* wrapped = pbData + kBlobHeaderSize;
+    const BYTE* wrapped = pbData + kCapiBlobHeaderSize;
 
     DeviceOutput plain;
     CalythSymmetricKey unwrapper{};
@@ -274,8 +252,8 @@ BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, i
 
     if (plain.length > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
         return keyTooLong("SYMMETRICWRAPKEYBLOB", plain.length);
-    int32_t type = front.aiKeyAlg == CALG_AES_128 ? CALYTH_SYMMETRIC_AES_128 : CALYTH_SYMMETRIC_AES_256;
-    switch (importAesKeyToToken(context, plain.bytes, plain.length, type, front.aiKeyAlg, phKey)) {
+    int32_t type = front.keyAlgorithm == CALG_AES_128 ? CALYTH_SYMMETRIC_AES_128 : CALYTH_SYMMETRIC_AES_256;
+    switch (importAesKeyToToken(context, plain.bytes, plain.length, type, front.keyAlgorithm, phKey)) {
         case TokenAesResult::Stored:
             logDebug("SYMMETRICWRAPKEYBLOB imported successfully");
             return TRUE;
@@ -302,18 +280,17 @@ BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPu
         return failWithError(ERROR_INVALID_PARAMETER, "CPImportKey - output key handle is null");
     const CspContext* context = cspContextFrom(hProv);
 
-    BlobFront front = readBlobFront(pbData, cbData);
-    // Signed, as every blob type counts it; a blob shorter than 12 bytes holds no data at all.
-    int dataLength = static_cast<int>(static_cast<int64_t>(cbData) - kBlobBodyOffset);
-    logDebug("CPImportKey - input type : " + std::to_string(front.bType));
-    logDebug("CPImportKey - input version : " + std::to_string(front.bVersion));
-    logDebug("CPImportKey - input alg : " + std::to_string(front.aiKeyAlg));
+    CapiBlobFront front = readCapiBlobFront(pbData, cbData);
+    int dataLength = capiBlobDataLength(cbData);
+    logDebug("CPImportKey - input type : " + std::to_string(front.type));
+    logDebug("CPImportKey - input version : " + std::to_string(front.version));
+    logDebug("CPImportKey - input alg : " + std::to_string(front.keyAlgorithm));
     logDebug("CPImportKey - input data length : " + std::to_string(dataLength));
     if (dataLength <= 0)
         return failWithError(static_cast<DWORD>(NTE_INVALID_PARAMETER),
                              "CPImportKey - Input data to import is empty");
 
-    switch (front.bType) {
+    switch (front.type) {
         case PUBLICKEYBLOB:
             return importPublicKeyBlob(pbData, cbData, front, phKey);
         case SIMPLEBLOB:
@@ -327,7 +304,7 @@ BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPu
             return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "Key Block Not Implemented yet");
         default:
             return failWithError(static_cast<DWORD>(NTE_BAD_TYPE),
-                                 "CPImportKey - Unsupported type : " + std::to_string(front.bType));
+                                 "CPImportKey - Unsupported type : " + std::to_string(front.type));
     }
 }
 

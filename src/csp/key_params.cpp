@@ -15,11 +15,14 @@
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/login.h"
 #include "token/process_state.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
+#include "util/der_header.h"
 #include "util/utils.h"
 
 namespace {
@@ -59,12 +62,12 @@ bool findKeyCertificate(const CspContext* context, const KEY_HANDLE* key, std::v
         char label[sizeof(certificate.label) + 1];
         copyLabel(label, sizeof(certificate.label), certificate.label, sizeof(certificate.label));
         bool sameLabel = label[0] != '\0' && std::strcmp(label, key->label) == 0;
-        bool sameObject = certificate.objectIdLength == key->objectIdLength && key->objectIdLength >= 0 &&
-                          key->objectIdLength <= static_cast<int32_t>(sizeof(certificate.objectId)) &&
+        bool sameObject = certificate.objectIdLength == key->objectIdLength &&
+                          lengthFits(key->objectIdLength, sizeof(certificate.objectId)) &&
                           std::memcmp(certificate.objectId, key->objectId, key->objectIdLength) == 0;
         if (sameLabel || sameObject) {
-            int32_t length = std::clamp<int32_t>(certificate.derLength, 0, sizeof(certificate.der));
-            der->assign(certificate.der, certificate.der + length);
+            der->assign(certificate.der,
+                        certificate.der + fieldLength(certificate.der, certificate.derLength));
             return true;
         }
     }
@@ -135,42 +138,15 @@ BOOL getKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, 
     }
 }
 
-// Total length of a DER SEQUENCE from its header alone; false for a length form not handled.
-bool derTotalLength(const BYTE* der, DWORD* total) {
-    BYTE first = der[1];
-    if (first < 0x80) {
-        *total = 2 + first;
-        return true;
-    }
-    int lengthBytes = 0;
-    switch (first) {
-        case 0x81:
-            lengthBytes = 1;
-            break;
-        case 0x82:
-            lengthBytes = 2;
-            break;
-        case 0x83:
-            lengthBytes = 3;
-            break;
-        default:
-            return false;
-    }
-    DWORD content = 0;
-    for (int i = 0; i < lengthBytes; ++i)
-        content = content << 8 | der[2 + i];
-    *total = 2 + lengthBytes + content;
-    return true;
-}
-
 BOOL setCertificate(CspContext* context, const KEY_HANDLE* key, const BYTE* pbData) {
     if (pbData == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
     if (pbData[0] != 0x30)
         return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
                              "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
-    DWORD total = 0;
-    if (!derTotalLength(pbData, &total))
+    // No length comes with the certificate: its header says how many bytes the caller handed over.
+    uint32_t total = 0;
+    if (derTotalLength(pbData, kDerLengthUnknown, &total) != DerHeaderResult::Ok)
         return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
                              "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
     logDebug("CPSetKeyParam: KP_CERTIFICATE DER length=" + std::to_string(total));
@@ -181,23 +157,26 @@ BOOL setCertificate(CspContext* context, const KEY_HANDLE* key, const BYTE* pbDa
             static_cast<DWORD>(NTE_BAD_DATA),
             "CPSetKeyParam: KP_CERTIFICATE too large for the token, length=" + std::to_string(total));
 
-    std::string pin = getValidatedPin(context->serialNumber);
-    if (pin.empty() && !context->serialNumber.empty()) {
+    WipedText pin{getValidatedPin(context->serialNumber)};
+    if (pin.text.empty() && !context->serialNumber.empty()) {
         char pinBuffer[PIN_BUFFER_SIZE] = {};
-        if (!loginUser(context, pinBuffer))
+        BOOL loggedIn = loginUser(context, pinBuffer);
+        SecureZeroMemory(pinBuffer, sizeof pinBuffer);
+        if (!loggedIn)
             return failWithError(static_cast<DWORD>(NTE_FAIL), "CPSetKeyParam: KP_CERTIFICATE login failed");
-        pin = getValidatedPin(context->serialNumber);
+        pin.text = getValidatedPin(context->serialNumber);
     }
 
     std::memcpy(record.keyId, key->keyId, sizeof(record.keyId));
     std::memcpy(record.der, pbData, total);
     record.derLength = static_cast<int32_t>(total);
-    int32_t objectIdLength = std::clamp<int32_t>(key->objectIdLength, 0, sizeof(record.objectId));
+    int32_t objectIdLength = static_cast<int32_t>(fieldLength(record.objectId, key->objectIdLength));
     std::memcpy(record.objectId, key->objectId, objectIdLength);
     record.objectIdLength = objectIdLength;
     copyLabel(record.label, KEY_LABEL_CHARACTERS, key->label, sizeof(key->label));
 
-    int32_t result = importCertificateWithChain(context->serialNumber, pin, record, context->deviceContext);
+    int32_t result =
+        importCertificateWithChain(context->serialNumber, pin.text, record, context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_FAIL),
                              "CPSetKeyParam: KP_CERTIFICATE import failed ret=" + std::to_string(result));

@@ -1,5 +1,6 @@
 // The parameter list of KSPDeriveKey (a BCryptBufferDesc), read into owned copies so that nothing
-// later looks at the caller's memory again. Every read is bounded by the caller's cbBuffer.
+// later looks at the caller's memory again. Every read is bounded by the caller's cbBuffer; the
+// bytes of each buffer are read by util/kdf_buffers.h.
 #pragma once
 
 #include <windows.h>
@@ -9,13 +10,12 @@
 #include <string>
 #include <vector>
 
-// The buffer types this provider reads. The token's host software numbers the SP 800-56A inputs
-// 13 and 14 (and the ignored party-V input 15), not as bcrypt.h's KDF_ALGORITHMID (8) and
-// KDF_PARTYUINFO (9): callers of this provider pass 13 and 14, and 8 and 9 are ignored.
-constexpr ULONG KSP_KDF_HASH_ALGORITHM = 0;
-constexpr ULONG KSP_KDF_ALGORITHMID = 13;
-constexpr ULONG KSP_KDF_PARTYUINFO = 14;
-constexpr ULONG KSP_KDF_PARTYVINFO = 15;
+#include "util/kdf_buffers.h"
+
+constexpr ULONG KSP_KDF_HASH_ALGORITHM = kKdfHashAlgorithm;
+constexpr ULONG KSP_KDF_ALGORITHMID = kKdfAlgorithmId;
+constexpr ULONG KSP_KDF_PARTYUINFO = kKdfPartyUInfo;
+constexpr ULONG KSP_KDF_PARTYVINFO = kKdfPartyVInfo;
 
 struct KdfParameters {
     std::wstring hashName;  // the last hash name given; empty when none

@@ -19,22 +19,12 @@
 #include "token/aes_key_transfer.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
+#include "util/cng_blobs.h"
+
+static_assert(sizeof(BCRYPT_KEY_DATA_BLOB_HEADER) == kCngKeyDataHeaderSize &&
+              BCRYPT_KEY_DATA_BLOB_MAGIC == kCngKeyDataMagic);
 
 namespace {
-
-// The token type of a 16, 24 or 32-byte AES key; 0 for any other length.
-int32_t aesTypeForLength(int64_t length) {
-    switch (length) {
-        case 16:
-            return CALYTH_SYMMETRIC_AES_128;
-        case 24:
-            return CALYTH_SYMMETRIC_3DES;
-        case 32:
-            return CALYTH_SYMMETRIC_AES_256;
-        default:
-            return 0;
-    }
-}
 
 struct StoreTexts {
     const char* refused;
@@ -94,21 +84,24 @@ SECURITY_STATUS importOpaqueKeyBlob(const KspProvider* provider, const BYTE* pbD
 
 SECURITY_STATUS importKeyDataBlob(const KspProvider* provider, const BYTE* pbData, DWORD cbData,
                                   NCRYPT_KEY_HANDLE* phKey) {
-    BCRYPT_KEY_DATA_BLOB_HEADER header{};
-    if (cbData < sizeof header)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for header");
-    std::memcpy(&header, pbData, sizeof header);
-    if (header.dwMagic != BCRYPT_KEY_DATA_BLOB_MAGIC)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB invalid magic");
-    if (cbData < uint64_t{sizeof header} + header.cbKeyData)
-        return kspFail(KSP_NTE_BAD_DATA,
-                       "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for key material");
-    int32_t type = aesTypeForLength(header.cbKeyData);
-    if (type == 0)
-        return kspFail(KSP_NTE_NOT_SUPPORTED, "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: " +
-                                                  std::to_string(header.cbKeyData));
+    CngKeyDataBlob blob;
+    switch (parseCngKeyDataBlob(pbData, cbData, &blob)) {
+        case CngBlobResult::TooShortForHeader:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for header");
+        case CngBlobResult::BadMagic:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_KEY_DATA_BLOB invalid magic");
+        case CngBlobResult::TooShortForMaterial:
+            return kspFail(KSP_NTE_BAD_DATA,
+                           "KSPImportKey: BCRYPT_KEY_DATA_BLOB data too small for key material");
+        case CngBlobResult::UnsupportedSize:
+        case CngBlobResult::TooLong:
+            return kspFail(KSP_NTE_NOT_SUPPORTED, "KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: " +
+                                                      std::to_string(blob.keyLength));
+        case CngBlobResult::Ok:
+            break;
+    }
     return storeOnToken(
-        provider, pbData + sizeof header, static_cast<int>(header.cbKeyData), type,
+        provider, blob.key, static_cast<int>(blob.keyLength), blob.type,
         {"KSP: BCRYPT_KEY_DATA_BLOB import failed", "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)"},
         phKey);
 }
@@ -127,7 +120,7 @@ SECURITY_STATUS importTransportBlob(const KspProvider* provider, NCRYPT_KEY_HAND
                        provider->deviceContext) != 0)
         return kspFail(KSP_NTE_BAD_DATA, "KSP: Encrypted key decryption failed");
     int length = plain.bytes != nullptr ? plain.length : 0;
-    int32_t type = aesTypeForLength(length);
+    int32_t type = cngAesTypeForLength(length);
     if (type == 0)
         return kspFail(KSP_NTE_NOT_SUPPORTED,
                        "KSP: Unsupported decrypted key length: " + std::to_string(length));

@@ -1,6 +1,5 @@
 // Public-key blobs for KSPImportKey: the BCrypt RSA and ECC public blobs and the CryptoAPI (legacy)
-// RSA public blob. The headers are read from bounded copies once the blob is known to hold them;
-// every length taken from a header is added up in 64 bits before it is compared with cbData.
+// RSA public blob, read by the byte-level parsers of util/cng_blobs.h and util/capi_blobs.h.
 #include <windows.h>
 
 #include <wincrypt.h>
@@ -16,145 +15,118 @@
 #include "ksp/key_import_blobs.h"
 #include "ksp/ksp_common.h"
 #include "log/log.h"
-#include "token/device_library.h"
+#include "util/capi_blobs.h"
+#include "util/cng_blobs.h"
 #include "util/encoding.h"
 #include "util/rsa_key_fields.h"
 #include "util/utils.h"
 
-namespace {
-
-constexpr DWORD kRsaMagic = BCRYPT_RSAPUBLIC_MAGIC;  // "RSA1", also the RSAPUBKEY magic
-
-struct EccCurve {
-    ULONG magic;
-    int32_t algorithm;
-    uint32_t bits;
-    int32_t usage;
-};
-
-const EccCurve kEccCurves[] = {
-    {BCRYPT_ECDSA_PUBLIC_P256_MAGIC, CALYTH_KEY_EC_P256, 256, CALYTH_USAGE_SIGNATURE},
-    {BCRYPT_ECDH_PUBLIC_P256_MAGIC, CALYTH_KEY_EC_P256, 256, CALYTH_USAGE_EXCHANGE},
-    {BCRYPT_ECDSA_PUBLIC_P384_MAGIC, CALYTH_KEY_EC_P384, 384, CALYTH_USAGE_SIGNATURE},
-    {BCRYPT_ECDH_PUBLIC_P384_MAGIC, CALYTH_KEY_EC_P384, 384, CALYTH_USAGE_EXCHANGE},
-    {BCRYPT_ECDSA_PUBLIC_P521_MAGIC, CALYTH_KEY_EC_P521, 521, CALYTH_USAGE_SIGNATURE},
-    {BCRYPT_ECDH_PUBLIC_P521_MAGIC, CALYTH_KEY_EC_P521, 521, CALYTH_USAGE_EXCHANGE},
-};
-
-const EccCurve* eccCurveForMagic(ULONG magic) {
-    for (const EccCurve& curve : kEccCurves) {
-        if (curve.magic == magic)
-            return &curve;
-    }
-    return nullptr;
-}
-
-// PUBLICKEYSTRUC followed by RSAPUBKEY, as a CryptoAPI public key blob starts.
-struct LegacyRsaHeader {
-    PUBLICKEYSTRUC blobHeader;
-    RSAPUBKEY rsaPublicKey;
-};
-static_assert(sizeof(LegacyRsaHeader) == 20);
-
-}  // namespace
+static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == kCngRsaHeaderSize &&
+              BCRYPT_RSAPUBLIC_MAGIC == kCngRsaPublicMagic);
+static_assert(sizeof(BCRYPT_ECCKEY_BLOB) == kCngEccHeaderSize);
+static_assert(BCRYPT_ECDSA_PUBLIC_P256_MAGIC == kCngEcdsaP256Magic &&
+              BCRYPT_ECDH_PUBLIC_P256_MAGIC == kCngEcdhP256Magic);
+static_assert(BCRYPT_ECDSA_PUBLIC_P384_MAGIC == kCngEcdsaP384Magic &&
+              BCRYPT_ECDH_PUBLIC_P384_MAGIC == kCngEcdhP384Magic);
+static_assert(BCRYPT_ECDSA_PUBLIC_P521_MAGIC == kCngEcdsaP521Magic &&
+              BCRYPT_ECDH_PUBLIC_P521_MAGIC == kCngEcdhP521Magic);
+static_assert(sizeof(PUBLICKEYSTRUC) + sizeof(RSAPUBKEY) == kCapiRsaPublicHeaderSize);
 
 SECURITY_STATUS importRsaPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KEY_HANDLE* phKey) {
-    BCRYPT_RSAKEY_BLOB header{};
-    if (cbData < sizeof header)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small");
-    std::memcpy(&header, pbData, sizeof header);
-    if (header.Magic != kRsaMagic)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB invalid magic");
-    uint64_t required = uint64_t{sizeof header} + header.cbPublicExp + header.cbModulus;
-    if (cbData < required)
-        return kspFail(KSP_NTE_BAD_DATA,
-                       "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small for key material");
-
-    int32_t code = rsaSizeCodeForBits(header.BitLength);
-    if (code == 0)
-        return kspFail(KSP_NTE_NOT_SUPPORTED,
-                       "KSP: Unsupported RSA key size: " + std::to_string(header.BitLength));
-    // BitLength and cbModulus are not compared; a modulus longer than the object's field (4096 bits)
-    // is refused as a key size the provider cannot hold.
-    if (header.cbModulus > KSP_PUBLIC_KEY_ROOM)
-        return kspFail(KSP_NTE_NOT_SUPPORTED,
-                       "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long, cbModulus=" +
-                           std::to_string(header.cbModulus));
+    CngRsaPublicBlob blob;
+    switch (parseCngRsaPublicBlob(pbData, cbData, KSP_PUBLIC_KEY_ROOM, &blob)) {
+        case CngBlobResult::TooShortForHeader:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small");
+        case CngBlobResult::BadMagic:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB invalid magic");
+        case CngBlobResult::TooShortForMaterial:
+            return kspFail(KSP_NTE_BAD_DATA,
+                           "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB data too small for key material");
+        case CngBlobResult::UnsupportedSize:
+            return kspFail(KSP_NTE_NOT_SUPPORTED,
+                           "KSP: Unsupported RSA key size: " + std::to_string(blob.bitLength));
+        case CngBlobResult::TooLong:
+            // A modulus longer than the object's field (4096 bits) is a key size the provider cannot hold.
+            return kspFail(KSP_NTE_NOT_SUPPORTED,
+                           "KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long, cbModulus=" +
+                               std::to_string(blob.modulusLength));
+        case CngBlobResult::Ok:
+            break;
+    }
 
     std::unique_ptr<KspKey> key = newImportedKey();
     if (!key)
         return KSP_NTE_NO_MEMORY;
-    const BYTE* modulus = pbData + sizeof header + header.cbPublicExp;
-    std::memcpy(key->publicKey, modulus, header.cbModulus);
-    key->publicKeyLength = header.cbModulus;
-    key->bits = header.BitLength;
-    key->algorithm = code;
+    std::memcpy(key->publicKey, blob.modulus, blob.modulusLength);
+    key->publicKeyLength = blob.modulusLength;
+    key->bits = blob.bitLength;
+    key->algorithm = blob.sizeCode;
     key->finalized = 1;
     handOut(std::move(key), phKey);
-    logDebug("KSP: RSA public key imported, bits=" + std::to_string(header.BitLength));
+    logDebug("KSP: RSA public key imported, bits=" + std::to_string(blob.bitLength));
     return KSP_SUCCESS;
 }
 
 SECURITY_STATUS importEccPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KEY_HANDLE* phKey) {
-    BCRYPT_ECCKEY_BLOB header{};
-    if (cbData < sizeof header)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB too small");
-    std::memcpy(&header, pbData, sizeof header);
-    uint64_t coordinates = 2 * uint64_t{header.cbKey};
-    if (cbData < sizeof header + coordinates)
-        return kspFail(KSP_NTE_BAD_DATA,
-                       "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB data too small for key material");
-    const EccCurve* curve = eccCurveForMagic(header.dwMagic);
-    if (curve == nullptr)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: unknown ECC blob magic");
-    // cbKey is not held to the curve; a point longer than the object's field is refused as an
-    // unsupported key size.
-    if (1 + coordinates > KSP_PUBLIC_KEY_ROOM)
-        return kspFail(KSP_NTE_NOT_SUPPORTED, "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=" +
-                                                  std::to_string(header.cbKey));
+    CngEccPublicBlob blob;
+    switch (parseCngEccPublicBlob(pbData, cbData, KSP_PUBLIC_KEY_ROOM, &blob)) {
+        case CngBlobResult::TooShortForHeader:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB too small");
+        case CngBlobResult::TooShortForMaterial:
+            return kspFail(KSP_NTE_BAD_DATA,
+                           "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB data too small for key material");
+        case CngBlobResult::BadMagic:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: unknown ECC blob magic");
+        case CngBlobResult::UnsupportedSize:
+        case CngBlobResult::TooLong:
+            // cbKey is not held to the curve; a point longer than the object's field is an unsupported size.
+            return kspFail(KSP_NTE_NOT_SUPPORTED,
+                           "KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=" +
+                               std::to_string(blob.keyLength));
+        case CngBlobResult::Ok:
+            break;
+    }
 
     std::unique_ptr<KspKey> key = newImportedKey();
     if (!key)
         return KSP_NTE_NO_MEMORY;
+    uint64_t coordinates = 2 * uint64_t{blob.keyLength};
     key->publicKey[0] = 0x04;
-    std::memcpy(key->publicKey + 1, pbData + sizeof header, coordinates);
+    std::memcpy(key->publicKey + 1, blob.point, coordinates);
     key->publicKeyLength = static_cast<uint32_t>(1 + coordinates);
-    key->algorithm = curve->algorithm;
-    key->bits = curve->bits;
-    key->usage = curve->usage;
+    key->algorithm = blob.algorithm;
+    key->bits = blob.bits;
+    key->usage = blob.usage;
     key->finalized = 1;
     handOut(std::move(key), phKey);
-    logDebug("KSPImportKey: ECC public key imported, cbKey=" + std::to_string(header.cbKey));
+    logDebug("KSPImportKey: ECC public key imported, cbKey=" + std::to_string(blob.keyLength));
     return KSP_SUCCESS;
 }
 
 SECURITY_STATUS importLegacyRsaPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KEY_HANDLE* phKey) {
-    LegacyRsaHeader header{};
-    if (cbData < sizeof header)
+    // The whole header before its magic, unlike CPImportKey.
+    if (cbData < kCapiRsaPublicHeaderSize)
         return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for header");
-    std::memcpy(&header, pbData, sizeof header);
-    const RSAPUBKEY& rsa = header.rsaPublicKey;
-    if (rsa.magic != kRsaMagic)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB invalid magic");
-    uint64_t modulusLength = rsa.bitlen / 8;
-    if (cbData < sizeof header + modulusLength)
-        return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for modulus");
-
-    // The blob keeps the modulus little-endian; DER wants it big-endian.
-    Bytes modulus;
-    try {
-        modulus.assign(pbData + sizeof header, pbData + sizeof header + modulusLength);
-    } catch (const std::bad_alloc&) {
-        return kspFail(KSP_NTE_NO_MEMORY,
-                       "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
+    CapiRsaPublicKey rsa;
+    switch (parseCapiRsaPublicKey(pbData, cbData, &rsa)) {
+        case CapiPublicKeyResult::BadMagic:
+            return kspFail(KSP_NTE_BAD_DATA, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB invalid magic");
+        case CapiPublicKeyResult::TooShort:
+            return kspFail(KSP_NTE_BAD_DATA,
+                           "KSPImportKey: LEGACY_RSAPUBLIC_BLOB data too small for modulus");
+        case CapiPublicKeyResult::NoMemory:
+            return kspFail(KSP_NTE_NO_MEMORY,
+                           "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
+        case CapiPublicKeyResult::Ok:
+            break;
     }
-    std::reverse(modulus.begin(), modulus.end());
+    const Bytes& modulus = rsa.modulus;
     Utils utils;
-    Bytes exponent = exponentBytes(rsa.pubexp, 3);
+    Bytes exponent = exponentBytes(rsa.exponent, 3);
     std::string exponentHex = utils.bytesToHex(exponent.data(), static_cast<int>(exponent.size()));
     logDebug("KSP: Public exponent : " + exponentHex);
 
-    int32_t code = rsaSizeCodeForBits(rsa.bitlen);
+    int32_t code = rsaSizeCodeForBits(rsa.bitLength);
     if (code == 0)
         return kspFail(KSP_NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     Bytes der = buildRsaSubjectPublicKeyInfo(
@@ -169,7 +141,7 @@ SECURITY_STATUS importLegacyRsaPublicBlob(const BYTE* pbData, DWORD cbData, NCRY
     std::memcpy(key->publicKey, der.data(), der.size());
     key->publicKeyLength = static_cast<uint32_t>(der.size());
     key->keyIdLength = KSP_KEY_ID_LENGTH;  // all-zero identifier
-    key->bits = rsa.bitlen;
+    key->bits = rsa.bitLength;
     key->algorithm = code;
     key->finalized = 1;
     handOut(std::move(key), phKey);
