@@ -13,6 +13,7 @@ packages=(
     googletest                                           # test framework sources
     openssl                                              # independent checks of keys and signatures
     ccache clang-format                                  # faster rebuilds, formatting
+    clang libfuzzer-14-dev llvm libgcrypt20-dev          # native fuzz targets (tools/fuzz.sh)
 )
 
 installed() {
