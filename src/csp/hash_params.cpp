@@ -20,7 +20,7 @@ namespace {
 
 constexpr DWORD kDwordLength = sizeof(DWORD);
 constexpr DWORD kHmacInfoLength = sizeof(HMAC_INFO);
-static_assert(sizeof(HMAC_INFO) == 40, "HMAC_INFO has the 64-bit layout");
+static_assert(sizeof(HMAC_INFO) == 5 * sizeof(void*), "HMAC_INFO has the published layout");
 
 BOOL sizeQuerySuccess(DWORD* pcbDataLen, DWORD length) {
     *pcbDataLen = length;

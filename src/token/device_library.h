@@ -165,12 +165,14 @@ struct CertificateDetails {
     bool selfSigned = false;               // subject equals issuer
 };
 
-static_assert(sizeof(std::string) == 32, "libstdc++ with the C++11 string ABI is required");
+// The offsets in TokenInfo's comments are the 64-bit ones; a 32-bit string takes 24 bytes.
+constexpr size_t kLibraryStringSize = 2 * sizeof(void*) + 16;
+static_assert(sizeof(std::string) == kLibraryStringSize, "libstdc++ with the C++11 string ABI is required");
 static_assert(offsetof(TokenInfo, label) == 0);
-static_assert(offsetof(TokenInfo, firmwareVersion) == 160);
-static_assert(offsetof(TokenInfo, userLoggedIn) == 236);
-static_assert(offsetof(TokenInfo, ssoValid) == 240);
-static_assert(sizeof(TokenInfo) == 248);
+static_assert(offsetof(TokenInfo, firmwareVersion) == 5 * kLibraryStringSize);
+static_assert(offsetof(TokenInfo, userLoggedIn) == 7 * kLibraryStringSize + 12);
+static_assert(offsetof(TokenInfo, ssoValid) == 7 * kLibraryStringSize + 16);
+static_assert(sizeof(TokenInfo) == 7 * kLibraryStringSize + 24);
 
 static_assert(sizeof(CalythKeyPair) == 1324);
 static_assert(offsetof(CalythKeyPair, keyId) == 4);
