@@ -20,6 +20,27 @@ installed() {
     [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]
 }
 
+# CALYTH_WITH_WINE32=1 (tools/package-tests.sh): also Debian's wine32 for 32-bit programs, through
+# i386 multiarch. Its failure (an i386 index the mirror cannot give) is only a warning, and then
+# the i386 architecture is taken away again so that later apt-get updates are not broken by it.
+install_wine32() {
+    installed wine32:i386 && return 0
+    local added=no
+    if ! dpkg --print-foreign-architectures | grep -qx i386; then
+        "${sudo[@]}" dpkg --add-architecture i386
+        added=yes
+    fi
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq || true
+    if ! "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq wine32:i386 </dev/null; then
+        echo "install-deps: warning: wine32 could not be installed; 32-bit programs will not run" >&2
+        [ "$added" = no ] || "${sudo[@]}" dpkg --remove-architecture i386 || true
+    fi
+}
+if [ "${CALYTH_WITH_WINE32:-0}" = 1 ]; then
+    [ "$(id -u)" -eq 0 ] && sudo=() || sudo=(sudo)
+    install_wine32
+fi
+
 missing=()
 for package in "${packages[@]}"; do
     installed "$package" || missing+=("$package")
