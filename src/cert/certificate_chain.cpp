@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "log/log.h"
+#include "token/bounded_length.h"
 
 namespace {
 
@@ -20,15 +21,15 @@ struct CertificateContextDeleter {
 using CertificateContext = std::unique_ptr<const CERT_CONTEXT, CertificateContextDeleter>;
 
 CertificateContext contextOf(const CalythCertificate& record) {
-    if (record.derLength <= 0 || record.derLength > static_cast<int32_t>(sizeof record.der))
+    if (record.derLength == 0 || !lengthFits(record.derLength, sizeof record.der))
         return CertificateContext();
     return CertificateContext(
         CertCreateCertificateContext(kCertificateEncoding, record.der, static_cast<DWORD>(record.derLength)));
 }
 
 bool sameDer(const CalythCertificate& a, const CalythCertificate& b) {
-    return a.derLength == b.derLength && a.derLength > 0 &&
-           a.derLength <= static_cast<int32_t>(sizeof a.der) && std::memcmp(a.der, b.der, a.derLength) == 0;
+    return a.derLength == b.derLength && a.derLength != 0 && lengthFits(a.derLength, sizeof a.der) &&
+           std::memcmp(a.der, b.der, a.derLength) == 0;
 }
 
 bool isSelfSigned(const CERT_CONTEXT* context) {
@@ -100,7 +101,7 @@ bool chainCertificatesRootFirst(const std::vector<CalythCertificate>& chain,
     HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
     if (store) {
         for (const CalythCertificate& record : chain) {
-            if (record.derLength <= 0 || record.derLength > static_cast<int32_t>(sizeof record.der))
+            if (record.derLength == 0 || !lengthFits(record.derLength, sizeof record.der))
                 continue;
             CertAddEncodedCertificateToStore(store, kCertificateEncoding, record.der,
                                              static_cast<DWORD>(record.derLength), CERT_STORE_ADD_ALWAYS,

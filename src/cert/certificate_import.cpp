@@ -8,6 +8,7 @@
 
 #include "cert/ca_folder.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "util/utils.h"
 
 namespace {
@@ -28,7 +29,7 @@ void writeLabel(CalythCertificate& record, const std::string& label) {
 }
 
 std::string labelOf(const CalythCertificate& record) {
-    return std::string(record.label, strnlen(record.label, sizeof record.label));
+    return fieldText(record.label);
 }
 
 CaTable loadCaTable(const std::string& folder, void* deviceContext) {
@@ -38,7 +39,7 @@ CaTable loadCaTable(const std::string& folder, void* deviceContext) {
     CaTable table;
     for (const auto& file : files) {
         const std::vector<unsigned char>& der = file.second;
-        if (der.empty() || der.size() > sizeof(CalythCertificate::der))
+        if (der.empty() || !lengthFits(der.size(), sizeof(CalythCertificate::der)))
             continue;
         CertificateDetails details;
         if (calyth_getCertificateDetails(der.data(), static_cast<int>(der.size()), details, deviceContext) !=
@@ -91,12 +92,12 @@ void nameUnnamedKeyPair(const std::string& serial, const std::string& pin, const
     std::vector<CalythKeyPair> keyPairs = calyth_getKeyPairList(serial.c_str(), deviceContext);
     const std::vector<unsigned char>& publicKey = leafDetails.publicKey;
     for (const CalythKeyPair& keyPair : keyPairs) {
-        if (keyPair.publicKeyLength < 0 || static_cast<size_t>(keyPair.publicKeyLength) != publicKey.size() ||
-            keyPair.publicKeyLength > static_cast<int32_t>(sizeof keyPair.publicKey))
+        if (!lengthFits(keyPair.publicKeyLength, sizeof keyPair.publicKey) ||
+            static_cast<size_t>(keyPair.publicKeyLength) != publicKey.size())
             continue;
         if (!std::equal(publicKey.begin(), publicKey.end(), keyPair.publicKey))
             continue;
-        std::string alias(keyPair.label, strnlen(keyPair.label, sizeof keyPair.label));
+        std::string alias = fieldText(keyPair.label);
         if (utils.trim(alias).empty()) {
             logDebug("importCertificateWithChain: updating empty key pair alias to: " + label);
             calyth_updateKeyPairDetails(serial.c_str(), keyPair.keyId, pin.c_str(), label.c_str(), nullptr, 0,
@@ -111,6 +112,9 @@ void nameUnnamedKeyPair(const std::string& serial, const std::string& pin, const
 int32_t importCertificateWithChain(const std::string& serial, const std::string& pin,
                                    CalythCertificate& certificate, void* deviceContext) {
     Utils utils;
+    // The leaf's length is held to its record before anything reads it: the parser and every import
+    // below see the record's own bytes only.
+    certificate.derLength = static_cast<int32_t>(fieldLength(certificate.der, certificate.derLength));
     CertificateDetails leafDetails;
     int result =
         calyth_getCertificateDetails(certificate.der, certificate.derLength, leafDetails, deviceContext);

@@ -16,11 +16,13 @@
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/login.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
+#include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
@@ -66,12 +68,12 @@ BOOL encryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
 
     DeviceOutput output;
     int result = calyth_encrypt_aes(context->serialNumber.c_str(), type, key->symmetricKey, keyLength, pbData,
-                                    static_cast<int>(dataLength), &output.bytes, &output.length, false,
-                                    ivBytes(), ivLength(), nullptr, 0, context->deviceContext);
+                                    deviceLength(dataLength), &output.bytes, &output.length, false, ivBytes(),
+                                    ivLength(), nullptr, 0, context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "CPEncrypt: symmetric encryption failed: " + std::to_string(result));
-    DWORD outputLength = static_cast<DWORD>(std::max(output.length, 0));
+    DWORD outputLength = static_cast<DWORD>(output.size());
     if (outputLength > cbBufLen) {
         *pdwDataLen = outputLength;
         return failWithError(ERROR_MORE_DATA, "CPEncrypt: symmetric output buffer too small, required=" +
@@ -84,28 +86,37 @@ BOOL encryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
 }
 
 BOOL encryptRsa(const CspContext* context, const KEY_HANDLE* key, DWORD dwFlags, BYTE* pbData,
-                DWORD dataLength, DWORD* pdwDataLen, DWORD requiredSize) {
+                DWORD dataLength, DWORD* pdwDataLen, DWORD cbBufLen) {
     if (isDerPublicKey(key->publicKey, key->publicKeyLength))
         logDebug("CSP: Public key is already DER encoded");
     else
         logDebug("CSP: Public key is raw modulus, converting to DER");
-    Bytes der = derPublicKeyFromStored(key->publicKey, key->publicKeyLength);
+    Bytes der = derPublicKeyFromStored(key->publicKey,
+                                       static_cast<int>(fieldLength(key->publicKey, key->publicKeyLength)));
     PaddingMode padding = (dwFlags & CRYPT_OAEP) ? PADDING_OAEP : PADDING_PKCS1;
     // The type follows the stored public key's length in bytes, so real keys (256 to 550 bytes) all
     // get RSA-2048; the device library decides from the DER key itself.
     EncryptionType type = rsaEncryptionTypeForSize(key->publicKeyLength);
 
-    std::vector<unsigned char> output(std::max<DWORD>(requiredSize, 1));
+    // Not bits / 8: `bits` is what the application asked for, the device writes the real key's modulus.
+    std::vector<unsigned char> output(rsaCiphertextRoom(der));
     int outputLength = 0;
-    int result =
-        calyth_encrypt(type, padding, pbData, static_cast<int>(dataLength), output.data(), &outputLength,
-                       der.data(), static_cast<int>(der.size()), context->deviceContext);
+    int result = calyth_encrypt(type, padding, pbData, deviceLength(dataLength), output.data(), &outputLength,
+                                der.data(), static_cast<int>(der.size()), context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "Encrypt data failed: " + std::to_string(result));
-    if (outputLength < 0 || static_cast<DWORD>(outputLength) > requiredSize)
+    if (!lengthFits(outputLength, output.size()))
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "Encrypt data failed: ciphertext length " + std::to_string(outputLength));
+    // A key whose real modulus is longer than `bits` says gives a ciphertext longer than the buffer the
+    // size check let through: the nearest specified answer is that check's own, with the real size.
+    if (static_cast<DWORD>(outputLength) > cbBufLen) {
+        *pdwDataLen = static_cast<DWORD>(outputLength);
+        return failWithError(ERROR_MORE_DATA,
+                             "CPEncrypt: buffer too small, cbBufLen=" + std::to_string(cbBufLen) +
+                                 " requiredSize=" + std::to_string(outputLength));
+    }
     // The token's big-endian ciphertext becomes CryptoAPI's little-endian one.
     std::reverse_copy(output.begin(), output.begin() + outputLength, pbData);
     *pdwDataLen = static_cast<DWORD>(outputLength);
@@ -142,13 +153,13 @@ BOOL encrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWOR
 
     if (isSymmetricKey(key))
         return encryptSymmetric(context, key, pbData, dataLength, pdwDataLen, cbBufLen);
-    return encryptRsa(context, key, dwFlags, pbData, dataLength, pdwDataLen, requiredSize);
+    return encryptRsa(context, key, dwFlags, pbData, dataLength, pdwDataLen, cbBufLen);
 }
 
 int decryptOnToken(CspContext* context, const KEY_HANDLE* key, const std::vector<unsigned char>& bigEndian,
                    DeviceOutput* plain) {
     plain->release();
-    std::string pin = getValidatedPin(context->serialNumber);
+    WipedText pin{getValidatedPin(context->serialNumber)};
     return calyth_decrypt(context->serialNumber.c_str(), key->keyId, pin.c_str(), bigEndian.data(),
                           static_cast<int>(bigEndian.size()), &plain->bytes, &plain->length,
                           key->tokenFlag != 0, context->deviceContext);
@@ -181,10 +192,10 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "Decrypt data failed : " + std::to_string(result));
-    // The plaintext comes back in its natural order. It is never longer than the ciphertext the
-    // caller's buffer held.
-    DWORD plainLength = static_cast<DWORD>(std::max(plain.length, 0));
-    std::memcpy(pbData, plain.bytes, std::min(plainLength, dataLength));
+    // The plaintext comes back in its natural order and is reported as the token says, but no more
+    // of it is copied than the ciphertext the caller's buffer held.
+    DWORD plainLength = static_cast<DWORD>(plain.size());
+    std::memcpy(pbData, plain.bytes, boundedLength(plainLength, dataLength));
     *pdwDataLen = plainLength;
     return TRUE;
 }
@@ -193,16 +204,16 @@ BOOL decryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
                       DWORD* pdwDataLen) {
     Utils utils;
     std::vector<unsigned char> output(dataLength);
-    int outputLength = static_cast<int>(dataLength);
+    int outputLength = deviceLength(dataLength);
     logDebug("CPDecrypt input iv : " + utils.bytesToHex(ivBytes(), ivLength()));
     logDebug("CPDecrypt input key : " + utils.bytesToHex(key->symmetricKey, key->symmetricKeyLength));
-    int result = calyth_decryptSymetric(context->serialNumber.c_str(), pbData, static_cast<int>(dataLength),
+    int result = calyth_decryptSymetric(context->serialNumber.c_str(), pbData, deviceLength(dataLength),
                                         output.data(), &outputLength, ivBytes(), ivLength(),
                                         key->symmetricKey, key->symmetricKeyLength, context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "Symetric decryption failed : " + std::to_string(result));
-    outputLength = std::clamp(outputLength, 0, static_cast<int>(dataLength));
+    outputLength = boundedDeviceLength(outputLength, output.size());
     logDebug("CPDecrypt - decrypted data : " + utils.bytesToHex(output.data(), outputLength));
     *pdwDataLen = static_cast<DWORD>(outputLength);
     std::memcpy(pbData, output.data(), outputLength);

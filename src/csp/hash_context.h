@@ -6,7 +6,12 @@
 
 #include <wincrypt.h>
 
+#include <cstddef>
 #include <cstdint>
+
+// CPSignHash gives calyth_finalHash 128 bytes of room, so the cached value has that much (twice
+// what SHA-512 needs).
+constexpr size_t HASH_VALUE_ROOM = 128;
 
 struct HASH_CONTEXT {
     uint32_t reserved;
@@ -17,7 +22,7 @@ struct HASH_CONTEXT {
     unsigned char valid;      // 1 from creation
     unsigned char hmac;       // never set by a CryptoAPI path
     unsigned char finalized;  // a value is cached
-    unsigned char value[64];  // cached hash value (room for SHA-512)
+    unsigned char value[HASH_VALUE_ROOM];  // cached hash value
     unsigned char signKeyId[16];
     int32_t signKeyIdLength;
     uint32_t valueLength;  // length calyth_finalHash reported, or set by HP_HASHVAL

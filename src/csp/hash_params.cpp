@@ -13,6 +13,7 @@
 #include "csp/hash_context.h"
 #include "csp/log_text.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 
@@ -89,8 +90,9 @@ BOOL getHashValue(const CspContext* context, HASH_CONTEXT* hash, BYTE* pbData, D
     int ret = calyth_finalHash(hash->deviceHash, hash->value, &length, context->deviceContext);
     if (ret != CALYTH_OK)
         return failWithError(NTE_FAIL, "CPGetHashParam: calyth_finalHash failed, ret=" + std::to_string(ret));
-    // From here on the cached value answers, also the retry after a short buffer.
-    hash->valueLength = static_cast<uint32_t>(length);
+    // From here on the cached value answers, also the retry after a short buffer. A length beyond
+    // the room the token was given is held to that room.
+    hash->valueLength = static_cast<uint32_t>(boundedLength(length, algorithm->length));
     hash->finalized = 1;
     if (*pcbDataLen < hash->valueLength) {
         *pcbDataLen = hash->valueLength;

@@ -1,7 +1,8 @@
 #include "csp/key_copy.h"
 
-#include <algorithm>
 #include <cstring>
+
+#include "token/bounded_length.h"
 
 void copyLabel(char* destination, size_t limit, const char* source, size_t capacity) {
     size_t length = 0;
@@ -15,13 +16,13 @@ void copyKeyPairIntoHandle(const CalythKeyPair& keyPair, KEY_HANDLE* key) {
     std::memcpy(key->keyId, keyPair.keyId, sizeof(key->keyId));
     key->keyIdLength = KEY_ID_LENGTH;
 
-    int32_t objectIdLength = std::clamp<int32_t>(keyPair.objectIdLength, 0, sizeof(key->objectId));
+    auto objectIdLength = static_cast<int32_t>(fieldLength(keyPair.objectId, keyPair.objectIdLength));
     std::memcpy(key->objectId, keyPair.objectId, objectIdLength);
     key->objectIdLength = objectIdLength;
 
     copyLabel(key->label, KEY_LABEL_CHARACTERS, keyPair.label, sizeof(keyPair.label));
 
-    int32_t publicKeyLength = std::clamp<int32_t>(keyPair.publicKeyLength, 0, sizeof(key->publicKey));
+    auto publicKeyLength = static_cast<int32_t>(fieldLength(keyPair.publicKey, keyPair.publicKeyLength));
     std::memcpy(key->publicKey, keyPair.publicKey, publicKeyLength);
     key->publicKeyLength = publicKeyLength;
 }

@@ -13,6 +13,7 @@
 #include "csp/key_handle.h"
 #include "csp/public_key_export.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "util/encoding.h"
@@ -26,7 +27,7 @@ constexpr DWORD kExportedExponent = 0x10001;
 // The big-endian modulus of a token key pair: the stored bytes when they are a raw modulus, the
 // modulus inside them when the token keeps DER.
 Bytes storedModulus(const CalythKeyPair& keyPair) {
-    int length = std::clamp<int32_t>(keyPair.publicKeyLength, 0, sizeof(keyPair.publicKey));
+    int length = static_cast<int>(fieldLength(keyPair.publicKey, keyPair.publicKeyLength));
     Bytes modulus;
     if (length > 0 && isDerPublicKey(keyPair.publicKey, length) &&
         rsaModulusFromDer(keyPair.publicKey, length, &modulus))

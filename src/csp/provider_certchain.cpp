@@ -6,6 +6,7 @@
 #include "cert/certificate_chain.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
 #include "util/utils.h"
@@ -13,8 +14,7 @@
 namespace {
 
 bool publicKeyMatches(const CalythKeyPair& keyPair, const std::vector<unsigned char>& publicKey) {
-    if (keyPair.publicKeyLength < 0 ||
-        keyPair.publicKeyLength > static_cast<int32_t>(sizeof keyPair.publicKey))
+    if (!lengthFits(keyPair.publicKeyLength, sizeof keyPair.publicKey))
         return false;
     return static_cast<size_t>(keyPair.publicKeyLength) == publicKey.size() &&
            std::equal(publicKey.begin(), publicKey.end(), keyPair.publicKey);
@@ -28,8 +28,9 @@ std::map<std::string, std::vector<CalythCertificate>> chainsByContainer(const Cs
     std::map<std::string, std::vector<CalythCertificate>> chains;
     for (const CalythCertificate& certificate : certificates) {
         CertificateDetails details;
-        if (calyth_getCertificateDetails(certificate.der, certificate.derLength, details,
-                                         context->deviceContext) != 0)
+        // The record's own length, held to its field: the parser never reads past the record.
+        int derLength = static_cast<int>(fieldLength(certificate.der, certificate.derLength));
+        if (calyth_getCertificateDetails(certificate.der, derLength, details, context->deviceContext) != 0)
             continue;
         for (const CalythKeyPair& keyPair : keyPairs) {
             if (!publicKeyMatches(keyPair, details.publicKey))

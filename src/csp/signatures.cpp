@@ -15,10 +15,12 @@
 #include "csp/key_handle.h"
 #include "csp/log_text.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
 #include "token/login.h"
+#include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
@@ -27,7 +29,7 @@
 namespace {
 
 // The room the token gets for a digest it finalises while signing.
-constexpr int kFinalHashRoom = 128;
+constexpr int kFinalHashRoom = static_cast<int>(HASH_VALUE_ROOM);
 
 bool canSign(const CalythKeyPair& keyPair) {
     return keyPair.keyUsage == CALYTH_USAGE_SIGNATURE || keyPair.keyUsage == CALYTH_USAGE_EXCHANGE ||
@@ -80,7 +82,7 @@ DWORD signatureSizeForKeyCode(int32_t keySizeCode) {
 }
 
 int signOnToken(const CspContext* context, const HASH_CONTEXT* hash, BYTE* pbSignature, int* sigLen) {
-    std::string pin = getValidatedPin(context->serialNumber);
+    WipedText pin{getValidatedPin(context->serialNumber)};
     return calyth_signHash(context->serialNumber.c_str(), hash->signKeyId, pin.c_str(), hash->value,
                            static_cast<int>(hash->valueLength), pbSignature, sigLen, false,
                            context->deviceContext, false);
@@ -105,7 +107,7 @@ bool verificationPublicKey(const CspContext* context, HCRYPTKEY hPubKey, Bytes* 
     const KEY_HANDLE* key = hPubKey != 0 ? keyHandleFrom(hPubKey) : nullptr;
     if (key != nullptr && key->publicKeyLength != 0) {
         logDebug("key handle available");
-        int length = std::min<int>(key->publicKeyLength, sizeof key->publicKey);
+        int length = static_cast<int>(fieldLength(key->publicKey, key->publicKeyLength));
         if (isDerPublicKey(key->publicKey, length))
             logDebug("Public key is already DER encoded");
         else
@@ -122,7 +124,7 @@ bool verificationPublicKey(const CspContext* context, HCRYPTKEY hPubKey, Bytes* 
     if (keyPair != nullptr) {
         // Token keys are taken as RSA moduli here, whatever their stored form.
         Utils utils;
-        int length = std::min<int>(keyPair->publicKeyLength, sizeof keyPair->publicKey);
+        int length = static_cast<int>(fieldLength(keyPair->publicKey, keyPair->publicKeyLength));
         *der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(keyPair->publicKey, length), "010001");
         return true;
     }
@@ -150,7 +152,7 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             if (ret != CALYTH_OK)
                 return failWithError(NTE_FAIL,
                                      "CPSignHash: calyth_finalHash failed with ret=" + std::to_string(ret));
-            hash->valueLength = static_cast<uint32_t>(length);
+            hash->valueLength = static_cast<uint32_t>(boundedLength(length, kFinalHashRoom));
         }
 
         if (hash->signKeyIdLength != KEY_ID_LENGTH && !findSignKey(context, hash))
@@ -179,7 +181,7 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
         bool rechecked = callWithSsoRetry(
             context->serialNumber, retryTexts,
             [&] {
-                sigLen = static_cast<int>(*pdwSigLen);
+                sigLen = deviceLength(*pdwSigLen);
                 return signOnToken(context, hash, pbSignature, &sigLen);
             },
             [&] { return ensurePasswordValidated(context); }, &ret);
@@ -189,7 +191,7 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
             return failWithError(NTE_PROVIDER_DLL_FAIL, "Sign hash failed : " + std::to_string(ret));
 
         // Never past the caller's buffer, whatever length the token reports.
-        sigLen = std::max(0, std::min(sigLen, static_cast<int>(*pdwSigLen)));
+        sigLen = boundedDeviceLength(sigLen, *pdwSigLen);
         std::reverse(pbSignature, pbSignature + sigLen);
         *pdwSigLen = static_cast<DWORD>(sigLen);
         return TRUE;

@@ -25,13 +25,9 @@
 namespace {
 
 constexpr DWORD kPadOaep = 0x4;  // NCRYPT_PAD_OAEP_FLAG
-// calyth_encrypt takes no room argument and writes one whole modulus of the key it is given, which
-// may be longer than the key object's length claims: it always gets at least a 4096-bit modulus.
-constexpr size_t kRsaOutputRoom = 512;
-
 // The AES material never counts past the key object's field.
 int symmetricLength(const KspKey* key) {
-    return static_cast<int>(std::min<size_t>(key->symmetricKeyLength, sizeof key->symmetricKey));
+    return static_cast<int>(fieldLength(key->symmetricKey, key->symmetricKeyLength));
 }
 
 bool isEcb(const KspKey* key) {
@@ -57,11 +53,6 @@ IvArgument ivFor(const KspKey* key) {
     return {g_ivBuffer.data(), static_cast<int>(g_ivBuffer.size())};
 }
 
-// The length of a library-allocated output, never negative and zero when no block came back.
-DWORD deviceOutputLength(const DeviceOutput& output) {
-    return output.bytes != nullptr && output.length > 0 ? static_cast<DWORD>(output.length) : 0;
-}
-
 SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
                                  PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
     logDebug(isEcb(key) ? "KSP: Symmetric encrypt ECB mode" : "KSP: Symmetric encrypt CBC mode");
@@ -75,7 +66,7 @@ SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key,
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: " + std::to_string(result));
 
-    DWORD length = deviceOutputLength(output);
+    DWORD length = static_cast<DWORD>(output.size());
     *pcbResult = length;
     if (pbOutput == nullptr)
         return KSP_SUCCESS;
@@ -100,7 +91,7 @@ SECURITY_STATUS encryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
                        "KSPEncrypt: output buffer too small, required=" + std::to_string(required));
     }
 
-    int storedLength = static_cast<int>(std::min<size_t>(key->publicKeyLength, sizeof key->publicKey));
+    int storedLength = static_cast<int>(fieldLength(key->publicKey, key->publicKeyLength));
     if (isDerPublicKey(key->publicKey, storedLength))
         logDebug("KSP: Public key is already DER encoded");
     else
@@ -109,14 +100,14 @@ SECURITY_STATUS encryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
     PaddingMode padding = (dwFlags & kPadOaep) != 0 ? PADDING_OAEP : PADDING_PKCS1;
 
     // Never the caller's buffer: the device writes a whole modulus into a block of our own.
-    std::vector<unsigned char> ciphertext(std::max<size_t>(required, kRsaOutputRoom));
+    std::vector<unsigned char> ciphertext(std::max<size_t>(required, rsaCiphertextRoom(publicKey)));
     int ciphertextLength = 0;
     int result = calyth_encrypt(rsaEncryptionTypeForSize(key->bits), padding, pbInput, deviceLength(cbInput),
                                 ciphertext.data(), &ciphertextLength, publicKey.data(),
                                 static_cast<int>(publicKey.size()), provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Encrypt failed: " + std::to_string(result));
-    if (ciphertextLength < 0 || static_cast<size_t>(ciphertextLength) > ciphertext.size())
+    if (!lengthFits(ciphertextLength, ciphertext.size()))
         return kspFail(KSP_NTE_INTERNAL_ERROR,
                        "KSP: Encrypt failed: ciphertext length " + std::to_string(ciphertextLength));
 
@@ -162,7 +153,7 @@ SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
         provider->serial, retryTexts,
         [&] {
             plain.release();
-            std::string password = devicePassword(provider);
+            WipedText password{devicePassword(provider)};
             return calyth_decrypt(provider->serial.c_str(), key->keyId, password.c_str(), pbInput,
                                   deviceLength(cbInput), &plain.bytes, &plain.length, key->tokenFlag != 0,
                                   provider->deviceContext);
@@ -173,7 +164,7 @@ SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Decrypt failed: " + std::to_string(result));
 
-    DWORD length = deviceOutputLength(plain);
+    DWORD length = static_cast<DWORD>(plain.size());
     *pcbResult = length;
     if (cbOutput < length)
         return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
@@ -201,7 +192,7 @@ SECURITY_STATUS decryptSymmetric(const KspProvider* provider, const KspKey* key,
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: " + std::to_string(result));
 
-    DWORD length = static_cast<DWORD>(std::clamp(plainLength, 0, room));
+    auto length = static_cast<DWORD>(boundedLength(plainLength, plain.size()));
     *pcbResult = length;
     if (pbOutput == nullptr) {
         logDebug("pbOutput == NULL ");

@@ -4,13 +4,13 @@
 #include <cstring>
 
 #include "cert/certificate_import.h"
+#include "token/bounded_length.h"
 
 namespace {
 
-// The device reports the DER length of each record; a length beyond the record's field (or below
-// zero) must never be used to read it, so it is held to the field's bounds.
-int32_t boundedDerLength(const CalythCertificate& certificate) {
-    return std::clamp<int32_t>(certificate.derLength, 0, static_cast<int32_t>(sizeof certificate.der));
+// The device reports the DER length of each record; it is held to the record's field.
+int boundedDerLength(const CalythCertificate& certificate) {
+    return static_cast<int>(fieldLength(certificate.der, certificate.derLength));
 }
 
 bool sameLabel(const CalythCertificate& certificate, const KspKey* key) {
@@ -21,7 +21,7 @@ bool sameLabel(const CalythCertificate& certificate, const KspKey* key) {
 
 bool sameLinkId(const CalythCertificate& certificate, const KspKey* key) {
     return certificate.objectIdLength == static_cast<int64_t>(key->linkIdLength) &&
-           key->linkIdLength <= sizeof certificate.objectId &&
+           lengthFits(key->linkIdLength, sizeof certificate.objectId) &&
            std::memcmp(certificate.objectId, key->linkId, key->linkIdLength) == 0;
 }
 
@@ -32,7 +32,8 @@ bool samePublicKey(const CalythCertificate& certificate, const KspKey* key, void
     if (calyth_getCertificateDetails(certificate.der, boundedDerLength(certificate), details,
                                      deviceContext) != 0)
         return false;
-    return details.publicKey.size() == key->publicKeyLength &&
+    return lengthFits(key->publicKeyLength, sizeof key->publicKey) &&
+           details.publicKey.size() == key->publicKeyLength &&
            std::memcmp(details.publicKey.data(), key->publicKey, key->publicKeyLength) == 0;
 }
 
@@ -65,10 +66,10 @@ int32_t storeKeyCertificate(const KspProvider* provider, const KspKey* key, cons
                             const BYTE* der, DWORD length) {
     CalythCertificate record{};
     // The caller refuses longer input; the bound keeps the record intact regardless.
-    DWORD stored = std::min(length, KSP_CERTIFICATE_ROOM);
+    auto stored = static_cast<DWORD>(fieldLength(record.der, length));
     std::memcpy(record.der, der, stored);
     record.derLength = static_cast<int32_t>(stored);
-    uint32_t linkLength = std::min<uint32_t>(key->linkIdLength, sizeof record.objectId);
+    auto linkLength = static_cast<uint32_t>(boundedLength(key->linkIdLength, sizeof key->linkId));
     std::memcpy(record.objectId, key->linkId, linkLength);
     record.objectIdLength = static_cast<int32_t>(linkLength);
     return importCertificateWithChain(provider->serial, pin, record, provider->deviceContext);

@@ -44,7 +44,7 @@ std::vector<unsigned char> hashInput(const KspSecret* secret, LPCWSTR pwszKDF,
         input = parameters.algorithmId;
         input.insert(input.end(), parameters.partyUInfo.begin(), parameters.partyUInfo.end());
     }
-    size_t length = std::min<size_t>(secret->length, sizeof secret->secret);
+    size_t length = fieldLength(secret->secret, secret->length);
     input.insert(input.end(), secret->secret, secret->secret + length);
     return input;
 }

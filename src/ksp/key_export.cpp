@@ -44,7 +44,7 @@ void refillPublicKey(const KspProvider* provider, KspKey* key) {
     const CalythKeyPair* keyPair = findKeyPairById(keyPairs, key->keyId);
     if (keyPair == nullptr)
         return;
-    size_t length = std::clamp<int64_t>(keyPair->publicKeyLength, 0, KSP_PUBLIC_KEY_ROOM);
+    size_t length = boundedLength(keyPair->publicKeyLength, KSP_PUBLIC_KEY_ROOM);
     std::memcpy(key->publicKey, keyPair->publicKey, length);
     key->publicKeyLength = static_cast<uint32_t>(length);
 }
@@ -67,12 +67,13 @@ ULONG eccMagic(int32_t algorithm, int32_t usage) {
 
 SECURITY_STATUS exportEccPublicBlob(const KspKey* key, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult) {
     logDebug("Enter to the BCRYPT_ECCPUBLIC_BLOB");
-    if (key->publicKeyLength < 3 || key->publicKey[0] != 0x04)
+    size_t stored = fieldLength(key->publicKey, key->publicKeyLength);
+    if (stored < 3 || key->publicKey[0] != 0x04)
         return kspFail(KSP_NTE_BAD_KEY, "KSPExportKey: ECC public key not available or invalid format");
     if (!isEcAlgorithm(key->algorithm))
         return kspFail(KSP_NTE_NOT_SUPPORTED, "KSPExportKey: key is not ECC");
 
-    uint32_t cbKey = (key->publicKeyLength - 1) / 2;
+    auto cbKey = static_cast<uint32_t>((stored - 1) / 2);
     DWORD size = sizeof(BCRYPT_ECCKEY_BLOB) + 2 * cbKey;
     std::vector<unsigned char> blob(size);
     putWord(&blob, 0, eccMagic(key->algorithm, key->usage));
@@ -90,7 +91,7 @@ SECURITY_STATUS exportEccPublicBlob(const KspKey* key, PBYTE pbOutput, DWORD cbO
 // The stored bytes are the modulus whatever they are: DER and EC points are exported as they stand.
 SECURITY_STATUS exportRsaPublicBlob(const KspKey* key, bool legacy, PBYTE pbOutput, DWORD cbOutput,
                                     DWORD* pcbResult) {
-    uint32_t n = key->publicKeyLength;
+    auto n = static_cast<uint32_t>(fieldLength(key->publicKey, key->publicKeyLength));
     if (n == 0)
         return kspFail(KSP_NTE_BAD_KEY, "KSP: No public key data available for export");
     const unsigned char* modulus = key->publicKey;

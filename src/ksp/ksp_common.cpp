@@ -51,12 +51,12 @@ void copyTokenKeyData(const CalythKeyPair& keyPair, KspKey* key) {
     std::memcpy(key->keyId, keyPair.keyId, KSP_KEY_ID_LENGTH);
     key->keyIdLength = KSP_KEY_ID_LENGTH;
     // A device may report any length: the object keeps what fits in both records.
-    size_t publicLength = std::clamp<int64_t>(keyPair.publicKeyLength, 0,
-                                              std::min(sizeof keyPair.publicKey, sizeof key->publicKey));
+    size_t publicLength =
+        boundedLength(keyPair.publicKeyLength, std::min(sizeof keyPair.publicKey, sizeof key->publicKey));
     std::memcpy(key->publicKey, keyPair.publicKey, publicLength);
     key->publicKeyLength = static_cast<uint32_t>(publicLength);
     size_t linkLength =
-        std::clamp<int64_t>(keyPair.objectIdLength, 0, std::min(sizeof keyPair.objectId, sizeof key->linkId));
+        boundedLength(keyPair.objectIdLength, std::min(sizeof keyPair.objectId, sizeof key->linkId));
     std::memcpy(key->linkId, keyPair.objectId, linkLength);
     key->linkIdLength = static_cast<uint32_t>(linkLength);
     size_t labelLength = strnlen(keyPair.label, std::min(sizeof keyPair.label, KSP_LABEL_CHARACTERS));

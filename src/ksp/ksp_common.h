@@ -13,6 +13,8 @@
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
 #include "log/log.h"
+#include "token/bounded_length.h"
+#include "token/secret_text.h"
 #include "util/entry_guard.h"
 
 // Logs `message` at ERROR and answers `status`.
@@ -43,12 +45,6 @@ wchar_t* mallocWideCopy(const std::wstring& text);
 bool sameWide(LPCWSTR text, const wchar_t* name);
 
 bool isEcAlgorithm(int32_t algorithm);
-
-// A caller's byte count as the device library's int length: a count beyond INT_MAX is cut, which
-// only ever makes the device read less.
-inline int deviceLength(DWORD count) {
-    return static_cast<int>(count > static_cast<DWORD>(INT_MAX) ? INT_MAX : count);
-}
 
 // Copies what the token stores for a key pair into a key object: identifier (length 16), public
 // key, link identifier, label and token flag; the reserved word becomes 0. Lengths are bounded by

@@ -19,7 +19,7 @@ constexpr unsigned char kUncompressedPoint = 0x04;
 
 // Stored lengths never count past the key object's field.
 size_t storedPublicKeyLength(const KspKey* key) {
-    return std::min<size_t>(key->publicKeyLength, sizeof key->publicKey);
+    return fieldLength(key->publicKey, key->publicKeyLength);
 }
 
 bool isUncompressedPoint(const KspKey* key) {
@@ -29,7 +29,7 @@ bool isUncompressedPoint(const KspKey* key) {
 // Runs the device's ECDH and keeps at most one P-521 coordinate of what it answers.
 SECURITY_STATUS computeSecret(KspProvider* provider, const KspKey* privateKey, const KspKey* peerKey,
                               NCRYPT_SECRET_HANDLE* phAgreedSecret) {
-    std::string pin = devicePassword(provider);
+    WipedText pin{devicePassword(provider)};
     DeviceOutput shared;
     int result = calyth_ecdhDerive(provider->serial.c_str(), privateKey->keyId, pin.c_str(),
                                    peerKey->publicKey, static_cast<int>(storedPublicKeyLength(peerKey)),
@@ -41,7 +41,7 @@ SECURITY_STATUS computeSecret(KspProvider* provider, const KspKey* privateKey, c
     auto* secret = new (std::nothrow) KspSecret{};
     if (secret == nullptr)
         return kspFail(KSP_NTE_NO_MEMORY, "KSPSecretAgreement: out of memory");
-    uint32_t length = static_cast<uint32_t>(std::min<int>(shared.length, KSP_SECRET_ROOM));
+    auto length = static_cast<uint32_t>(fieldLength(secret->secret, shared.length));
     std::memcpy(secret->secret, shared.bytes, length);
     secret->length = length;
     secret->provider = provider;

@@ -37,7 +37,7 @@ SECURITY_STATUS pssFirmwareGate(const KspProvider* provider, const std::string& 
 
 // The stored public key never counts past the key object's field.
 int storedPublicKeyLength(const KspKey* key) {
-    return static_cast<int>(std::min<size_t>(key->publicKeyLength, sizeof key->publicKey));
+    return static_cast<int>(fieldLength(key->publicKey, key->publicKeyLength));
 }
 
 SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbHashValue,
@@ -90,7 +90,7 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
         provider->serial, retryTexts,
         [&] {
             signatureLength = room;
-            std::string password = devicePassword(provider);
+            WipedText password{devicePassword(provider)};
             return calyth_signHash(provider->serial.c_str(), key->keyId, password.c_str(), pbHashValue,
                                    deviceLength(cbHashValue), pbSignature, &signatureLength, false,
                                    provider->deviceContext, pss);
@@ -102,7 +102,7 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Sign hash failed: " + std::to_string(result));
 
     // A reported length outside the room is not believed: never more than the caller's buffer.
-    signatureLength = std::clamp(signatureLength, 0, room);
+    signatureLength = boundedDeviceLength(signatureLength, room);
     *pcbResult = static_cast<DWORD>(signatureLength);
     logDebug("KSP: SignHash success, signature length=" + std::to_string(signatureLength));
     return KSP_SUCCESS;

@@ -1,8 +1,9 @@
 #include "token/aes_key_transfer.h"
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
+
+#include "token/bounded_length.h"
 
 bool unwrapWithTokenKek(const std::string& serial, void* deviceContext, const unsigned char* wrapped,
                         int wrappedLength, KekNaming naming, CalythSymmetricKey* kek, DeviceOutput* plain) {
@@ -14,7 +15,7 @@ bool unwrapWithTokenKek(const std::string& serial, void* deviceContext, const un
         int nameLength = static_cast<int>(sizeof candidate.keyId);
         if (naming == KekNaming::Reference) {
             name = candidate.reference;
-            nameLength = std::clamp<int>(candidate.referenceLength, 0, sizeof candidate.reference);
+            nameLength = static_cast<int>(fieldLength(candidate.reference, candidate.referenceLength));
         }
         plain->release();
         if (calyth_decrypt_aes(serial.c_str(), name, nameLength, wrapped, wrappedLength, &plain->bytes,

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "token/bounded_length.h"
 #include "util/utils.h"
 
 namespace {
@@ -35,7 +36,7 @@ std::string keyIdHex(const CalythKeyPair& keyPair) {
 }
 
 std::string keyLabel(const CalythKeyPair& keyPair) {
-    return std::string(keyPair.label, strnlen(keyPair.label, sizeof keyPair.label));
+    return fieldText(keyPair.label);
 }
 
 bool keyPairNamed(const CalythKeyPair& keyPair, const std::string& name, KeyNameMatch match) {
