@@ -17,6 +17,7 @@
 #include "token/device_library.h"
 #include "token/key_lookup.h"
 #include "token/login.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
 #include "util/encoding.h"
 #include "util/utils.h"
@@ -99,7 +100,7 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
     key->bits = bits;
     // The token picks the size itself: the request carries nothing.
     CalythKeyPair keyPair{};
-    std::string pin = getValidatedPin(context->serialNumber);
+    WipedText pin{getValidatedPin(context->serialNumber)};
     int result =
         calyth_generateKeyPair(context->serialNumber.c_str(), pin.c_str(), &keyPair, context->deviceContext);
     if (result != 0) {

@@ -6,6 +6,7 @@
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/process_state.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
 
 namespace {
@@ -26,8 +27,8 @@ BOOL setPin(const CspContext* context, const BYTE* pbData) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    std::string pin(reinterpret_cast<const char*>(pbData));
-    logDebug("CPSetProvParam - passwordLength : " + std::to_string(pin.size()));
+    WipedText pin{std::string(reinterpret_cast<const char*>(pbData))};
+    logDebug("CPSetProvParam - passwordLength : " + std::to_string(pin.text.size()));
     int remaining = 0;
     int result = calyth_validatePassword(context->serialNumber.c_str(), pin.c_str(), 1, &remaining,
                                          context->deviceContext);
@@ -36,7 +37,7 @@ BOOL setPin(const CspContext* context, const BYTE* pbData) {
         SetLastError(static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
         return FALSE;
     }
-    storeValidatedPin(context->serialNumber, pin);
+    storeValidatedPin(context->serialNumber, pin.text);
     return TRUE;
 }
 

@@ -208,7 +208,7 @@ SECURITY_STATUS finalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey
     request.keyUsage = key->usage;
     logDebug("KSP: FinalizeKey - generating key, algorithm=" + std::to_string(settled.algorithm) +
              " bitSize=" + std::to_string(settled.bits));
-    std::string password = devicePassword(provider);
+    WipedText password{devicePassword(provider)};
     int result =
         calyth_generateKeyPair(provider->serial.c_str(), password.c_str(), &request, provider->deviceContext);
     if (result != CALYTH_OK)
@@ -233,7 +233,7 @@ SECURITY_STATUS deleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey) 
     if (!kspPasswordCheck(provider))
         return kspFail(KSP_NTE_FAIL, "KSPDeleteKey: password validation failed");
 
-    std::string password = devicePassword(provider);
+    WipedText password{devicePassword(provider)};
     int result = calyth_deleteKeyPair(provider->serial.c_str(), key->keyId, password.c_str(),
                                       key->tokenFlag != 0, provider->deviceContext);
     if (result != CALYTH_OK)

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "token/device_library.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
 
 namespace {
@@ -20,13 +21,13 @@ std::string narrowPin(const BYTE* pbInput, DWORD cbInput) {
 }  // namespace
 
 SECURITY_STATUS validatePinProperty(const KspProvider* provider, const BYTE* pbInput, DWORD cbInput) {
-    std::string pin = narrowPin(pbInput, cbInput);
+    WipedText pin{narrowPin(pbInput, cbInput)};
     logDebug("KSP: Setting PIN via property");
     int remaining = 0;
     int result = calyth_validatePassword(provider->serial.c_str(), pin.c_str(), 1, &remaining,
                                          provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_VALIDATION_FAILED, "KSP: PIN validation failed: " + std::to_string(result));
-    storeValidatedPin(provider->serial, pin);
+    storeValidatedPin(provider->serial, pin.text);
     return KSP_SUCCESS;
 }

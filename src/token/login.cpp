@@ -5,6 +5,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/pin_dialog.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
 
 namespace {
@@ -45,8 +46,8 @@ constexpr PinPromptTexts kKspPrompt{true, false, "KSP: User cancelled password d
 bool promptForValidPin(const std::string& serial, void* deviceContext, const PinPromptTexts& texts,
                        std::string* pin) {
     clearValidatedPin(serial);
-    for (std::string entered = askForPin();; entered = askForPin()) {
-        if (entered.empty()) {
+    for (WipedText entered{askForPin()};; entered.text = askForPin()) {
+        if (entered.text.empty()) {
             if (texts.cancelledIsError)
                 logError(texts.cancelled);
             else
@@ -56,9 +57,10 @@ bool promptForValidPin(const std::string& serial, void* deviceContext, const Pin
         int remaining = 0;
         int result = calyth_validatePassword(serial.c_str(), entered.c_str(), 1, &remaining, deviceContext);
         if (result == CALYTH_OK) {
-            *pin = entered;
+            *pin = entered.text;
             return true;
         }
+        wipeText(&entered.text);
         tellUser(pinFailureMessage(result, remaining, texts.cngSpelling));
         // A time mismatch leaves the count at 0 as well, so it ends the login here.
         if (remaining == 0) {
@@ -102,9 +104,11 @@ bool ensurePasswordValidated(CspContext* context) {
     logDebug("ensurePasswordValidated: password not validated or empty -- ask for PIN");
     char pin[PIN_BUFFER_SIZE];
     std::memset(pin, 0, sizeof pin);
-    if (loginUser(context, pin)) {
+    BOOL loggedIn = loginUser(context, pin);
+    if (loggedIn)
         storeValidatedPin(context->serialNumber, pin);
-        SecureZeroMemory(pin, sizeof pin);
+    SecureZeroMemory(pin, sizeof pin);
+    if (loggedIn) {
         logDebug("ensurePasswordValidated: password set, return true");
         return true;
     }
@@ -129,8 +133,8 @@ BOOL loginUser(CspContext* context, char* pinOut) {
         SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
         return FALSE;
     }
-    std::string pin;
-    if (!promptForValidPin(serial, context->deviceContext, kCspPrompt, &pin))
+    WipedText pin;
+    if (!promptForValidPin(serial, context->deviceContext, kCspPrompt, &pin.text))
         return FALSE;
     if (pinOut != nullptr) {
         std::strncpy(pinOut, pin.c_str(), PIN_BUFFER_SIZE - 1);
@@ -150,9 +154,9 @@ bool kspEnsurePasswordValidated(const std::string& serialNumber, void* deviceCon
         storeValidatedPin(serialNumber, std::string());
         return true;
     }
-    std::string pin;
-    if (!promptForValidPin(serialNumber, deviceContext, kKspPrompt, &pin))
+    WipedText pin;
+    if (!promptForValidPin(serialNumber, deviceContext, kKspPrompt, &pin.text))
         return false;
-    storeValidatedPin(serialNumber, pin);
+    storeValidatedPin(serialNumber, pin.text);
     return true;
 }

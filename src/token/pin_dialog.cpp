@@ -3,6 +3,7 @@
 #include "log/log.h"
 #include "register/module_instance.h"
 #include "resource.h"
+#include "token/secret_text.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ bool acceptableLength(int length) {
 
 int showPasswordDialog() {
     logDebug("Password dialog show window");
-    g_enteredPassword.clear();
+    wipeText(&g_enteredPassword);
     logDebug("Password dialog show window before");
     INT_PTR result = DialogBoxParamA(g_moduleInstance, MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
                                      passwordDialogProc, 0);
@@ -49,10 +50,12 @@ INT_PTR CALLBACK passwordDialogProc(HWND dialog, UINT message, WPARAM wParam, LP
             if (id == IDOK) {
                 char buffer[kPasswordBufferSize] = {};
                 GetDlgItemTextA(dialog, IDC_USER_PIN, buffer, kPasswordBufferSize);
+                wipeText(&g_enteredPassword);
                 g_enteredPassword = buffer;
+                SecureZeroMemory(buffer, sizeof buffer);
                 EndDialog(dialog, 0);
             } else if (id == IDCANCEL) {
-                g_enteredPassword.clear();
+                wipeText(&g_enteredPassword);
                 EndDialog(dialog, 0);
             } else if (id == IDC_USER_PIN) {
                 if (notification == EN_CHANGE) {

@@ -6,6 +6,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
+#include "token/secret_text.h"
 
 namespace {
 
@@ -13,6 +14,11 @@ struct TokenState {
     bool pinValidated = false;
     std::string pin;
     bool initialized = false;
+
+    TokenState() = default;
+    TokenState(const TokenState&) = delete;
+    TokenState& operator=(const TokenState&) = delete;
+    ~TokenState() { wipeText(&pin); }
 };
 
 struct Tables {
@@ -72,6 +78,7 @@ bool hasValidatedPin(const std::string& serial) {
 void storeValidatedPin(const std::string& serial, const std::string& pin) {
     std::lock_guard<std::mutex> lock(providerMutex());
     TokenState& state = tables().tokens[serial];
+    wipeText(&state.pin);
     state.pin = pin;
     state.pinValidated = true;
 }
@@ -82,7 +89,7 @@ void clearValidatedPin(const std::string& serial) {
     if (it == tables().tokens.end())
         return;
     it->second.pinValidated = false;
-    it->second.pin.clear();
+    wipeText(&it->second.pin);
 }
 
 void eraseDevice(const std::string& serial) {
