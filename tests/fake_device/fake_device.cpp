@@ -8,8 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
+
+#include "token/bounded_length.h"
+#include "token/token_table.h"
 
 namespace fake {
 namespace {
@@ -29,6 +33,7 @@ struct State {
     Hooks hooks;
     std::vector<std::unique_ptr<HashState>> hashes;  // live for the whole test program
     int nextKeyNumber = 1;
+    std::vector<std::string> callsUnderProviderMutex;
 };
 
 std::recursive_mutex& stateMutex() {
@@ -61,8 +66,29 @@ std::string bytesArg(const unsigned char* p, int length) {
     return hex(p, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
+// Another thread (the device monitor, a test's worker) may hold the provider's mutex for one table
+// update; the calling thread holding it never lets go while it waits here, so a mutex that stays
+// taken for about a second means the provider called the device with its own mutex held.
+bool providerMutexStaysTaken() {
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (providerMutex().try_lock()) {
+            providerMutex().unlock();
+            return false;
+        }
+        Sleep(5);
+    }
+    return true;
+}
+
 // Records the call; answers true with *result set when a forced result is queued.
 bool record(const char* function, const char* serial, std::vector<std::string> args, int* result) {
+    if (providerMutexStaysTaken()) {
+        {
+            std::lock_guard<std::recursive_mutex> lock(stateMutex());
+            state().callsUnderProviderMutex.push_back(function);
+        }
+        ADD_FAILURE() << function << " was called while the provider's mutex was held";
+    }
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     State& s = state();
     s.calls.push_back(Call{function, serial ? serial : "", std::move(args), GetCurrentThreadId()});
@@ -168,6 +194,7 @@ void reset() {
     s.files.clear();
     s.hooks = Hooks{};
     s.nextKeyNumber = 1;
+    s.callsUnderProviderMutex.clear();
 }
 
 Token& addToken(const std::string& serial) {
@@ -266,6 +293,31 @@ void failNext(const std::string& function, int result, int times) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     for (int i = 0; i < times; ++i)
         state().forced[function].push_back(result);
+}
+
+void setHostileRecordLengths(const std::string& serial, int32_t length) {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    Token& t = addToken(serial);
+    for (CalythKeyPair& kp : t.keyPairs) {
+        kp.publicKeyLength = length;
+        kp.objectIdLength = length;
+        std::memset(kp.label, 'K', sizeof kp.label);
+    }
+    for (CalythCertificate& c : t.certificates) {
+        c.derLength = length;
+        c.objectIdLength = length;
+        std::memset(c.label, 'C', sizeof c.label);
+    }
+    for (CalythSymmetricKey& k : t.aesKeys) {
+        k.referenceLength = length;
+        k.keyLength = length;
+        std::memset(k.label, 'A', sizeof k.label);
+    }
+}
+
+std::vector<std::string> callsUnderProviderMutex() {
+    std::lock_guard<std::recursive_mutex> lock(stateMutex());
+    return state().callsUnderProviderMutex;
 }
 
 Hooks& hooks() {
@@ -461,7 +513,7 @@ int calyth_generateKeyPair(const char* serial, const char* pin, CalythKeyPair* k
     if (keyPair) {
         args.push_back(num(keyPair->keySizeCode));
         args.push_back(num(keyPair->keyUsage));
-        args.push_back(keyPair->label);
+        args.push_back(fieldText(keyPair->label));
     }
     if (record("calyth_generateKeyPair", serial, args, &forced))
         return forced;
@@ -528,8 +580,9 @@ int calyth_importCertificate(const char* serial, const char* pin, CalythCertific
     int forced = 0;
     std::vector<std::string> args{text(pin)};
     if (certificate) {
-        args.push_back(bytesArg(certificate->der, certificate->derLength));
-        args.push_back(certificate->label);
+        args.push_back(
+            bytesArg(certificate->der, boundedDeviceLength(certificate->derLength, sizeof certificate->der)));
+        args.push_back(fieldText(certificate->label));
     }
     if (record("calyth_importCertificate", serial, args, &forced))
         return forced;
@@ -559,7 +612,7 @@ int calyth_importAesKey(const char* serial, const char* pin, CalythSymmetricKey*
     int forced = 0;
     std::vector<std::string> args{text(pin)};
     if (key) {
-        args.push_back(bytesArg(key->keyBytes, key->keyLength));
+        args.push_back(bytesArg(key->keyBytes, boundedDeviceLength(key->keyLength, sizeof key->keyBytes)));
         args.push_back(num(key->keyLength));
         args.push_back(num(key->type));
     }
@@ -624,6 +677,8 @@ int calyth_finalHash(void* hashHandle, unsigned char* digest, int* length, void*
         return 1;
     std::memcpy(digest, d.data(), d.size());
     *length = static_cast<int>(d.size());
+    if (hooks().finalHash)
+        return hooks().finalHash(digest, length);
     return 0;
 }
 
@@ -731,6 +786,8 @@ int calyth_encrypt_aes(const char* serial, EncryptionType type, const unsigned c
                 bytesArg(aad, aadLength), num(aadLength)},
                &forced))
         return forced;
+    if (hooks().encryptAes)
+        return hooks().encryptAes(serial, type, key, keyLength, data, dataLength, output, outputLength);
     if (!key || keyLength <= 0 || !output || !outputLength || (dataLength > 0 && !data))
         return 1;
     std::vector<unsigned char> out(data, data + dataLength);
@@ -751,6 +808,9 @@ int calyth_decrypt_aes(const char* serial, const unsigned char* keyReference, in
              num(dataLength), flag(tokenFlag), bytesArg(iv, ivLength), num(ivLength)},
             &forced))
         return forced;
+    if (hooks().decryptAes)
+        return hooks().decryptAes(serial, keyReference, keyReferenceLength, data, dataLength, output,
+                                  outputLength);
     // "Unwrapping" drops the 8-byte integrity block in front.
     if (!data || dataLength < 16 || !output || !outputLength)
         return 1;
@@ -768,6 +828,8 @@ int calyth_decryptSymetric(const char* serial, const unsigned char* data, int da
                 bytesArg(iv, ivLength), num(ivLength), bytesArg(key, keyLength), num(keyLength)},
                &forced))
         return forced;
+    if (hooks().decryptSymetric)
+        return hooks().decryptSymetric(serial, data, dataLength, output, outputLength, key, keyLength);
     if (!key || keyLength <= 0 || !output || !outputLength || *outputLength < dataLength)
         return 1;
     for (int i = 0; i < dataLength; ++i)

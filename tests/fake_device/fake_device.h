@@ -7,6 +7,8 @@
 // - failNext(function, result, times) makes the next calls of a function return that result
 //   without doing anything else.
 // - Hooks replace the default behaviour of a function for one test.
+// - Every call served fails the running test when the provider's shared mutex is held by the
+//   calling thread (see callsUnderProviderMutex).
 // - Default behaviours are simple and deterministic (see fake_device.cpp): hashing is real SHA,
 //   "encryption" is reversible byte arithmetic, signatures are a recognisable byte pattern.
 // All functions are thread-safe (the provider's device monitor calls from its own thread).
@@ -67,6 +69,18 @@ struct Hooks {
     std::function<int(const char* serial, const char* pin, CalythKeyPair* keyPair)> generateKeyPair;
     std::function<int(const char* serial, int length, unsigned char* output, bool useSoftware)> random;
     std::function<int(const char* serial, const char* pin, CalythCertificate* certificate)> importCertificate;
+    std::function<int(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
+                      const unsigned char* data, int dataLength, unsigned char** output, int* outputLength)>
+        encryptAes;
+    std::function<int(const char* serial, const unsigned char* keyReference, int keyReferenceLength,
+                      const unsigned char* data, int dataLength, unsigned char** output, int* outputLength)>
+        decryptAes;
+    std::function<int(const char* serial, const unsigned char* data, int dataLength, unsigned char* output,
+                      int* outputLength, const unsigned char* key, int keyLength)>
+        decryptSymetric;
+    // Called with the real digest already written (within the room) and *length set to its size;
+    // may change both, e.g. to report a hostile length.
+    std::function<int(unsigned char* digest, int* length)> finalHash;
     // Runs after every recorded call, on the calling thread, before the call does its work (e.g.
     // to unplug a token in the middle of an operation).
     std::function<void(const Call& call)> afterCall;
@@ -110,6 +124,16 @@ size_t countCalls(const std::string& function);
 // Names of all calls in order, e.g. {"calyth_init", "calyth_getConnectedDeviceList", ...}.
 std::vector<std::string> callNames();
 void clearCalls();
+
+// Gives every record of the token a length field of `length` (key pairs: public key and object id;
+// certificates: DER and object id; AES keys: reference and key) and fills every label to its last
+// byte, so that no label carries a terminating zero.
+void setHostileRecordLengths(const std::string& serial, int32_t length);
+
+// The provider never holds its shared mutex (providerMutex()) across a device call. Every call the
+// fake serves tries that mutex; when it stays taken (the calling thread holds it) the running test
+// fails and the function's name is kept here.
+std::vector<std::string> callsUnderProviderMutex();
 
 // The byte pattern the default calyth_signHash writes: signature[i] = (i + 1) & 0xFF.
 std::vector<unsigned char> defaultSignature(int length);
