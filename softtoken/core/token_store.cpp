@@ -246,6 +246,59 @@ int writeToken(TokenFiles& files, HANDLE lock, TokenData&& data, TokenRef* after
     return kOk;
 }
 
+std::vector<std::string> scanSerials(const std::string& root) {
+    std::vector<std::string> serials;
+    WIN32_FIND_DATAA entry;
+    HANDLE search = FindFirstFileA((root + "\\*.token").c_str(), &entry);
+    if (search == INVALID_HANDLE_VALUE)
+        return serials;
+    static const std::string suffix = ".token";
+    do {
+        std::string name = entry.cFileName;
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || name.size() <= suffix.size() ||
+            name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
+            continue;
+        std::string serial = name.substr(0, name.size() - suffix.size());
+        if (isValidSerial(serial))
+            serials.push_back(serial);
+    } while (FindNextFileA(search, &entry));
+    FindClose(search);
+    std::sort(serials.begin(), serials.end());
+    return serials;
+}
+
+// Listing a store folder costs ten times more than reading the folder's time, and every device
+// list (each acquisition, the provider's monitor every second) lists it. So the serials are kept
+// while the folder's last-write time, which moves whenever a file in it is made, renamed or
+// deleted, stays the same. A folder changed within the last two seconds is listed afresh on every
+// call: two changes within one tick of the file system's clock leave the same time behind.
+struct FolderListing {
+    uint64_t writeTime = 0;
+    std::vector<std::string> serials;
+};
+
+std::mutex listingMutex;
+std::map<std::string, FolderListing>& listings() {
+    static auto* kept = new std::map<std::string, FolderListing>();
+    return *kept;
+}
+
+constexpr uint64_t kSettleTime = 2 * 10000000ull;  // in 100 ns units
+
+// The folder's last-write time; false when there is no such folder or it changed too recently.
+bool settledFolderTime(const std::string& folder, uint64_t& writeTime) {
+    WIN32_FILE_ATTRIBUTE_DATA attributes;
+    if (!GetFileAttributesExA(folder.c_str(), GetFileExInfoStandard, &attributes) ||
+        !(attributes.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        return false;
+    writeTime =
+        uint64_t(attributes.ftLastWriteTime.dwHighDateTime) << 32 | attributes.ftLastWriteTime.dwLowDateTime;
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    uint64_t nowTime = uint64_t(now.dwHighDateTime) << 32 | now.dwLowDateTime;
+    return nowTime > writeTime + kSettleTime;
+}
+
 }  // namespace
 
 std::shared_ptr<PrivateKey> LoadedToken::privateKey(const unsigned char* id) const {
@@ -370,24 +423,20 @@ int deleteToken(const std::string& serial) {
 }
 
 std::vector<std::string> listTokenSerials() {
-    std::vector<std::string> serials;
     std::string root = storeRoot();
-    WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileA((root + "\\*.token").c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE)
-        return serials;
-    static const std::string suffix = ".token";
-    do {
-        std::string name = entry.cFileName;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || name.size() <= suffix.size() ||
-            name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
-            continue;
-        std::string serial = name.substr(0, name.size() - suffix.size());
-        if (isValidSerial(serial))
-            serials.push_back(serial);
-    } while (FindNextFileA(search, &entry));
-    FindClose(search);
-    std::sort(serials.begin(), serials.end());
+    uint64_t writeTime = 0;
+    bool settled = settledFolderTime(root, writeTime);
+    if (settled) {
+        std::lock_guard<std::mutex> guard(listingMutex);
+        auto found = listings().find(root);
+        if (found != listings().end() && found->second.writeTime == writeTime)
+            return found->second.serials;
+    }
+    std::vector<std::string> serials = scanSerials(root);
+    if (settled) {
+        std::lock_guard<std::mutex> guard(listingMutex);
+        listings()[root] = FolderListing{writeTime, serials};
+    }
     return serials;
 }
 

@@ -6,6 +6,8 @@
 // - Readers keep a parsed, immutable copy per token and read the file again only when it changed:
 //   the lock file carries a change counter that every writer bumps, and the file's size and time
 //   are compared as well (a file replaced by hand is noticed too).
+// - The list of serials is kept while the store folder's last-write time stays the same (and is
+//   older than two seconds), since listing a folder costs far more than reading its time.
 // - Writers hold an in-process mutex and an exclusive LockFileEx lock on the lock file, read the
 //   newest file, change it, write a temporary file and move it over the old one. Readers that must
 //   read the file hold a shared lock, so they never see a half-written token.
