@@ -69,7 +69,8 @@ int32_t storeKeyCertificate(const KspProvider* provider, const KspKey* key, cons
     auto stored = static_cast<DWORD>(fieldLength(record.der, length));
     std::memcpy(record.der, der, stored);
     record.derLength = static_cast<int32_t>(stored);
-    auto linkLength = static_cast<uint32_t>(boundedLength(key->linkIdLength, sizeof key->linkId));
+    auto linkLength = static_cast<uint32_t>(
+        boundedLength(key->linkIdLength, std::min(sizeof key->linkId, sizeof record.objectId)));
     std::memcpy(record.objectId, key->linkId, linkLength);
     record.objectIdLength = static_cast<int32_t>(linkLength);
     return importCertificateWithChain(provider->serial, pin, record, provider->deviceContext);

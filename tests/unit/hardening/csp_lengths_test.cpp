@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cert/certificate_chain.h"
 #include "cert/certificate_import.h"
 #include "csp/hash_context.h"
 #include "csp_keys_fixture.h"
@@ -339,6 +340,31 @@ TEST_F(CspLengths, ChainImportHoldsTheLeafsLengthToItsRecord) {
     auto parsed = fake::callsTo("calyth_getCertificateDetails");
     ASSERT_FALSE(parsed.empty());
     EXPECT_EQ(parsed[0].args.at(1), "3072");
+}
+
+TEST_F(CspLengths, ChainExportParsesNoRecordPastItsField) {
+    std::vector<CalythCertificate> chain{certificateRecord(0x30, 100000, "leaf")};
+    EXPECT_EQ(gatherCertificateChain(chain[0], chain).size(), 1u);
+    DWORD length = 0;
+    EXPECT_FALSE(BuildCertificateChain(chain, nullptr, &length));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
+    EXPECT_TRUE(hasLogLine("ERROR", "Failed creating leaf certificate"));
+}
+
+// After the import the key pair with the leaf's public key gets the label; a key pair whose public
+// key length lies outside its field is never compared.
+TEST_F(CspLengths, ChainImportComparesNoPublicKeyPastItsField) {
+    CalythKeyPair keyPair = fake::makeKeyPair(kBothId, CALYTH_USAGE_BOTH, CALYTH_KEY_RSA_2048);
+    std::vector<unsigned char> publicKey(keyPair.publicKey, keyPair.publicKey + sizeof keyPair.publicKey);
+    fake::addKeyPair("SN1", keyPair);
+    fake::setHostileRecordLengths("SN1", 100000);
+    CalythCertificate leaf = certificateRecord(0x5D, 40, "leaf");
+    CertificateDetails details;
+    details.subjectName = "CN=Leaf";
+    details.publicKey = publicKey;
+    fake::registerCertificate(std::vector<unsigned char>(leaf.der, leaf.der + 40), details);
+    EXPECT_EQ(importCertificateWithChain("SN1", "1234", leaf, nullptr), 0);
+    EXPECT_EQ(fake::countCalls("calyth_updateKeyPairDetails"), 0u);
 }
 
 // ---- symmetric key records ----
