@@ -26,7 +26,8 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-build_dir=$(cd "$build_dir" 2>/dev/null && pwd || echo "$build_dir")
+mkdir -p "$build_dir"
+build_dir=$(cd "$build_dir" && pwd)
 
 if [ "$build" = yes ]; then
     if [ ! -f "$build_dir/CMakeCache.txt" ]; then
