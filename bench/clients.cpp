@@ -56,6 +56,11 @@ bool signDocument(HCRYPTPROV provider, const Bytes& document) {
     return ok;
 }
 
+bool acquireOnce(const std::string& container) {
+    HCRYPTPROV provider = acquireContext(container, nullptr);
+    return provider && CryptReleaseContext(provider, 0);
+}
+
 const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* kspTable() {
     static NCRYPT_KEY_STORAGE_FUNCTION_TABLE* table = [] {
         NCRYPT_KEY_STORAGE_FUNCTION_TABLE* found = nullptr;
@@ -94,6 +99,13 @@ void closeKspKey(KspKey& key) {
     if (key.provider)
         table->FreeProvider(key.provider);
     key = KspKey();
+}
+
+bool openOnce(const std::string& keyName) {
+    KspKey key;
+    bool ok = openKspKey(keyName, nullptr, key);
+    closeKspKey(key);
+    return ok;
 }
 
 bool kspSign(const KspKey& key, const Bytes& digest, bool ec) {

@@ -27,6 +27,8 @@ bool registerProviderBesideProgram();
 // CryptAcquireContext on the key's container (empty: none), then PP_SIGNATURE_PIN unless `pin`
 // is null. Releases and answers 0 on failure.
 HCRYPTPROV acquireContext(const std::string& container, const char* pin, DWORD flags = 0);
+// CryptAcquireContext on the container and CryptReleaseContext, no PIN.
+bool acquireOnce(const std::string& container);
 // One signature as an application makes it: create a SHA-256 hash, hash `document`, sign with
 // AT_SIGNATURE, destroy the hash.
 bool signDocument(HCRYPTPROV provider, const Bytes& document);
@@ -42,6 +44,8 @@ struct KspKey {
 // answers false on failure.
 bool openKspKey(const std::string& keyName, const char* pin, KspKey& out);
 void closeKspKey(KspKey& key);
+// OpenProvider, OpenKey, FreeKey, FreeProvider, no PIN.
+bool openOnce(const std::string& keyName);
 // One SignHash of a SHA-256 digest: PKCS #1 for RSA keys, plain for EC keys.
 bool kspSign(const KspKey& key, const Bytes& digest, bool ec);
 

@@ -52,7 +52,7 @@ void printRow(const std::string& figure, const Summary& summary, Unit unit, cons
     std::string spread =
         summary.valid ? formatted(summary.low, unit) + " .. " + formatted(summary.high, unit) : "-";
     const char* verdict = goal.empty() ? "" : !summary.valid ? "FAILED" : met ? "met" : "MISSED";
-    std::printf("| %-50s | %10s | %22s | %-10s | %-6s |\n", figure.c_str(), median.c_str(), spread.c_str(),
+    std::printf("| %-58s | %10s | %22s | %-10s | %-6s |\n", figure.c_str(), median.c_str(), spread.c_str(),
                 goal.c_str(), verdict);
     std::fflush(stdout);
 }

@@ -71,18 +71,6 @@ struct AcquireRounds {
     std::vector<double> csp, ksp;
 };
 
-bool acquireOnce(const std::string& container) {
-    HCRYPTPROV provider = acquireContext(container, nullptr);
-    return provider && CryptReleaseContext(provider, 0);
-}
-
-bool openOnce(const std::string& name) {
-    KspKey key;
-    bool ok = openKspKey(name, nullptr, key);
-    closeKspKey(key);
-    return ok;
-}
-
 int acquisition(const std::string& root, const Scale& scale) {
     SignHashFn signHash = deviceSignHash();
     if (!signHash)
