@@ -25,7 +25,7 @@ cleanup() { wineserver -k 2>/dev/null || true; }
 trap cleanup EXIT
 
 wineboot -i >/dev/null 2>&1
-wineserver -p 60
+wineserver -p 60 2>/dev/null || true  # already running after wineboot: it stays
 drive=$WINEPREFIX/drive_c
 install_root="$drive/Program Files/Quorvik Labs/Calyth"
 temp=$(find "$drive/users" -maxdepth 2 -iname temp -type d | head -1)
@@ -75,7 +75,7 @@ sign() { # sign <calyth-sign.exe copy> <name>: a signature in a new process, jud
 
 echo "== install $(basename "$previous") (soft token feature)"
 check "silent install" msiexec_quiet install /i "$(winpath "$previous")" ADDLOCAL=ALL
-layout "$(sed -n 's/.*-\([0-9.]*\)-x64\.msi$/\1/p' <<<"$previous").0"
+layout "$(sed -n 's/.*-\([0-9.]*\)-x64\.msi$/\1/p' <<<"$previous")"
 check "KSP registered (DllRegisterServer)" grep -q "DllRegisterServer: KSP registered successfully" \
     "$temp/Quorvik Labs/calyth-register/"*.LOG
 
