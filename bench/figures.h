@@ -10,8 +10,8 @@ namespace bench {
 struct Scale {
     int rounds;
     int signatures;      // per round and side, soft-token signatures
-    int freeOperations;  // per round, operations on the zero-cost device library
-    int acquisitions;    // per round and store
+    int freeOperations;  // zero-cost device library: provider operations per signature taken
+    int acquisitions;    // per round and store, each beside one signature
     int threadSignatures;
     int firstCycles;  // memory: the working set after these cycles is the base
     int allCycles;

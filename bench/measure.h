@@ -22,6 +22,38 @@ double perCall(int count, Operation&& operation) {
     return secondsSince(start) / count;
 }
 
+// Seconds per call of `first` and of `second`, taken in turns: `firstPerTurn` calls of `first`,
+// then one of `second`, `turns` times, so that a change of load during the round weighs on both
+// alike. False when a call failed.
+template <typename First, typename Second>
+bool alternate(int turns, int firstPerTurn, First&& first, Second&& second, double& firstTime,
+               double& secondTime) {
+    double firstTotal = 0, secondTotal = 0;
+    for (int turn = 0; turn < turns; ++turn) {
+        auto start = Clock::now();
+        for (int i = 0; i < firstPerTurn; ++i)
+            if (!first(i))
+                return false;
+        auto middle = Clock::now();
+        if (!second(turn))
+            return false;
+        firstTotal += std::chrono::duration<double>(middle - start).count();
+        secondTotal += secondsSince(middle);
+    }
+    firstTime = firstTotal / (double(turns) * firstPerTurn);
+    secondTime = secondTotal / turns;
+    return true;
+}
+
+// first / second from alternate(), or -1 when a call failed.
+template <typename First, typename Second>
+double alternatingRatio(int turns, int firstPerTurn, First&& first, Second&& second) {
+    double firstTime = 0, secondTime = 0;
+    if (!alternate(turns, firstPerTurn, first, second, firstTime, secondTime) || secondTime <= 0)
+        return -1;
+    return firstTime / secondTime;
+}
+
 struct Summary {
     double median = 0;
     double low = 0;

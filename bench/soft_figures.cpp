@@ -48,14 +48,14 @@ int endToEnd(const std::string& root, const Scale& scale) {
     std::vector<double> cspRsa, kspRsaRounds, kspEcRounds;
     int n = scale.signatures;
     for (int round = 0; round < scale.rounds; ++round) {
-        double csp = perCall(n, [&](int) { return signDocument(provider, sampleDocument()); });
-        double rsaFloor = perCall(n, [&](int) { return referenceSign(*rsaKey, sampleDigest()); });
-        double ksp = perCall(n, [&](int) { return kspSign(kspRsa, sampleDigest(), false); });
-        double kspEcTime = perCall(n * 4, [&](int) { return kspSign(kspEc, sampleDigest(), true); });
-        double ecFloor = perCall(n * 4, [&](int) { return referenceSign(*ecKey, sampleDigest()); });
-        cspRsa.push_back(csp < 0 ? -1 : csp / rsaFloor);
-        kspRsaRounds.push_back(ksp < 0 ? -1 : ksp / rsaFloor);
-        kspEcRounds.push_back(kspEcTime < 0 ? -1 : kspEcTime / ecFloor);
+        auto rsaFloor = [&](int) { return referenceSign(*rsaKey, sampleDigest()); };
+        auto ecFloor = [&](int) { return referenceSign(*ecKey, sampleDigest()); };
+        cspRsa.push_back(alternatingRatio(
+            n, 1, [&](int) { return signDocument(provider, sampleDocument()); }, rsaFloor));
+        kspRsaRounds.push_back(alternatingRatio(
+            n, 1, [&](int) { return kspSign(kspRsa, sampleDigest(), false); }, rsaFloor));
+        kspEcRounds.push_back(alternatingRatio(
+            n * 4, 1, [&](int) { return kspSign(kspEc, sampleDigest(), true); }, ecFloor));
     }
     CryptReleaseContext(provider, 0);
     closeKspKey(kspRsa);
@@ -88,12 +88,11 @@ int acquisition(const std::string& root, const Scale& scale) {
             std::string name = keyIdText(key);
             acquireOnce(name);
             openOnce(name);
-            double csp = perCall(scale.acquisitions, [&](int) { return acquireOnce(name); });
-            double ksp = perCall(scale.acquisitions, [&](int) { return openOnce(name); });
-            double signature =
-                perCall(scale.signatures, [&](int) { return tokenSign(signHash, serials.back(), key); });
-            rounds[layout.name].csp.push_back(csp < 0 || signature < 0 ? -1 : csp / signature);
-            rounds[layout.name].ksp.push_back(ksp < 0 || signature < 0 ? -1 : ksp / signature);
+            auto signature = [&](int) { return tokenSign(signHash, serials.back(), key); };
+            rounds[layout.name].csp.push_back(alternatingRatio(
+                scale.acquisitions, 1, [&](int) { return acquireOnce(name); }, signature));
+            rounds[layout.name].ksp.push_back(alternatingRatio(
+                scale.acquisitions, 1, [&](int) { return openOnce(name); }, signature));
         }
         growthCsp.push_back(rounds["k200"].csp.back() / rounds["k20"].csp.back());
         growthKsp.push_back(rounds["k200"].ksp.back() / rounds["k20"].ksp.back());
@@ -118,8 +117,8 @@ int acquisition(const std::string& root, const Scale& scale) {
 
 Scale scaleFor(bool quick) {
     if (quick)
-        return Scale{3, 10, 200, 20, 6, 1000, 3000};
-    return Scale{7, 60, 2000, 200, 40, 1000, 100000};
+        return Scale{3, 10, 20, 20, 6, 1000, 3000};
+    return Scale{7, 60, 20, 100, 40, 1000, 100000};
 }
 
 int softTokenFigures(const std::string& root, const Scale& scale) {
