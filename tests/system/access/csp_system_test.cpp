@@ -1,19 +1,23 @@
 // Token access through CryptoAPI with the real provider and the soft token, the PIN dialog and
 // message boxes answered by a simulated user.
 #include <algorithm>
+#include <gmock/gmock.h>
 
 #include "access_log.h"
-#include "provider_setup.h"
 #include "simulated_user.h"
+#include "support/provider_registration.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace access_system;
+using namespace testsupport;
 using namespace access_test;
 using ::testing::ElementsAre;
 
 namespace {
 
-class CspSystem : public TokenStoreTest {
+constexpr DWORD kNoToken = 0x80090023;
+
+class CspSystem : public ProviderStoreTest {
 protected:
     void TearDown() override {
         for (HCRYPTPROV handle : opened)
@@ -90,7 +94,7 @@ TEST_F(CspSystem, NoTokenConnectedFailsWithTheNoTokenCode) {
 TEST_F(CspSystem, AContainerOnTheSecondTokenOpensThatToken) {
     makeToken("SYS-A1");
     makeToken("SYS-A2");
-    std::string key = makeKey("SYS-A2", "p256", "sign");
+    std::string key = makeKey("SYS-A2", "p256", "--usage sign");
     HCRYPTPROV second = 0;
     ASSERT_TRUE(acquire(&second, lower(key).c_str(), 0)) << std::hex << GetLastError();
     EXPECT_TRUE(
@@ -105,7 +109,7 @@ TEST_F(CspSystem, AContainerOnTheSecondTokenOpensThatToken) {
 
 TEST_F(CspSystem, AWrongPinShowsTheAttemptsLeftAndTheRightOneSigns) {
     makeToken("SYS-B1");
-    std::string key = makeKey("SYS-B1", "rsa2048", "sign");
+    std::string key = makeKey("SYS-B1", "rsa2048", "--usage sign");
     HCRYPTPROV provider = 0;
     ASSERT_TRUE(acquire(&provider, key.c_str(), 0));
     std::vector<BYTE> signature;
@@ -119,7 +123,7 @@ TEST_F(CspSystem, AWrongPinShowsTheAttemptsLeftAndTheRightOneSigns) {
     std::string publicKey = scratch + "signer.pem";
     std::string data = scratch + "data.txt";
     std::string sigFile = scratch + "data.sig";
-    ASSERT_EQ(tokenTool("export-pubkey --serial SYS-B1 --key " + key + " --out \"" + publicKey + "\""), 0);
+    ASSERT_EQ(calythToken("export-pubkey --serial SYS-B1 --key " + key + " --out \"" + publicKey + "\""), 0);
     testsupport::writeFile(data, {'c', 'a', 'l', 'y', 't', 'h'});
     std::reverse(signature.begin(), signature.end());
     testsupport::writeFile(sigFile, signature);
@@ -142,7 +146,7 @@ TEST_F(CspSystem, AWrongPinShowsTheAttemptsLeftAndTheRightOneSigns) {
 
 TEST_F(CspSystem, ALockedTokenEndsTheLogin) {
     makeToken("SYS-C1", "--retries 2");
-    std::string key = makeKey("SYS-C1", "p256", "sign");
+    std::string key = makeKey("SYS-C1", "p256", "--usage sign");
     HCRYPTPROV provider = 0;
     ASSERT_TRUE(acquire(&provider, key.c_str(), 0));
     std::vector<BYTE> signature;
@@ -162,8 +166,8 @@ TEST_F(CspSystem, ALockedTokenEndsTheLogin) {
 
 TEST_F(CspSystem, ATimeMismatchIsShownOnce) {
     makeToken("SYS-D1");
-    std::string key = makeKey("SYS-D1", "p256", "sign");
-    ASSERT_EQ(tokenTool("fault --serial SYS-D1 --function validatePassword --code 48"), 0);
+    std::string key = makeKey("SYS-D1", "p256", "--usage sign");
+    ASSERT_EQ(calythToken("fault --serial SYS-D1 --function validatePassword --code 48"), 0);
     HCRYPTPROV provider = 0;
     ASSERT_TRUE(acquire(&provider, key.c_str(), 0));
     std::vector<BYTE> signature;
@@ -175,8 +179,8 @@ TEST_F(CspSystem, ATimeMismatchIsShownOnce) {
 
 TEST_F(CspSystem, SingleSignOnSignsWithoutAskingAndIsAskedEveryTime) {
     makeToken("SYS-E1");
-    std::string key = makeKey("SYS-E1", "p256", "sign");
-    ASSERT_EQ(tokenTool("sso --serial SYS-E1 on"), 0);
+    std::string key = makeKey("SYS-E1", "p256", "--usage sign");
+    ASSERT_EQ(calythToken("sso --serial SYS-E1 on"), 0);
     HCRYPTPROV provider = 0;
     ASSERT_TRUE(acquire(&provider, key.c_str(), 0));
     std::vector<BYTE> signature;
@@ -188,7 +192,7 @@ TEST_F(CspSystem, SingleSignOnSignsWithoutAskingAndIsAskedEveryTime) {
     EXPECT_EQ(logCount("DEBUG:loginUser: SSO already validated, return TRUE"), 2u);
 
     // Once single sign-on is off, the PIN is needed.
-    ASSERT_EQ(tokenTool("sso --serial SYS-E1 off"), 0);
+    ASSERT_EQ(calythToken("sso --serial SYS-E1 off"), 0);
     SimulatedUser user({pressCancel()});
     EXPECT_FALSE(sign(provider, &signature));
     EXPECT_THAT(user.finish(), ElementsAre("dialog"));
@@ -197,7 +201,7 @@ TEST_F(CspSystem, SingleSignOnSignsWithoutAskingAndIsAskedEveryTime) {
 
 TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
     makeToken("SYS-F1");
-    std::string key = makeKey("SYS-F1", "p256", "sign");
+    std::string key = makeKey("SYS-F1", "p256", "--usage sign");
     HCRYPTPROV provider = 0;
     ASSERT_TRUE(acquire(&provider, key.c_str(), 0));
     std::vector<BYTE> signature;
@@ -205,7 +209,7 @@ TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
     ASSERT_TRUE(sign(provider, &signature));
     EXPECT_THAT(user.finish(), ElementsAre("dialog"));
 
-    ASSERT_EQ(tokenTool("unplug --serial SYS-F1"), 0);
+    ASSERT_EQ(calythToken("unplug --serial SYS-F1"), 0);
     DWORD unplugged = GetTickCount();
     ASSERT_TRUE(waitUntil([] { return logHas("DEBUG:Device disconnected: SYS-F1"); }, 5000));
     DWORD forgottenAfter = GetTickCount() - unplugged;
@@ -216,8 +220,8 @@ TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
 
     // Back again: the next acquisition initialises it again (a refused first initialisation
     // shows the call), and the PIN is asked for again.
-    ASSERT_EQ(tokenTool("plug --serial SYS-F1"), 0);
-    ASSERT_EQ(tokenTool("fault --serial SYS-F1 --function initDevice --code 5"), 0);
+    ASSERT_EQ(calythToken("plug --serial SYS-F1"), 0);
+    ASSERT_EQ(calythToken("fault --serial SYS-F1 --function initDevice --code 5"), 0);
     HCRYPTPROV back = 0;
     ASSERT_TRUE(acquire(&back, key.c_str(), 0));
     EXPECT_TRUE(logHas("ERROR:Init device failed for SYS-F1 : 5"));

@@ -3,10 +3,11 @@
 // simply ends.
 #include "access_log.h"
 #include "csp/csp_entry_points.h"
-#include "provider_setup.h"
+#include "support/provider_registration.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace access_system;
+using namespace testsupport;
 using namespace access_test;
 
 namespace {
@@ -15,7 +16,7 @@ using VTable = VTableProvStruc;
 using Acquire = decltype(&CPAcquireContext);
 using Release = BOOL(WINAPI*)(HCRYPTPROV, DWORD);
 
-class Unload : public TokenStoreTest {};
+class Unload : public ProviderStoreTest {};
 
 bool providerLoaded() {
     return GetModuleHandleA("CalythCSP.dll") != nullptr;
@@ -49,7 +50,8 @@ ChildRun runChild(const std::string& steps) {
     ChildRun run{};
     DWORD start = GetTickCount();
     run.exitCode = testsupport::runCommand(
-        "\"" + binFolder() + "access_exit_child.exe\" \"" + providerPath() + "\" " + steps, &run.output);
+        "\"" + programFolder() + "access_exit_child.exe\" \"" + providerImagePath() + "\" " + steps,
+        &run.output);
     run.milliseconds = GetTickCount() - start;
     std::vector<unsigned char> bytes = testsupport::readFile(logPath);
     std::string text(bytes.begin(), bytes.end());
@@ -77,7 +79,7 @@ TEST_F(Unload, WithoutAMonitorFreeLibraryReallyUnloadsEveryTime) {
     constexpr int kCycles = 100;
     DWORD start = GetTickCount();
     for (int i = 0; i < kCycles; ++i) {
-        HMODULE module = LoadLibraryA(providerPath().c_str());
+        HMODULE module = LoadLibraryA(providerImagePath().c_str());
         ASSERT_NE(module, nullptr) << i;
         ASSERT_TRUE(openAndClose(module, CRYPT_VERIFYCONTEXT)) << i;
         ASSERT_TRUE(FreeLibrary(module)) << i;
@@ -129,7 +131,7 @@ TEST_F(Unload, AProcessEndingWhileTheMonitorPollsEndsPromptly) {
 
 TEST_F(Unload, WithTheMonitorRunningTheLibraryStaysAndReloadsIntoTheSameState) {
     makeToken("UNL-2");
-    HMODULE first = LoadLibraryA(providerPath().c_str());
+    HMODULE first = LoadLibraryA(providerImagePath().c_str());
     ASSERT_NE(first, nullptr);
     ASSERT_TRUE(openAndClose(first, 0));
     ASSERT_TRUE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
@@ -142,7 +144,7 @@ TEST_F(Unload, WithTheMonitorRunningTheLibraryStaysAndReloadsIntoTheSameState) {
         ASSERT_LT(GetTickCount() - before, 500u) << i;
         // The monitor's own reference keeps the code in place.
         ASSERT_TRUE(providerLoaded()) << i;
-        HMODULE again = LoadLibraryA(providerPath().c_str());
+        HMODULE again = LoadLibraryA(providerImagePath().c_str());
         ASSERT_EQ(again, first) << i;
         ASSERT_TRUE(openAndClose(again, 0)) << i;
     }
@@ -153,7 +155,7 @@ TEST_F(Unload, WithTheMonitorRunningTheLibraryStaysAndReloadsIntoTheSameState) {
     EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
     EXPECT_GE(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
     // The monitor still works after all this: an unplugged token is forgotten.
-    ASSERT_EQ(tokenTool("unplug --serial UNL-2"), 0);
+    ASSERT_EQ(calythToken("unplug --serial UNL-2"), 0);
     EXPECT_TRUE(waitUntil([] { return logHas("DEBUG:Device disconnected: UNL-2"); }, 3000));
     FreeLibrary(first);
 }

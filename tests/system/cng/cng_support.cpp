@@ -11,8 +11,8 @@ namespace cngtest {
 
 void CngSystemTest::SetUp() {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    clienttest::useFreshTokenStore(std::string(test->test_suite_name()) + "-" + test->name());
-    ASSERT_TRUE(clienttest::createToken(kSerial, kPin));
+    testsupport::useFreshTokenStore(std::string(test->test_suite_name()) + "-" + test->name());
+    ASSERT_TRUE(testsupport::makeToken(kSerial, std::string("--pin ") + kPin));
     ASSERT_TRUE(client.loaded());
 }
 
@@ -61,14 +61,14 @@ std::string keyIdPrinted(int code, const std::string& output) {
 
 std::string tokenKey(const std::string& type, const std::string& usage) {
     std::string output;
-    int code = clienttest::calythToken(
+    int code = testsupport::calythToken(
         "genkey --serial " + std::string(kSerial) + " --type " + type + " --usage " + usage, &output);
     return keyIdPrinted(code, output);
 }
 
 std::string importKey(const std::string& keyFile, const std::string& usage) {
     std::string output;
-    int code = clienttest::calythToken(
+    int code = testsupport::calythToken(
         "import-key --serial " + std::string(kSerial) + " --usage " + usage + " --in \"" + keyFile + "\"",
         &output);
     return keyIdPrinted(code, output);
@@ -76,9 +76,9 @@ std::string importKey(const std::string& keyFile, const std::string& usage) {
 
 std::string opensslKey(const std::string& fileName, const std::string& genpkeyArguments) {
     std::string output;
-    std::string path = clienttest::tempPath(fileName);
-    int code =
-        clienttest::openssl("genpkey " + genpkeyArguments + " -out " + testsupport::unixPath(path), &output);
+    std::string path = testsupport::tempPath(fileName);
+    int code = testsupport::runOpenSsl("genpkey " + genpkeyArguments + " -out " + testsupport::unixPath(path),
+                                       &output);
     EXPECT_EQ(code, 0) << output;
     return path;
 }
@@ -106,17 +106,18 @@ Bytes nativeHash(const wchar_t* algorithm, const Bytes& data) {
 }
 
 std::string unixTemp(const std::string& fileName) {
-    return testsupport::unixPath(clienttest::tempPath(fileName));
+    return testsupport::unixPath(testsupport::tempPath(fileName));
 }
 
 bool opensslVerifies(const std::string& publicKeyPem, const std::string& hash, const Bytes& message,
                      const Bytes& signature, const std::string& options) {
-    clienttest::writeTemp("message.bin", message);
-    clienttest::writeTemp("signature.bin", signature);
+    testsupport::writeTemp("message.bin", message);
+    testsupport::writeTemp("signature.bin", signature);
     std::string output;
-    clienttest::openssl("dgst -" + hash + " " + options + " -verify " + testsupport::unixPath(publicKeyPem) +
-                            " -signature " + unixTemp("signature.bin") + " " + unixTemp("message.bin"),
-                        &output);
+    testsupport::runOpenSsl("dgst -" + hash + " " + options + " -verify " +
+                                testsupport::unixPath(publicKeyPem) + " -signature " +
+                                unixTemp("signature.bin") + " " + unixTemp("message.bin"),
+                            &output);
     bool verified = output.find("Verified OK") != std::string::npos;
     if (!verified)
         ADD_FAILURE() << "openssl dgst -" << hash << " " << options << ": " << output;

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "support/cng_client.h"
-#include "system/cryptoapi/cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
+#include "support/token_tool.h"
 
 namespace cngtest {
 

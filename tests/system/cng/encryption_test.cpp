@@ -14,7 +14,7 @@ namespace {
 
 using Encryption = CngSystemTest;
 
-const Bytes kSecret = clienttest::bytesOf("session key material 0123456789");
+const Bytes kSecret = testsupport::bytesOf("session key material 0123456789");
 
 struct Padding {
     const char* name;
@@ -46,15 +46,15 @@ TEST_F(Encryption, CngCiphertextsAreDecryptedByOpenSsl) {
                                      padding.flags),
                       0);
             EXPECT_EQ(ciphertext.size(), static_cast<size_t>(std::stoi(bits) / 8));
-            clienttest::writeTemp("cng.bin", ciphertext);
+            testsupport::writeTemp("cng.bin", ciphertext);
             std::string output;
-            ASSERT_EQ(clienttest::openssl("pkeyutl -decrypt -inkey " + testsupport::unixPath(keyFile) +
-                                              padding.opensslOptions + " -in " + unixTemp("cng.bin") +
-                                              " -out " + unixTemp("plain.bin"),
-                                          &output),
+            ASSERT_EQ(testsupport::runOpenSsl("pkeyutl -decrypt -inkey " + testsupport::unixPath(keyFile) +
+                                                  padding.opensslOptions + " -in " + unixTemp("cng.bin") +
+                                                  " -out " + unixTemp("plain.bin"),
+                                              &output),
                       0)
                 << output;
-            EXPECT_EQ(clienttest::readTemp("plain.bin"), kSecret);
+            EXPECT_EQ(testsupport::readTemp("plain.bin"), kSecret);
         }
         freeKey(key);
     }
@@ -65,20 +65,20 @@ TEST_F(Encryption, OpenSslCiphertextsAreDecryptedOnTheToken) {
     std::string id = importKey(keyFile, "exchange");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
-    std::string pem = clienttest::exportPublicKey(kSerial, id, "own.pem");
-    clienttest::writeTemp("secret.bin", kSecret);
+    std::string pem = testsupport::exportPublicKey(kSerial, id, testsupport::tempPath("own.pem"));
+    testsupport::writeTemp("secret.bin", kSecret);
     for (const Padding& padding : kPaddings) {
         SCOPED_TRACE(padding.name);
         std::string output;
-        ASSERT_EQ(clienttest::openssl("pkeyutl -encrypt -pubin -inkey " + testsupport::unixPath(pem) +
-                                          padding.opensslOptions + " -in " + unixTemp("secret.bin") +
-                                          " -out " + unixTemp("openssl.bin"),
-                                      &output),
+        ASSERT_EQ(testsupport::runOpenSsl("pkeyutl -encrypt -pubin -inkey " + testsupport::unixPath(pem) +
+                                              padding.opensslOptions + " -in " + unixTemp("secret.bin") +
+                                              " -out " + unixTemp("openssl.bin"),
+                                          &output),
                   0)
             << output;
         BCRYPT_OAEP_PADDING_INFO oaep;
         Bytes plaintext;
-        ASSERT_EQ(client.decrypt(provider(), key, clienttest::readTemp("openssl.bin"),
+        ASSERT_EQ(client.decrypt(provider(), key, testsupport::readTemp("openssl.bin"),
                                  paddingInfo(padding.flags, &oaep), &plaintext, padding.flags),
                   0);
         EXPECT_EQ(plaintext, kSecret);

@@ -26,8 +26,8 @@ std::vector<std::string> sorted(std::vector<std::string> names) {
 // The containers CryptoAPI lists for the token (PP_ENUMCONTAINERS through advapi32).
 std::vector<std::string> cryptoApiContainers() {
     std::vector<std::string> names;
-    clienttest::Provider context;
-    if (!clienttest::acquire(context, nullptr)) {
+    testsupport::Provider context;
+    if (!testsupport::acquire(context, nullptr)) {
         ADD_FAILURE() << "CryptAcquireContext: " << std::hex << GetLastError();
         return names;
     }
@@ -67,9 +67,10 @@ std::string createThroughCng(CngClient& client, NCRYPT_PROV_HANDLE provider, con
 
 // The key size OpenSSL reads from the exported public key ("Public-Key: (3072 bit)").
 std::string opensslKeySize(const std::string& keyId) {
-    std::string pem = clienttest::exportPublicKey(kSerial, keyId, keyId + ".pem");
+    std::string pem = testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath(keyId + ".pem"));
     std::string output;
-    EXPECT_EQ(clienttest::openssl("pkey -pubin -noout -text -in " + testsupport::unixPath(pem), &output), 0)
+    EXPECT_EQ(testsupport::runOpenSsl("pkey -pubin -noout -text -in " + testsupport::unixPath(pem), &output),
+              0)
         << output;
     size_t at = output.find("Public-Key: (");
     return at == std::string::npos ? output : output.substr(at + 13, output.find(')', at) - at - 13);
@@ -82,7 +83,7 @@ TEST_F(KeyEnumeration, ListsExactlyTheTokensKeysAndEachOpensByItsName) {
     std::string exchange = tokenKey("p256", "exchange");
     std::string both = tokenKey("p384", "both");
     std::string small = tokenKey("rsa1024", "exchange");
-    std::vector<std::string> onToken = clienttest::listedKeyIds(kSerial);
+    std::vector<std::string> onToken = testsupport::listedKeyIds(kSerial);
     ASSERT_EQ(onToken.size(), 4u);
 
     std::vector<KeyName> keys;
@@ -140,24 +141,24 @@ TEST_F(KeyEnumeration, AnEmptyTokenListsNoKey) {
 }
 
 TEST_F(KeyCreation, RsaKeysOfTheRequestedLengthLandOnTheTokenAndAreCryptoApiContainers) {
-    ASSERT_EQ(clienttest::registerProvider(), ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
     for (DWORD bits : {2048u, 3072u}) {
         SCOPED_TRACE(bits);
         DWORD reported = 0;
         std::string id = createThroughCng(client, provider(), L"RSA", bits, &reported);
         ASSERT_EQ(id.size(), 32u);
         EXPECT_EQ(reported, bits);
-        std::vector<std::string> onToken = clienttest::listedKeyIds(kSerial);
+        std::vector<std::string> onToken = testsupport::listedKeyIds(kSerial);
         EXPECT_NE(std::find(onToken.begin(), onToken.end(), id), onToken.end());
         EXPECT_EQ(opensslKeySize(id), std::to_string(bits) + " bit");
         std::vector<std::string> containers = cryptoApiContainers();
         EXPECT_NE(std::find(containers.begin(), containers.end(), id), containers.end());
     }
-    EXPECT_EQ(clienttest::listedKeyIds(kSerial).size(), 2u);
+    EXPECT_EQ(testsupport::listedKeyIds(kSerial).size(), 2u);
 }
 
 TEST_F(KeyCreation, EcKeysLandOnTheTokenAndAreCryptoApiContainers) {
-    ASSERT_EQ(clienttest::registerProvider(), ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
     struct Case {
         const wchar_t* algorithm;
         DWORD bits;
@@ -168,7 +169,7 @@ TEST_F(KeyCreation, EcKeysLandOnTheTokenAndAreCryptoApiContainers) {
         std::string id = createThroughCng(client, provider(), c.algorithm, 0, &reported);
         ASSERT_EQ(id.size(), 32u);
         EXPECT_EQ(reported, c.bits);
-        std::vector<std::string> onToken = clienttest::listedKeyIds(kSerial);
+        std::vector<std::string> onToken = testsupport::listedKeyIds(kSerial);
         EXPECT_NE(std::find(onToken.begin(), onToken.end(), id), onToken.end());
         EXPECT_EQ(opensslKeySize(id), std::to_string(c.bits) + " bit");
         std::vector<std::string> containers = cryptoApiContainers();
@@ -187,6 +188,6 @@ TEST_F(KeyCreation, DeletedKeyLeavesTheTokenAndItsHandleIsStillFreedOnce) {
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     EXPECT_EQ(client.deleteKey(provider(), key), 0);
-    EXPECT_TRUE(clienttest::listedKeyIds(kSerial).empty());
+    EXPECT_TRUE(testsupport::listedKeyIds(kSerial).empty());
     freeKey(key);
 }

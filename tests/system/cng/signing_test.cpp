@@ -16,7 +16,7 @@ namespace {
 using Signing = CngSystemTest;
 using Verification = CngSystemTest;
 
-const Bytes kMessage = clienttest::bytesOf("a document signed through the key storage provider");
+const Bytes kMessage = testsupport::bytesOf("a document signed through the key storage provider");
 
 struct Hash {
     const wchar_t* bcrypt;  // BCrypt and NCrypt name
@@ -28,7 +28,7 @@ const Hash kHashes[] = {{BCRYPT_SHA1_ALGORITHM, "sha1"},
                         {BCRYPT_SHA512_ALGORITHM, "sha512"}};
 
 std::string publicKeyOf(const std::string& keyId) {
-    return clienttest::exportPublicKey(kSerial, keyId, keyId + ".pem");
+    return testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath(keyId + ".pem"));
 }
 
 void flipOneBit(Bytes& signature) {
@@ -56,7 +56,7 @@ TEST_F(Signing, Pkcs1OverEveryHashVerifiesWithOpenSsl) {
 }
 
 TEST_F(Signing, PssOnFirmwareTwoPointOneVerifiesWithOpenSsl) {
-    ASSERT_EQ(clienttest::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 2.1.0"),
+    ASSERT_EQ(testsupport::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 2.1.0"),
               0);
     std::string id = tokenKey("rsa3072", "sign");
     std::string pem = publicKeyOf(id);
@@ -78,7 +78,8 @@ TEST_F(Signing, PssOnFirmwareTwoPointOneVerifiesWithOpenSsl) {
 }
 
 TEST_F(Signing, PssIsRefusedOnFirmwareOnePointNine) {
-    ASSERT_EQ(clienttest::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 1.9"), 0);
+    ASSERT_EQ(testsupport::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 1.9"),
+              0);
     std::string id = tokenKey("rsa2048", "sign");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
@@ -121,17 +122,17 @@ TEST_F(Verification, AcceptsRsaSignaturesOpenSslMadeAndRejectsAFlippedBit) {
     ASSERT_FALSE(id.empty());
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
-    clienttest::writeTemp("document.txt", kMessage);
+    testsupport::writeTemp("document.txt", kMessage);
     for (const Hash& hash : kHashes) {
         SCOPED_TRACE(hash.openssl);
         std::string output;
-        ASSERT_EQ(clienttest::openssl(std::string("dgst -") + hash.openssl + " -sign " +
-                                          testsupport::unixPath(keyFile) + " -out " +
-                                          unixTemp("openssl.sig") + " " + unixTemp("document.txt"),
-                                      &output),
+        ASSERT_EQ(testsupport::runOpenSsl(std::string("dgst -") + hash.openssl + " -sign " +
+                                              testsupport::unixPath(keyFile) + " -out " +
+                                              unixTemp("openssl.sig") + " " + unixTemp("document.txt"),
+                                          &output),
                   0)
             << output;
-        Bytes signature = clienttest::readTemp("openssl.sig");
+        Bytes signature = testsupport::readTemp("openssl.sig");
         Bytes digest = nativeHash(hash.bcrypt, kMessage);
         BCRYPT_PKCS1_PADDING_INFO padding = {hash.bcrypt};
         EXPECT_EQ(client.verifySignature(provider(), key, &padding, digest, signature, BCRYPT_PAD_PKCS1), 0);
@@ -149,25 +150,25 @@ TEST_F(Verification, AcceptsPssAndEcdsaSignaturesOpenSslMade) {
     NCRYPT_KEY_HANDLE ec = openKey(importKey(ecFile, "sign"));
     ASSERT_NE(rsa, 0u);
     ASSERT_NE(ec, 0u);
-    clienttest::writeTemp("document.txt", kMessage);
+    testsupport::writeTemp("document.txt", kMessage);
     Bytes digest = nativeHash(BCRYPT_SHA384_ALGORITHM, kMessage);
 
     ASSERT_EQ(
-        clienttest::openssl("dgst -sha384 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:48 -sign " +
-                            testsupport::unixPath(rsaFile) + " -out " + unixTemp("pss.sig") + " " +
-                            unixTemp("document.txt")),
+        testsupport::runOpenSsl(
+            "dgst -sha384 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:48 -sign " +
+            testsupport::unixPath(rsaFile) + " -out " + unixTemp("pss.sig") + " " + unixTemp("document.txt")),
         0);
-    Bytes pss = clienttest::readTemp("pss.sig");
+    Bytes pss = testsupport::readTemp("pss.sig");
     BCRYPT_PSS_PADDING_INFO padding = {BCRYPT_SHA384_ALGORITHM, 48};
     EXPECT_EQ(client.verifySignature(provider(), rsa, &padding, digest, pss, BCRYPT_PAD_PSS), 0);
     flipOneBit(pss);
     EXPECT_EQ(client.verifySignature(provider(), rsa, &padding, digest, pss, BCRYPT_PAD_PSS),
               KSP_NTE_BAD_SIGNATURE);
 
-    ASSERT_EQ(clienttest::openssl("dgst -sha384 -sign " + testsupport::unixPath(ecFile) + " -out " +
-                                  unixTemp("ec.sig") + " " + unixTemp("document.txt")),
+    ASSERT_EQ(testsupport::runOpenSsl("dgst -sha384 -sign " + testsupport::unixPath(ecFile) + " -out " +
+                                      unixTemp("ec.sig") + " " + unixTemp("document.txt")),
               0);
-    Bytes rs = testsupport::ecdsaSignatureFromDer(clienttest::readTemp("ec.sig"), 48);
+    Bytes rs = testsupport::ecdsaSignatureFromDer(testsupport::readTemp("ec.sig"), 48);
     ASSERT_EQ(rs.size(), 96u);
     EXPECT_EQ(client.verifySignature(provider(), ec, nullptr, digest, rs, 0), 0);
     flipOneBit(rs);
@@ -178,21 +179,21 @@ TEST_F(Verification, AcceptsPssAndEcdsaSignaturesOpenSslMade) {
 
 TEST_F(Signing, CalythSignWithCngWritesASignatureOpenSslVerifies) {
     std::string id = tokenKey("rsa2048", "sign");
-    std::string document = clienttest::writeTemp("document.txt", kMessage);
-    std::string signature = clienttest::tempPath("document.cng.sig");
+    std::string document = testsupport::writeTemp("document.txt", kMessage);
+    std::string signature = testsupport::tempPath("document.cng.sig");
     std::string output;
     ASSERT_EQ(
-        testsupport::runCommand("\"" + clienttest::programFolder() + "calyth-sign.exe\" --cng --container " +
+        testsupport::runCommand("\"" + testsupport::programFolder() + "calyth-sign.exe\" --cng --container " +
                                     id + " --pin " + kPin + " --hash sha256 --in \"" + document +
                                     "\" --out \"" + signature + "\"",
                                 &output),
         0)
         << output;
     EXPECT_TRUE(
-        opensslVerifies(publicKeyOf(id), "sha256", kMessage, clienttest::readTemp("document.cng.sig")));
+        opensslVerifies(publicKeyOf(id), "sha256", kMessage, testsupport::readTemp("document.cng.sig")));
 
     EXPECT_EQ(
-        testsupport::runCommand("\"" + clienttest::programFolder() + "calyth-sign.exe\" --cng --container " +
+        testsupport::runCommand("\"" + testsupport::programFolder() + "calyth-sign.exe\" --cng --container " +
                                     id + " --pin 0000 --in \"" + document + "\" --out \"" + signature + "\"",
                                 &output),
         1)

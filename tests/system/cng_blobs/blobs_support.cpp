@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
-#include "system/cryptoapi/cryptoapi_support.h"
+#include "support/token_tool.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -11,8 +13,8 @@ namespace blobsys {
 
 std::string generateKey(const std::string& serial, const std::string& type, const std::string& usage) {
     std::string output;
-    int code = clienttest::calythToken("genkey --serial " + serial + " --type " + type + " --usage " + usage,
-                                       &output);
+    int code = testsupport::calythToken("genkey --serial " + serial + " --type " + type + " --usage " + usage,
+                                        &output);
     EXPECT_EQ(code, 0) << output;
     std::string id = Utils().trim(output);
     EXPECT_EQ(id.size(), 32u) << output;
@@ -38,7 +40,7 @@ Bytes opensslPublicDer(const std::string& fileName, bool der) {
     if (!openssl("pkey -pubin -in " + unixTemp(fileName) + (der ? " -inform DER" : "") +
                  " -outform DER -out " + unixTemp(out)))
         return {};
-    return clienttest::readTemp(out);
+    return testsupport::readTemp(out);
 }
 
 std::string hex(const Bytes& bytes) {

@@ -10,7 +10,9 @@
 
 #include "blobs_support.h"
 #include "support/cng_client.h"
-#include "system/cryptoapi/cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
+#include "support/token_tool.h"
 #include "util/encoding.h"
 
 using namespace blobsys;
@@ -32,8 +34,8 @@ struct TokenKeys {
 class CngBlobExportTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        clienttest::useFreshTokenStore("cng-blobs-export");
-        ASSERT_TRUE(clienttest::createToken("SN1", "1234"));
+        testsupport::useFreshTokenStore("cng-blobs-export");
+        ASSERT_TRUE(testsupport::makeToken("SN1", std::string("--pin ") + "1234"));
         keys_.rsa2048 = generateKey("SN1", "rsa2048", "sign");
         keys_.rsa3072 = generateKey("SN1", "rsa3072", "both");
         keys_.p256 = generateKey("SN1", "p256", "sign");
@@ -44,11 +46,11 @@ protected:
 
     // The key as calyth-token exports it, in OpenSSL's DER form.
     Bytes tokenPublicKey(const std::string& keyId) {
-        std::string pem = clienttest::exportPublicKey("SN1", keyId, keyId + ".pem");
+        std::string pem = testsupport::exportPublicKey("SN1", keyId, testsupport::tempPath(keyId + ".pem"));
         return opensslPublicDer(keyId + ".pem", false);
     }
     Bytes opensslForm(const std::string& fileName, const Bytes& der) {
-        clienttest::writeTemp(fileName, der);
+        testsupport::writeTemp(fileName, der);
         return opensslPublicDer(fileName, true);
     }
 
@@ -77,7 +79,7 @@ TEST_F(CngBlobExportTest, RsaPublicBlobsCarryTheTokensModulus) {
         ASSERT_FALSE(tokenKey.empty());
         EXPECT_EQ(opensslForm(id + "-bcrypt.der", buildRsaSubjectPublicKeyInfo(hex(modulus), hex(exponent))),
                   tokenKey);
-        EXPECT_EQ(modulus, clienttest::opensslModulus(clienttest::tempPath(id + ".pem")));
+        EXPECT_EQ(modulus, testsupport::opensslModulus(testsupport::tempPath(id + ".pem")));
 
         Bytes publicBlob;
         ASSERT_EQ(session.exportBlob(key, L"PUBLICBLOB", &publicBlob), 0);
@@ -90,7 +92,7 @@ TEST_F(CngBlobExportTest, RsaPublicBlobsCarryTheTokensModulus) {
         EXPECT_EQ(wordAt(legacy, 4), static_cast<uint32_t>(CALG_RSA_KEYX));
         EXPECT_EQ(wordAt(legacy, 12), cbModulus * 8);
         EXPECT_EQ(wordAt(legacy, 16), 65537u);
-        Bytes legacyModulus = clienttest::reversed(Bytes(legacy.begin() + 20, legacy.end()));
+        Bytes legacyModulus = testsupport::reversed(Bytes(legacy.begin() + 20, legacy.end()));
         EXPECT_EQ(opensslForm(id + "-legacy.der", buildRsaSubjectPublicKeyInfo(hex(legacyModulus), "010001")),
                   tokenKey);
     }
@@ -133,7 +135,7 @@ TEST_F(CngBlobExportTest, WineBcryptVerifiesRsaSignaturesWithTheExportedBlob) {
               0);
 
     Bytes hash =
-        hashOf(BCRYPT_SHA256_ALGORITHM, clienttest::bytesOf("signed by the token, checked by bcrypt"));
+        hashOf(BCRYPT_SHA256_ALGORITHM, testsupport::bytesOf("signed by the token, checked by bcrypt"));
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, &pkcs1, hash, &signature, BCRYPT_PAD_PKCS1), 0);
@@ -165,14 +167,14 @@ TEST_F(CngBlobExportTest, OpenSslVerifiesWithTheKeyOfTheLegacyBlob) {
               kNotSupported)
         << "Wine's bcrypt takes legacy blobs now: verify with it here too";
 
-    Bytes modulus = clienttest::reversed(Bytes(legacy.begin() + 20, legacy.end()));
-    clienttest::writeTemp("legacy.der", buildRsaSubjectPublicKeyInfo(hex(modulus), "010001"));
-    Bytes hash = hashOf(BCRYPT_SHA384_ALGORITHM, clienttest::bytesOf("legacy blob"));
+    Bytes modulus = testsupport::reversed(Bytes(legacy.begin() + 20, legacy.end()));
+    testsupport::writeTemp("legacy.der", buildRsaSubjectPublicKeyInfo(hex(modulus), "010001"));
+    Bytes hash = hashOf(BCRYPT_SHA384_ALGORITHM, testsupport::bytesOf("legacy blob"));
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA384_ALGORITHM};
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, &pkcs1, hash, &signature, BCRYPT_PAD_PKCS1), 0);
-    clienttest::writeTemp("legacy.hash", hash);
-    clienttest::writeTemp("legacy.sig", signature);
+    testsupport::writeTemp("legacy.hash", hash);
+    testsupport::writeTemp("legacy.sig", signature);
     std::string output;
     EXPECT_TRUE(openssl("pkeyutl -verify -pubin -keyform DER -inkey " + unixTemp("legacy.der") +
                             " -pkeyopt digest:sha384 -in " + unixTemp("legacy.hash") + " -sigfile " +
@@ -199,7 +201,7 @@ TEST_F(CngBlobExportTest, WineBcryptVerifiesEcdsaSignaturesWithTheExportedBlob) 
         ASSERT_EQ(BCryptImportKeyPair(ecdsa.handle, nullptr, BCRYPT_ECCPUBLIC_BLOB, &publicKey.handle,
                                       blob.data(), static_cast<ULONG>(blob.size()), 0),
                   0);
-        Bytes hash = hashOf(c.hash, clienttest::bytesOf("an ECDSA signature from the token"));
+        Bytes hash = hashOf(c.hash, testsupport::bytesOf("an ECDSA signature from the token"));
         Bytes signature;
         ASSERT_EQ(client_.signHash(session.provider(), key, nullptr, hash, &signature, 0), 0);
         EXPECT_EQ(
@@ -231,13 +233,13 @@ TEST_F(CngBlobExportTest, OpenSslVerifiesP521SignaturesWithTheExportedBlob) {
 
     Bytes point{0x04};
     point.insert(point.end(), blob.begin() + 8, blob.end());
-    clienttest::writeTemp("p521.der", ecSubjectPublicKeyInfo(point, 521));
-    Bytes hash = hashOf(BCRYPT_SHA512_ALGORITHM, clienttest::bytesOf("P-521"));
+    testsupport::writeTemp("p521.der", ecSubjectPublicKeyInfo(point, 521));
+    Bytes hash = hashOf(BCRYPT_SHA512_ALGORITHM, testsupport::bytesOf("P-521"));
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, nullptr, hash, &signature, 0), 0);
     ASSERT_EQ(signature.size(), 132u);
-    clienttest::writeTemp("p521.hash", hash);
-    clienttest::writeTemp("p521.sig", ecdsaRawToDer(signature));
+    testsupport::writeTemp("p521.hash", hash);
+    testsupport::writeTemp("p521.sig", ecdsaRawToDer(signature));
     std::string output;
     EXPECT_TRUE(openssl("pkeyutl -verify -pubin -keyform DER -inkey " + unixTemp("p521.der") + " -in " +
                             unixTemp("p521.hash") + " -sigfile " + unixTemp("p521.sig"),

@@ -12,8 +12,10 @@
 
 #include "blobs_support.h"
 #include "support/cng_client.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
-#include "system/cryptoapi/cryptoapi_support.h"
+#include "support/token_tool.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -27,15 +29,15 @@ constexpr SECURITY_STATUS kBadKey = static_cast<SECURITY_STATUS>(0x80090003);
 class CngBlobImportTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        clienttest::useFreshTokenStore("cng-blobs-import");
-        ASSERT_TRUE(clienttest::createToken("SN1", "1234"));
+        testsupport::useFreshTokenStore("cng-blobs-import");
+        ASSERT_TRUE(testsupport::makeToken("SN1", std::string("--pin ") + "1234"));
         transportKey_ = generateKey("SN1", "rsa2048", "exchange");
     }
 
     // The secret keys calyth-token lists, as "<id> type=<n>".
     static std::vector<std::string> secretKeys() {
         std::vector<std::string> keys;
-        for (const std::string& line : clienttest::listedLines("SN1", "secret-key")) {
+        for (const std::string& line : testsupport::listedLines("SN1", "secret-key")) {
             std::string rest = line.substr(11);
             keys.push_back(rest.substr(0, rest.find(" bits=")));
         }
@@ -48,7 +50,7 @@ protected:
 
     // A file of the program's temp folder.
     static std::string file(const std::string& name, const Bytes& bytes) {
-        clienttest::writeTemp(name, bytes);
+        testsupport::writeTemp(name, bytes);
         return unixTemp(name);
     }
 
@@ -58,16 +60,16 @@ protected:
 
 std::string CngBlobImportTest::transportKey_;
 
-const Bytes kMessage = clienttest::bytesOf("a message signed outside and verified by the provider");
+const Bytes kMessage = testsupport::bytesOf("a message signed outside and verified by the provider");
 
 TEST_F(CngBlobImportTest, RsaBlobsFromOpenSslVerifyAndEncrypt) {
     ASSERT_TRUE(openssl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixTemp("rsa.pem")));
     ASSERT_TRUE(openssl("rsa -in " + unixTemp("rsa.pem") + " -pubout -out " + unixTemp("rsa.pub.pem")));
-    Bytes modulus = clienttest::opensslModulus(clienttest::tempPath("rsa.pub.pem"));
+    Bytes modulus = testsupport::opensslModulus(testsupport::tempPath("rsa.pub.pem"));
     ASSERT_EQ(modulus.size(), 256u);
     ASSERT_TRUE(openssl("dgst -sha256 -sign " + unixTemp("rsa.pem") + " -out " + unixTemp("rsa.sig") + " " +
                         file("message.txt", kMessage)));
-    Bytes signature = clienttest::readTemp("rsa.sig");
+    Bytes signature = testsupport::readTemp("rsa.sig");
     Bytes hash = hashOf(BCRYPT_SHA256_ALGORITHM, kMessage);
 
     Session session(client_);
@@ -76,7 +78,7 @@ TEST_F(CngBlobImportTest, RsaBlobsFromOpenSslVerifyAndEncrypt) {
         Bytes blob;
     };
     for (const Case& c : {Case{L"RSAPUBLICBLOB", rsaPublicBlob({0x01, 0x00, 0x01}, modulus)},
-                          Case{L"CAPIPUBLICBLOB", clienttest::publicKeyBlob(modulus)}}) {
+                          Case{L"CAPIPUBLICBLOB", testsupport::publicKeyBlob(modulus)}}) {
         NCRYPT_KEY_HANDLE key = 0;
         ASSERT_EQ(session.import(c.type, c.blob, &key), 0);
         BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
@@ -97,7 +99,7 @@ TEST_F(CngBlobImportTest, RsaBlobsFromOpenSslVerifyAndEncrypt) {
             ASSERT_TRUE(openssl("pkeyutl -decrypt -inkey " + unixTemp("rsa.pem") +
                                 (padding == NCRYPT_PAD_OAEP_FLAG ? " -pkeyopt rsa_padding_mode:oaep" : "") +
                                 " -in " + file("rsa.enc", encrypted) + " -out " + unixTemp("rsa.dec")));
-            EXPECT_EQ(clienttest::readTemp("rsa.dec"), secret);
+            EXPECT_EQ(testsupport::readTemp("rsa.dec"), secret);
         }
     }
 }
@@ -158,12 +160,12 @@ TEST_F(CngBlobImportTest, EccBlobsFromOpenSslVerify) {
                             unixTemp(name + ".pub.der")));
         ASSERT_TRUE(openssl("dgst -" + std::string(c.digest) + " -sign " + unixTemp(name + ".pem") +
                             " -out " + unixTemp(name + ".sig") + " " + file("message.txt", kMessage)));
-        Bytes point = ecPointOf(clienttest::readTemp(name + ".pub.der"), c.coordinate);
+        Bytes point = ecPointOf(testsupport::readTemp(name + ".pub.der"), c.coordinate);
         ASSERT_EQ(point.at(0), 0x04);
 
         NCRYPT_KEY_HANDLE key = 0;
         ASSERT_EQ(session.import(L"ECCPUBLICBLOB", eccPublicBlob(c.magic, point), &key), 0) << c.curve;
-        Bytes signature = ecdsaDerToRaw(clienttest::readTemp(name + ".sig"), c.coordinate);
+        Bytes signature = ecdsaDerToRaw(testsupport::readTemp(name + ".sig"), c.coordinate);
         Bytes hash = hashOf(c.hash, kMessage);
         EXPECT_EQ(client_.verifySignature(session.provider(), key, nullptr, hash, signature, 0), 0)
             << c.curve;
@@ -178,7 +180,7 @@ TEST_F(CngBlobImportTest, EcdhMagicMakesAnExchangeKey) {
         openssl("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-384 -out " + unixTemp("ecdh.pem")));
     ASSERT_TRUE(openssl("pkey -in " + unixTemp("ecdh.pem") + " -pubout -outform DER -out " +
                         unixTemp("ecdh.pub.der")));
-    Bytes point = ecPointOf(clienttest::readTemp("ecdh.pub.der"), 48);
+    Bytes point = ecPointOf(testsupport::readTemp("ecdh.pub.der"), 48);
     Session session(client_);
     NCRYPT_KEY_HANDLE key = 0;
     ASSERT_EQ(session.import(L"ECCPUBLICBLOB", eccPublicBlob(BCRYPT_ECDH_PUBLIC_P384_MAGIC, point), &key), 0);
@@ -259,7 +261,7 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
                             " -iv A6A6A6A6A6A6A6A6 -in " + file("inner.key", randomBytes(16)) + " -out " +
                             unixTemp("inner.wrapped")));
         NCRYPT_KEY_HANDLE inner = 0;
-        ASSERT_EQ(session.import(L"OpaqueKeyBlob", clienttest::readTemp("inner.wrapped"), &inner), 0);
+        ASSERT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("inner.wrapped"), &inner), 0);
         EXPECT_TRUE(unwrappedWith(kekId)) << kekId;
     }
 }
@@ -267,14 +269,14 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
 TEST_F(CngBlobImportTest, OpaqueBlobIsUnwrappedByATokenKeyEncryptionKey) {
     Bytes kek = randomBytes(32);
     std::string output;
-    ASSERT_EQ(clienttest::calythToken("import-aes --serial SN1 --type aes256 --key " + hex(kek), &output), 0)
+    ASSERT_EQ(testsupport::calythToken("import-aes --serial SN1 --type aes256 --key " + hex(kek), &output), 0)
         << output;
     std::string kekId = Utils().trim(output).substr(0, 32);
 
     Bytes material = randomBytes(32);
     ASSERT_TRUE(openssl("enc -id-aes256-wrap -K " + hex(kek) + " -iv A6A6A6A6A6A6A6A6 -in " +
                         file("wrapped.key", material) + " -out " + unixTemp("wrapped.bin")));
-    Bytes wrapped = clienttest::readTemp("wrapped.bin");
+    Bytes wrapped = testsupport::readTemp("wrapped.bin");
     ASSERT_EQ(wrapped.size(), 40u);
 
     Session session(client_);
@@ -291,14 +293,14 @@ TEST_F(CngBlobImportTest, OpaqueBlobIsUnwrappedByATokenKeyEncryptionKey) {
     ASSERT_TRUE(openssl("enc -id-aes256-wrap -K " + hex(material) + " -iv A6A6A6A6A6A6A6A6 -in " +
                         file("second.key", randomBytes(16)) + " -out " + unixTemp("second.bin")));
     NCRYPT_KEY_HANDLE second = 0;
-    ASSERT_EQ(session.import(L"OpaqueKeyBlob", clienttest::readTemp("second.bin"), &second), 0);
+    ASSERT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("second.bin"), &second), 0);
     EXPECT_TRUE(unwrappedWith(storedId)) << storedId;
 
     // Wrapped under a key the token does not hold: no key-encryption key unwraps it.
     ASSERT_TRUE(openssl("enc -id-aes256-wrap -K " + hex(randomBytes(32)) + " -iv A6A6A6A6A6A6A6A6 -in " +
                         file("stray.key", randomBytes(32)) + " -out " + unixTemp("stray.bin")));
     NCRYPT_KEY_HANDLE stray = 0;
-    EXPECT_EQ(session.import(L"OpaqueKeyBlob", clienttest::readTemp("stray.bin"), &stray), kBadKey);
+    EXPECT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("stray.bin"), &stray), kBadKey);
     EXPECT_TRUE(
         testsupport::logContains("KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK"));
 }
@@ -325,7 +327,7 @@ TEST_F(CngBlobImportTest, TransportBlobFromOpenSslEncryptsAndDecrypts) {
         ASSERT_TRUE(openssl("pkeyutl -encrypt -pubin -keyform DER -inkey " + publicKey + c.padding + " -in " +
                             file("aes.key", aesKey) + " -out " + unixTemp("aes.enc")));
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(L"OpaqueTransport", clienttest::readTemp("aes.enc"), &key, rsa), 0);
+        ASSERT_EQ(session.import(L"OpaqueTransport", testsupport::readTemp("aes.enc"), &key, rsa), 0);
 
         std::wstring mode = c.chaining;
         Bytes modeBytes(reinterpret_cast<const unsigned char*>(mode.c_str()),
@@ -335,14 +337,14 @@ TEST_F(CngBlobImportTest, TransportBlobFromOpenSslEncryptsAndDecrypts) {
         bool cbc = mode == L"ChainingModeCBC";
         ASSERT_EQ(client_.setKeyProperty(session.provider(), key, L"IV", cbc ? iv : Bytes()), 0);
 
-        Bytes plain = clienttest::bytesOf("forty-one bytes of text for the AES test!");
+        Bytes plain = testsupport::bytesOf("forty-one bytes of text for the AES test!");
         Bytes encrypted;
         ASSERT_EQ(client_.encrypt(session.provider(), key, plain, nullptr, &encrypted, 0), 0);
         EXPECT_EQ(encrypted.size(), 48u) << "PKCS #7 padding to whole blocks";
         ASSERT_TRUE(openssl(std::string("enc -d -") + c.cipher + " -K " + hex(aesKey) +
                             (cbc ? " -iv " + hex(iv) : std::string()) + " -in " + file("aes.ct", encrypted) +
                             " -out " + unixTemp("aes.pt")));
-        EXPECT_EQ(clienttest::readTemp("aes.pt"), plain);
+        EXPECT_EQ(testsupport::readTemp("aes.pt"), plain);
 
         Bytes decrypted;
         ASSERT_EQ(client_.decrypt(session.provider(), key, encrypted, nullptr, &decrypted, 0), 0);

@@ -44,14 +44,14 @@ class Ecdh : public CngSystemTest, public ::testing::WithParamInterface<Curve> {
 protected:
     // An OpenSSL peer key on the curve; its uncompressed point goes into an ECCPUBLICBLOB.
     Bytes peerBlob(const std::string& peerKeyPath) {
-        std::string der = clienttest::tempPath("peer_public.der");
+        std::string der = testsupport::tempPath("peer_public.der");
         std::string output;
-        EXPECT_EQ(clienttest::openssl("pkey -in " + testsupport::unixPath(peerKeyPath) +
-                                          " -pubout -outform DER -out " + testsupport::unixPath(der),
-                                      &output),
+        EXPECT_EQ(testsupport::runOpenSsl("pkey -in " + testsupport::unixPath(peerKeyPath) +
+                                              " -pubout -outform DER -out " + testsupport::unixPath(der),
+                                          &output),
                   0)
             << output;
-        Bytes spki = clienttest::readTemp("peer_public.der");
+        Bytes spki = testsupport::readTemp("peer_public.der");
         size_t pointSize = 1 + 2 * GetParam().coordinate;
         if (spki.size() < pointSize) {
             ADD_FAILURE() << "short public key";
@@ -68,28 +68,29 @@ protected:
 
     // What OpenSSL computes from the peer's side with the token key's public key.
     Bytes opensslSecret(const std::string& peerKeyPath, const std::string& tokenKeyId) {
-        std::string tokenPem = clienttest::exportPublicKey(kSerial, tokenKeyId, "token_public.pem");
+        std::string tokenPem =
+            testsupport::exportPublicKey(kSerial, tokenKeyId, testsupport::tempPath("token_public.pem"));
         EXPECT_FALSE(tokenPem.empty());
         std::string output;
-        EXPECT_EQ(clienttest::openssl("pkeyutl -derive -inkey " + testsupport::unixPath(peerKeyPath) +
-                                          " -peerkey " + testsupport::unixPath(tokenPem) + " -out " +
-                                          unixTemp("z.bin"),
-                                      &output),
+        EXPECT_EQ(testsupport::runOpenSsl("pkeyutl -derive -inkey " + testsupport::unixPath(peerKeyPath) +
+                                              " -peerkey " + testsupport::unixPath(tokenPem) + " -out " +
+                                              unixTemp("z.bin"),
+                                          &output),
                   0)
             << output;
-        return clienttest::readTemp("z.bin");
+        return testsupport::readTemp("z.bin");
     }
 
     // openssl dgst -<hash> -binary over `data`.
     Bytes opensslDigest(const std::string& hash, const Bytes& data) {
-        clienttest::writeTemp("kdf_input.bin", data);
+        testsupport::writeTemp("kdf_input.bin", data);
         std::string output;
-        EXPECT_EQ(clienttest::openssl("dgst -" + hash + " -binary -out " + unixTemp("digest.bin") + " " +
-                                          unixTemp("kdf_input.bin"),
-                                      &output),
+        EXPECT_EQ(testsupport::runOpenSsl("dgst -" + hash + " -binary -out " + unixTemp("digest.bin") + " " +
+                                              unixTemp("kdf_input.bin"),
+                                          &output),
                   0)
             << output;
-        return clienttest::readTemp("digest.bin");
+        return testsupport::readTemp("digest.bin");
     }
 
     // Token key, peer key (imported from its ECCPUBLICBLOB) and their secret.
@@ -142,9 +143,9 @@ TEST_P(Ecdh, DerivationWithoutKdfNameIsSha256OfTheSecret) {
 
 TEST_P(Ecdh, ConcatDerivationHashesAlgorithmIdPartyUAndSecret) {
     ASSERT_NO_FATAL_FAILURE(agree());
-    Bytes algorithmId = clienttest::bytesOf("AES256-GCM");
-    Bytes partyU = clienttest::bytesOf("alice");
-    Bytes partyV = clienttest::bytesOf("bob");
+    Bytes algorithmId = testsupport::bytesOf("AES256-GCM");
+    Bytes partyU = testsupport::bytesOf("alice");
+    Bytes partyV = testsupport::bytesOf("bob");
     std::wstring hashName = GetParam().hashName;
     NCryptBuffer buffers[] = {
         {static_cast<ULONG>((hashName.size() + 1) * sizeof(wchar_t)), KDF_HASH_ALGORITHM, &hashName[0]},

@@ -10,8 +10,10 @@
 #include <gtest/gtest.h>
 
 #include "cng_pin_support.h"
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 using cngtest::CngClient;
 using testing::HasSubstr;
@@ -91,9 +93,9 @@ std::string listedSubject(const std::string& line) {
 // written by calyth-token export-cert.
 Bytes exportedCertificate(const std::string& serial, const std::string& line) {
     std::string handle = line.substr(12, line.find(' ', 12) - 12);
-    std::string path = clienttest::tempPath(serial + "-certificate-" + handle + ".der");
+    std::string path = testsupport::tempPath(serial + "-certificate-" + handle + ".der");
     std::string output;
-    int code = clienttest::calythToken(
+    int code = testsupport::calythToken(
         "export-cert --serial " + serial + " --cert " + handle + " --out \"" + path + "\"", &output);
     EXPECT_EQ(code, 0) << output;
     return testsupport::readFile(path);
@@ -135,7 +137,7 @@ TEST_F(KeyCertificate, IsStoredRootFirstWithItsChainAndReadsBackAsTheLeaf) {
     EXPECT_TRUE(
         testsupport::logHasLine("DEBUG", "importCertificateWithChain: certificate imported successfully"));
 
-    std::vector<std::string> certificates = clienttest::listedLines(token.serial, "certificate");
+    std::vector<std::string> certificates = testsupport::listedLines(token.serial, "certificate");
     ASSERT_EQ(certificates.size(), 3u) << testing::PrintToString(certificates);
     EXPECT_THAT(listedSubject(certificates[0]), HasSubstr("CN=CngPinRoot"));
     EXPECT_THAT(listedSubject(certificates[1]), HasSubstr("CN=CngPinIntermediate"));
@@ -179,7 +181,7 @@ TEST_F(KeyCertificate, WithoutItsIssuersInTheCaFolderOnlyTheLeafIsStored) {
         "DEBUG",
         "importCertificateWithChain: chain import skipped \xE2\x80\x94 performing normal leaf import"));
 
-    std::vector<std::string> certificates = clienttest::listedLines(token.serial, "certificate");
+    std::vector<std::string> certificates = testsupport::listedLines(token.serial, "certificate");
     ASSERT_EQ(certificates.size(), 1u) << testing::PrintToString(certificates);
     EXPECT_THAT(listedSubject(certificates[0]), HasSubstr("CN=CngPinLeaf"));
     Bytes value;
@@ -202,7 +204,7 @@ TEST_F(KeyCertificate, WithoutAPinAHeadlessProgramStoresNothing) {
               KSP_NTE_FAIL);
     EXPECT_TRUE(testsupport::logHasLine(
         "ERROR", "KSPSetKeyProperty: password validation failed for certificate import"));
-    EXPECT_TRUE(clienttest::listedLines(token.serial, "certificate").empty());
+    EXPECT_TRUE(testsupport::listedLines(token.serial, "certificate").empty());
     Bytes value;
     EXPECT_EQ(client.getKeyProperty(opened.provider, opened.key, kCertificateProperty, &value),
               KSP_NTE_NOT_FOUND);

@@ -5,20 +5,23 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 namespace cngpin {
 
 bool makeTokenKey(const std::string& serial, TokenKey* made) {
     made->serial = serial;
-    clienttest::useFreshTokenStore(serial);
-    if (!clienttest::createToken(serial, kPin))
+    testsupport::useFreshTokenStore(serial);
+    if (!testsupport::makeToken(serial, std::string("--pin ") + kPin))
         return false;
-    made->keyId = clienttest::generateKey(serial, "both", serial + "-key");
+    made->keyId = testsupport::makeKey(serial, "rsa2048", "--usage both --label " + serial + "-key");
     if (made->keyId.empty())
         return false;
-    made->publicPem = clienttest::exportPublicKey(serial, made->keyId, serial + "-pub.pem");
+    made->publicPem =
+        testsupport::exportPublicKey(serial, made->keyId, testsupport::tempPath(serial + "-pub.pem"));
     return !made->publicPem.empty();
 }
 
@@ -78,8 +81,8 @@ SECURITY_STATUS signDocument(OpenedKey& opened, const Bytes& document, Bytes* si
 
 bool opensslVerifies(const std::string& publicPem, const Bytes& document, const Bytes& signature,
                      const std::string& name) {
-    std::string documentPath = clienttest::writeTemp(name + ".txt", document);
-    std::string signaturePath = clienttest::writeTemp(name + ".sig", signature);
+    std::string documentPath = testsupport::writeTemp(name + ".txt", document);
+    std::string signaturePath = testsupport::writeTemp(name + ".sig", signature);
     std::string output;
     int code = testsupport::runOpenSsl("dgst -sha256 -verify " + testsupport::unixPath(publicPem) +
                                            " -signature " + testsupport::unixPath(signaturePath) + " " +

@@ -7,9 +7,11 @@
 #include <gtest/gtest.h>
 
 #include "cng_pin_support.h"
-#include "cryptoapi_support.h"
 #include "simulated_user.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 using access_test::answerMessage;
 using access_test::enterPin;
@@ -53,7 +55,7 @@ protected:
     }
     void tool(const std::string& arguments) {
         std::string output;
-        ASSERT_EQ(clienttest::calythToken(arguments, &output), 0) << arguments << "\n" << output;
+        ASSERT_EQ(testsupport::calythToken(arguments, &output), 0) << arguments << "\n" << output;
     }
 
     CngClient client;
@@ -125,7 +127,7 @@ TEST_F(PinDialog, SingleSignOnExpiredAtTheTokenAsksOnceAndSignsOnceMore) {
     EXPECT_EQ(logCount("KSP: SignHash SSO expired, re-prompting for PIN"), 1u);
     EXPECT_EQ(logCount("Password dialog show window before"), 1u);
     // The fault answered the first signature only: the second one was the token's own.
-    EXPECT_THAT(clienttest::listedLines(token.serial, "fault"), IsEmpty());
+    EXPECT_THAT(testsupport::listedLines(token.serial, "fault"), IsEmpty());
 }
 
 // With single sign-on on, the provider signs with an empty PIN and asks nothing. When the token
@@ -151,7 +153,7 @@ TEST_F(PinDialog, SingleSignOnSignsWithoutADialogAndRetriesOnceAfter49) {
     // signature and again after the 49.
     EXPECT_EQ(logCount("KSP: Password not validated, checking SSO"), 3u);
     EXPECT_EQ(logCount("Password dialog show window"), 0u);
-    EXPECT_THAT(clienttest::listedLines(token.serial, "fault"), IsEmpty());
+    EXPECT_THAT(testsupport::listedLines(token.serial, "fault"), IsEmpty());
 }
 
 // Single sign-on that has expired on the token while the provider holds the empty PIN it left:

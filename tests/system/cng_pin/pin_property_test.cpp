@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "cng_pin_support.h"
-#include "cryptoapi_support.h"
 #include "simulated_user.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 using access_test::SimulatedUser;
 using cngtest::CngClient;
@@ -44,12 +46,12 @@ TEST_F(PinWithoutDialog, WrongSmartCardPinIsRefusedAndTheRightOneSigns) {
 
     EXPECT_EQ(client.setPin(opened.provider, "0000"), KSP_NTE_VALIDATION_FAILED);
     EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: PIN validation failed: 7"));
-    std::vector<std::string> state = clienttest::listedLines(token.serial, "pin");
+    std::vector<std::string> state = testsupport::listedLines(token.serial, "pin");
     ASSERT_EQ(state.size(), 1u);
     EXPECT_EQ(state[0], "pin attempts left: 9 of 10");
 
     ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
-    EXPECT_EQ(clienttest::listedLines(token.serial, "pin"),
+    EXPECT_EQ(testsupport::listedLines(token.serial, "pin"),
               std::vector<std::string>{"pin attempts left: 10 of 10"});
     Bytes signature;
     SECURITY_STATUS status = signDocument(opened, kDocument, &signature);
@@ -100,20 +102,20 @@ Bytes cryptoApiSignature(HCRYPTPROV provider, const Bytes& document) {
         return {};
     }
     signature.resize(length);
-    return clienttest::reversed(signature);
+    return testsupport::reversed(signature);
 }
 
 // The CryptoAPI side loaded the very CalythCSP.dll that the CNG client drives: one token table.
 void expectOneProviderModule(const CngClient& client) {
-    EXPECT_EQ(GetModuleHandleA(clienttest::providerImagePath().c_str()), client.module());
+    EXPECT_EQ(GetModuleHandleA(testsupport::providerImagePath().c_str()), client.module());
 }
 
 TEST_F(PinWithoutDialog, PinGivenThroughCryptoApiLetsTheKspSignWithoutADialog) {
     TokenKey token;
     ASSERT_TRUE(makeTokenKey("CNGPIN-PROP-03", &token));
-    ASSERT_EQ(clienttest::registerProvider(), ERROR_SUCCESS);
-    clienttest::Provider context;
-    ASSERT_TRUE(clienttest::acquire(context, token.keyId.c_str())) << std::hex << GetLastError();
+    ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
+    testsupport::Provider context;
+    ASSERT_TRUE(testsupport::acquire(context, token.keyId.c_str())) << std::hex << GetLastError();
     ASSERT_TRUE(CryptSetProvParam(context.handle, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(kPin), 0))
         << std::hex << GetLastError();
     expectOneProviderModule(client);
@@ -137,9 +139,9 @@ TEST_F(PinWithoutDialog, SmartCardPinLetsCryptSignHashSignWithoutADialog) {
     ASSERT_EQ(opened.open(token.keyId), 0);
     ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
 
-    ASSERT_EQ(clienttest::registerProvider(), ERROR_SUCCESS);
-    clienttest::Provider context;
-    ASSERT_TRUE(clienttest::acquire(context, token.keyId.c_str())) << std::hex << GetLastError();
+    ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
+    testsupport::Provider context;
+    ASSERT_TRUE(testsupport::acquire(context, token.keyId.c_str())) << std::hex << GetLastError();
     expectOneProviderModule(client);
     testsupport::clearLog();
     Bytes signature = cryptoApiSignature(context.handle, kDocument);

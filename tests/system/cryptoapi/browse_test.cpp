@@ -10,10 +10,12 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace clienttest;
+using namespace testsupport;
 
 namespace {
 
@@ -31,11 +33,12 @@ const BrowseTokens& browseTokens() {
         BrowseTokens made;
         EXPECT_EQ(registerProvider(), ERROR_SUCCESS);
         useFreshTokenStore();
-        if (!createToken(kSerial, kPin) || !createToken(kSecondSerial, kPin))
+        if (!makeToken(kSerial, std::string("--pin ") + kPin) ||
+            !makeToken(kSecondSerial, std::string("--pin ") + kPin))
             return made;
         for (const char* usage : {"sign", "exchange", "both"})
-            generateKey(kSerial, usage);
-        generateKey(kSecondSerial, "both");
+            makeKey(kSerial, "rsa2048", std::string("--usage ") + usage);
+        makeKey(kSecondSerial, "rsa2048", "--usage both");
         made.firstKeys = listedKeyIds(kSerial);
         made.secondKeys = listedKeyIds(kSecondSerial);
         return made;

@@ -10,11 +10,13 @@
 #include <gtest/gtest.h>
 #include <sstream>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_certificates.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace clienttest;
+using namespace testsupport;
 using testsupport::unixPath;
 
 namespace {
@@ -30,7 +32,7 @@ struct Chain {
 
 bool run(const std::string& arguments) {
     std::string output;
-    int code = openssl(arguments, &output);
+    int code = runOpenSsl(arguments, &output);
     EXPECT_EQ(code, 0) << "openssl " << arguments << "\n" << output;
     return code == 0;
 }
@@ -48,11 +50,12 @@ const Chain& chain() {
         Chain out;
         EXPECT_EQ(registerProvider(), ERROR_SUCCESS);
         useFreshTokenStore();
-        if (!createToken(kSerial, kPin))
+        if (!makeToken(kSerial, std::string("--pin ") + kPin))
             return out;
-        std::string keyId = generateKey(kSerial, "both", "ClientCertified");
-        std::string otherKeyId = generateKey(kSerial, "both", "ClientUncertified");
-        std::string publicPem = keyId.empty() ? "" : exportPublicKey(kSerial, keyId, "certified-pub.pem");
+        std::string keyId = makeKey(kSerial, "rsa2048", "--usage both --label ClientCertified");
+        std::string otherKeyId = makeKey(kSerial, "rsa2048", "--usage both --label ClientUncertified");
+        std::string publicPem =
+            keyId.empty() ? "" : exportPublicKey(kSerial, keyId, tempPath("certified-pub.pem"));
         if (publicPem.empty() || otherKeyId.empty())
             return out;
 
@@ -107,7 +110,7 @@ int depthOf(const std::string& line) {
 
 ParsedMessage asn1parse(const std::string& file) {
     std::string output;
-    EXPECT_EQ(openssl("asn1parse -inform DER -in " + unixPath(file), &output), 0) << output;
+    EXPECT_EQ(runOpenSsl("asn1parse -inform DER -in " + unixPath(file), &output), 0) << output;
     ParsedMessage parsed;
     std::istringstream in(output);
     std::string line;
@@ -292,10 +295,10 @@ TEST_F(Certificates, ContainerWithoutCertificateHasNoChain) {
 
 TEST_F(Certificates, WithoutCaFolderTheLeafIsStoredAloneAndTheChainHoldsOnlyIt) {
     const char* serial = "CLIENT-CERT-02";
-    ASSERT_TRUE(createToken(serial, kPin));
-    std::string keyId = generateKey(serial, "both", "ClientAlone");
+    ASSERT_TRUE(makeToken(serial, std::string("--pin ") + kPin));
+    std::string keyId = makeKey(serial, "rsa2048", "--usage both --label ClientAlone");
     ASSERT_FALSE(keyId.empty());
-    std::string publicPem = exportPublicKey(serial, keyId, "alone-pub.pem");
+    std::string publicPem = exportPublicKey(serial, keyId, tempPath("alone-pub.pem"));
     std::string leafPem = tempPath("alone.pem");
     ASSERT_TRUE(run("x509 -new -force_pubkey " + unixPath(publicPem) +
                     " -subj /O=CalythClients/CN=ClientAlone" + " -CA " +

@@ -12,11 +12,13 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 #include "util/utils.h"
 
-using namespace clienttest;
+using namespace testsupport;
 using testsupport::unixPath;
 
 namespace {
@@ -36,12 +38,12 @@ const CryptToken& cryptToken() {
         CryptToken made;
         EXPECT_EQ(registerProvider(), ERROR_SUCCESS);
         useFreshTokenStore();
-        if (!createToken(kSerial, kPin))
+        if (!makeToken(kSerial, std::string("--pin ") + kPin))
             return made;
-        made.keyId = generateKey(kSerial, "both", "ClientDecrypter");
+        made.keyId = makeKey(kSerial, "rsa2048", "--usage both --label ClientDecrypter");
         if (made.keyId.empty())
             return made;
-        made.publicPem = exportPublicKey(kSerial, made.keyId, "crypt-pub.pem");
+        made.publicPem = exportPublicKey(kSerial, made.keyId, tempPath("crypt-pub.pem"));
         if (!made.publicPem.empty())
             made.modulus = opensslModulus(made.publicPem);
         return made;
@@ -134,8 +136,8 @@ TEST_F(Encryption, ExportedPublicKeyBlobHoldsTheModulusOpenSslReads) {
     LocalFree(encoded);
     std::string der = writeTemp("exported-rsa.der", pkcs1);
     std::string output;
-    ASSERT_EQ(openssl("rsa -RSAPublicKey_in -inform DER -in " + unixPath(der) + " -noout -modulus", &output),
-              0)
+    ASSERT_EQ(
+        runOpenSsl("rsa -RSAPublicKey_in -inform DER -in " + unixPath(der) + " -noout -modulus", &output), 0)
         << output;
     EXPECT_NE(output.find("Modulus=" + Utils().bytesToHex(token.modulus.data(), 256)), std::string::npos)
         << output;
@@ -176,9 +178,9 @@ TEST_P(EncryptionPerPadding, OpenSslCiphertextDecryptsThroughCryptDecrypt) {
     std::string cipherFile = tempPath("openssl-cipher-" + name + ".bin");
     std::string output;
     ASSERT_EQ(
-        openssl("pkeyutl -encrypt -pubin -inkey " + unixPath(token.publicPem) + GetParam().opensslOption +
-                    " -in " + unixPath(plain) + " -out " + unixPath(cipherFile),
-                &output),
+        runOpenSsl("pkeyutl -encrypt -pubin -inkey " + unixPath(token.publicPem) + GetParam().opensslOption +
+                       " -in " + unixPath(plain) + " -out " + unixPath(cipherFile),
+                   &output),
         0)
         << output;
     Bytes cipher = testsupport::readFile(cipherFile);
@@ -192,9 +194,10 @@ TEST_P(EncryptionPerPadding, ImportedPublicKeyBlobEncryptsWhatOpenSslDecrypts) {
     std::string pubPem = tempPath("openssl-recipient-" + name + ".pub.pem");
     std::string output;
     ASSERT_EQ(
-        openssl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixPath(keyPem), &output), 0)
+        runOpenSsl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixPath(keyPem), &output),
+        0)
         << output;
-    ASSERT_EQ(openssl("pkey -in " + unixPath(keyPem) + " -pubout -out " + unixPath(pubPem), &output), 0);
+    ASSERT_EQ(runOpenSsl("pkey -in " + unixPath(keyPem) + " -pubout -out " + unixPath(pubPem), &output), 0);
     Bytes blob = publicKeyBlob(opensslModulus(pubPem));
     HCRYPTKEY imported = 0;
     ASSERT_TRUE(
@@ -206,9 +209,9 @@ TEST_P(EncryptionPerPadding, ImportedPublicKeyBlobEncryptsWhatOpenSslDecrypts) {
 
     std::string cipherFile = writeTemp("crypto-cipher-" + name + ".bin", reversed(cipher));
     std::string plainFile = tempPath("crypto-plain-" + name + ".bin");
-    ASSERT_EQ(openssl("pkeyutl -decrypt -inkey " + unixPath(keyPem) + GetParam().opensslOption + " -in " +
-                          unixPath(cipherFile) + " -out " + unixPath(plainFile),
-                      &output),
+    ASSERT_EQ(runOpenSsl("pkeyutl -decrypt -inkey " + unixPath(keyPem) + GetParam().opensslOption + " -in " +
+                             unixPath(cipherFile) + " -out " + unixPath(plainFile),
+                         &output),
               0)
         << output;
     EXPECT_EQ(testsupport::readFile(plainFile), kMessage);
@@ -290,9 +293,9 @@ void checkPlainTextKeyBlob(HCRYPTPROV provider, const AesCase& aesCase) {
     std::string plainFile = writeTemp("aes-plain-" + name + ".bin", plain);
     std::string cipherFile = tempPath("aes-cipher-" + name + ".bin");
     std::string output;
-    ASSERT_EQ(openssl("enc -" + name + " -K " + lowerHex(key) + " -in " + unixPath(plainFile) + " -out " +
-                          unixPath(cipherFile),
-                      &output),
+    ASSERT_EQ(runOpenSsl("enc -" + name + " -K " + lowerHex(key) + " -in " + unixPath(plainFile) + " -out " +
+                             unixPath(cipherFile),
+                         &output),
               0)
         << output;
     EXPECT_EQ(cipher, testsupport::readFile(cipherFile));
@@ -330,9 +333,9 @@ TEST_F(SessionKey, SimpleBlobWrappedByOpenSslUnwrapsOnTheTokenAndEncryptsInCbcWi
     std::string keyFile = writeTemp("session-key.bin", sessionKey);
     std::string wrappedFile = tempPath("session-key.wrapped");
     std::string output;
-    ASSERT_EQ(openssl("pkeyutl -encrypt -pubin -inkey " + unixPath(token.publicPem) + " -in " +
-                          unixPath(keyFile) + " -out " + unixPath(wrappedFile),
-                      &output),
+    ASSERT_EQ(runOpenSsl("pkeyutl -encrypt -pubin -inkey " + unixPath(token.publicPem) + " -in " +
+                             unixPath(keyFile) + " -out " + unixPath(wrappedFile),
+                         &output),
               0)
         << output;
     Bytes wrapped = reversed(testsupport::readFile(wrappedFile));
@@ -355,9 +358,9 @@ TEST_F(SessionKey, SimpleBlobWrappedByOpenSslUnwrapsOnTheTokenAndEncryptsInCbcWi
     ASSERT_EQ(cipher.size(), 64u);
     std::string plainFile = writeTemp("session-plain.bin", plain);
     std::string cipherFile = tempPath("session-cipher.bin");
-    ASSERT_EQ(openssl("enc -aes-256-cbc -K " + lowerHex(sessionKey) + " -iv " + lowerHex(iv) + " -in " +
-                          unixPath(plainFile) + " -out " + unixPath(cipherFile),
-                      &output),
+    ASSERT_EQ(runOpenSsl("enc -aes-256-cbc -K " + lowerHex(sessionKey) + " -iv " + lowerHex(iv) + " -in " +
+                             unixPath(plainFile) + " -out " + unixPath(cipherFile),
+                         &output),
               0)
         << output;
     EXPECT_EQ(cipher, testsupport::readFile(cipherFile));

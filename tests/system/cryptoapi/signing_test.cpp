@@ -11,12 +11,14 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_certificates.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 #include "util/utils.h"
 
-using namespace clienttest;
+using namespace testsupport;
 using testsupport::unixPath;
 
 namespace {
@@ -36,11 +38,11 @@ const SigningToken& signingToken() {
         SigningToken made;
         EXPECT_EQ(registerProvider(), ERROR_SUCCESS);
         useFreshTokenStore();
-        if (!createToken(kSerial, kPin))
+        if (!makeToken(kSerial, std::string("--pin ") + kPin))
             return made;
-        made.keyId = generateKey(kSerial, "both", "ClientSigner");
+        made.keyId = makeKey(kSerial, "rsa2048", "--usage both --label ClientSigner");
         if (!made.keyId.empty())
-            made.publicPem = exportPublicKey(kSerial, made.keyId, "signer-pub.pem");
+            made.publicPem = exportPublicKey(kSerial, made.keyId, tempPath("signer-pub.pem"));
         return made;
     }();
     return token;
@@ -103,17 +105,17 @@ TEST_P(SigningPerHash, SignHashIsVerifiedByOpenSsl) {
     std::string data = writeTemp("document-" + name + ".txt", kDocument);
     std::string sig = writeTemp("document-" + name + ".sig", reversed(signature));
     std::string output;
-    EXPECT_EQ(openssl("dgst -" + name + " -verify " + unixPath(token.publicPem) + " -signature " +
-                          unixPath(sig) + " " + unixPath(data),
-                      &output),
+    EXPECT_EQ(runOpenSsl("dgst -" + name + " -verify " + unixPath(token.publicPem) + " -signature " +
+                             unixPath(sig) + " " + unixPath(data),
+                         &output),
               0)
         << output;
     EXPECT_NE(output.find("Verified OK"), std::string::npos) << output;
 
     // The same bytes as CryptoAPI handed them out (little-endian) do not verify.
     std::string wrongOrder = writeTemp("document-" + name + ".le.sig", signature);
-    EXPECT_NE(openssl("dgst -" + name + " -verify " + unixPath(token.publicPem) + " -signature " +
-                      unixPath(wrongOrder) + " " + unixPath(data)),
+    EXPECT_NE(runOpenSsl("dgst -" + name + " -verify " + unixPath(token.publicPem) + " -signature " +
+                         unixPath(wrongOrder) + " " + unixPath(data)),
               0);
 }
 
@@ -150,7 +152,7 @@ TEST_F(Signing, HashValueReadBackIsTheDigestOpenSslComputes) {
 
     std::string data = writeTemp("digest-input.txt", kDocument);
     std::string output;
-    ASSERT_EQ(openssl("dgst -sha256 -r " + unixPath(data), &output), 0) << output;
+    ASSERT_EQ(runOpenSsl("dgst -sha256 -r " + unixPath(data), &output), 0) << output;
     std::string expected = Utils().bytesToHex(value.data(), static_cast<int>(length));
     for (char& c : expected)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -189,12 +191,13 @@ TEST_F(Signing, OpenSslSignatureIsVerifiedThroughAnImportedPublicKeyBlob) {
     std::string sig = tempPath("openssl-signed.sig");
     std::string output;
     ASSERT_EQ(
-        openssl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixPath(keyPem), &output), 0)
+        runOpenSsl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixPath(keyPem), &output),
+        0)
         << output;
-    ASSERT_EQ(openssl("pkey -in " + unixPath(keyPem) + " -pubout -out " + unixPath(pubPem), &output), 0);
+    ASSERT_EQ(runOpenSsl("pkey -in " + unixPath(keyPem) + " -pubout -out " + unixPath(pubPem), &output), 0);
     ASSERT_EQ(
-        openssl("dgst -sha256 -sign " + unixPath(keyPem) + " -out " + unixPath(sig) + " " + unixPath(data),
-                &output),
+        runOpenSsl("dgst -sha256 -sign " + unixPath(keyPem) + " -out " + unixPath(sig) + " " + unixPath(data),
+                   &output),
         0)
         << output;
     Bytes blob = publicKeyBlob(opensslModulus(pubPem), CALG_RSA_SIGN);
@@ -236,10 +239,10 @@ TEST_F(Signing, WrongPinIsRefusedWithKeysetEntryBad) {
 // has seen the PIN cannot show what happens without it.
 TEST_F(Signing, KeyExchangePinUnlocksSigningOnASilentContext) {
     const char* serial = "CLIENT-SIGN-02";
-    ASSERT_TRUE(createToken(serial, "97531"));
-    std::string keyId = generateKey(serial, "sign");
+    ASSERT_TRUE(makeToken(serial, std::string("--pin ") + "97531"));
+    std::string keyId = makeKey(serial, "rsa2048", "--usage sign");
     ASSERT_FALSE(keyId.empty());
-    std::string pem = exportPublicKey(serial, keyId, "silent-pub.pem");
+    std::string pem = exportPublicKey(serial, keyId, tempPath("silent-pub.pem"));
 
     Provider provider;
     ASSERT_TRUE(acquire(provider, keyId.c_str(), CRYPT_SILENT)) << std::hex << GetLastError();
@@ -249,17 +252,17 @@ TEST_F(Signing, KeyExchangePinUnlocksSigningOnASilentContext) {
     ASSERT_EQ(signature.size(), 256u);
     std::string data = writeTemp("silent.txt", kDocument);
     std::string sig = writeTemp("silent.sig", reversed(signature));
-    EXPECT_EQ(openssl("dgst -sha256 -verify " + unixPath(pem) + " -signature " + unixPath(sig) + " " +
-                      unixPath(data)),
+    EXPECT_EQ(runOpenSsl("dgst -sha256 -verify " + unixPath(pem) + " -signature " + unixPath(sig) + " " +
+                         unixPath(data)),
               0);
 }
 
 TEST_F(Signing, WithoutPinASilentContextFailsAndAHeadlessOneEndsWithoutWaiting) {
     const char* serial = "CLIENT-SIGN-03";
-    ASSERT_TRUE(createToken(serial, "864200"));
-    std::string keyId = generateKey(serial, "sign");
+    ASSERT_TRUE(makeToken(serial, std::string("--pin ") + "864200"));
+    std::string keyId = makeKey(serial, "rsa2048", "--usage sign");
     ASSERT_FALSE(keyId.empty());
-    std::string pem = exportPublicKey(serial, keyId, "sso-pub.pem");
+    std::string pem = exportPublicKey(serial, keyId, tempPath("sso-pub.pem"));
 
     {
         Provider silent;
@@ -303,8 +306,8 @@ TEST_F(Signing, WithoutPinASilentContextFailsAndAHeadlessOneEndsWithoutWaiting) 
         ASSERT_EQ(signature.size(), 256u);
         std::string data = writeTemp("sso.txt", kDocument);
         std::string sig = writeTemp("sso.sig", reversed(signature));
-        EXPECT_EQ(openssl("dgst -sha256 -verify " + unixPath(pem) + " -signature " + unixPath(sig) + " " +
-                          unixPath(data)),
+        EXPECT_EQ(runOpenSsl("dgst -sha256 -verify " + unixPath(pem) + " -signature " + unixPath(sig) + " " +
+                             unixPath(data)),
                   0);
     }
 }
@@ -329,16 +332,16 @@ const MessageCertificate& messageCertificate() {
         std::string leafPem = tempPath("message-leaf.pem");
         std::string output;
         bool ok =
-            openssl("req -x509 -newkey rsa:2048 -nodes -sha256 -days 30 -keyout " + unixPath(caKey) +
-                        " -out " + unixPath(caPem) + " -subj /O=CalythClients/CN=ClientsTestCA",
-                    &output) == 0 &&
-            openssl("x509 -new -force_pubkey " + unixPath(token.publicPem) +
-                        " -subj /O=CalythClients/CN=ClientSigner -CA " + unixPath(caPem) + " -CAkey " +
-                        unixPath(caKey) + " -days 30 -set_serial 4242 -sha256 -out " + unixPath(leafPem),
-                    &output) == 0 &&
-            openssl("x509 -in " + unixPath(leafPem) + " -outform DER -out " +
-                        unixPath(tempPath("message-leaf.der")),
-                    &output) == 0;
+            runOpenSsl("req -x509 -newkey rsa:2048 -nodes -sha256 -days 30 -keyout " + unixPath(caKey) +
+                           " -out " + unixPath(caPem) + " -subj /O=CalythClients/CN=ClientsTestCA",
+                       &output) == 0 &&
+            runOpenSsl("x509 -new -force_pubkey " + unixPath(token.publicPem) +
+                           " -subj /O=CalythClients/CN=ClientSigner -CA " + unixPath(caPem) + " -CAkey " +
+                           unixPath(caKey) + " -days 30 -set_serial 4242 -sha256 -out " + unixPath(leafPem),
+                       &output) == 0 &&
+            runOpenSsl("x509 -in " + unixPath(leafPem) + " -outform DER -out " +
+                           unixPath(tempPath("message-leaf.der")),
+                       &output) == 0;
         EXPECT_TRUE(ok) << output;
         if (ok) {
             out.caPem = caPem;
@@ -414,16 +417,16 @@ TEST_F(SignMessage, DetachedSignatureIsVerifiedByOpenSslCms) {
     std::string p7s = writeTemp("detached.p7s", message);
     std::string data = writeTemp("detached.txt", kDocument);
     std::string output;
-    EXPECT_EQ(openssl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " + unixPath(data) +
-                          " -CAfile " + unixPath(caFile) + " -purpose any -out /dev/null",
-                      &output),
+    EXPECT_EQ(runOpenSsl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " +
+                             unixPath(data) + " -CAfile " + unixPath(caFile) + " -purpose any -out /dev/null",
+                         &output),
               0)
         << output;
     EXPECT_NE(output.find("Verification successful"), std::string::npos) << output;
     // Another document does not match the signature.
     std::string other = writeTemp("detached-other.txt", bytesOf("Other figures.\n"));
-    EXPECT_NE(openssl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " +
-                      unixPath(other) + " -CAfile " + unixPath(caFile) + " -purpose any -out /dev/null"),
+    EXPECT_NE(runOpenSsl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " +
+                         unixPath(other) + " -CAfile " + unixPath(caFile) + " -purpose any -out /dev/null"),
               0);
 }
 
@@ -433,9 +436,9 @@ TEST_F(SignMessage, AttachedSignatureCarriesTheDocumentAndVerifiesInOpenSslAndCr
     std::string p7s = writeTemp("attached.p7s", message);
     std::string content = tempPath("attached.out");
     std::string output;
-    EXPECT_EQ(openssl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -noverify -out " +
-                          unixPath(content),
-                      &output),
+    EXPECT_EQ(runOpenSsl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -noverify -out " +
+                             unixPath(content),
+                         &output),
               0)
         << output;
     EXPECT_EQ(testsupport::readFile(content), kDocument);
@@ -476,9 +479,9 @@ TEST_F(SignTool, WritesTheBigEndianSignatureOpenSslVerifies) {
               0)
         << output;
     EXPECT_NE(output.find("signature: 256 bytes (sha384, " + token.keyId + ")"), std::string::npos) << output;
-    EXPECT_EQ(openssl("dgst -sha384 -verify " + unixPath(token.publicPem) + " -signature " + unixPath(sig) +
-                          " " + unixPath(data),
-                      &output),
+    EXPECT_EQ(runOpenSsl("dgst -sha384 -verify " + unixPath(token.publicPem) + " -signature " +
+                             unixPath(sig) + " " + unixPath(data),
+                         &output),
               0)
         << output;
 }
@@ -501,10 +504,11 @@ TEST_F(SignTool, CmsCarriesTheCertificateStoredOnTheToken) {
                        &output),
               0)
         << output;
-    EXPECT_EQ(openssl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " + unixPath(data) +
-                          " -CAfile " + unixPath(certificate.caPem) + " -purpose any -out /dev/null",
-                      &output),
-              0)
+    EXPECT_EQ(
+        runOpenSsl("cms -verify -binary -inform DER -in " + unixPath(p7s) + " -content " + unixPath(data) +
+                       " -CAfile " + unixPath(certificate.caPem) + " -purpose any -out /dev/null",
+                   &output),
+        0)
         << output;
     std::vector<Bytes> carried = testcerts::pkcs7Certificates(testsupport::readFile(p7s));
     ASSERT_EQ(carried.size(), 1u);

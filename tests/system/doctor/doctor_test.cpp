@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "cryptoapi_support.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 #include "token/device_library.h"
 
-using namespace clienttest;
+using namespace testsupport;
 
 namespace {
 
@@ -55,16 +57,16 @@ protected:
 
     // A token SN1 with a signature key; answers its id.
     std::string tokenWithKey(const std::string& serial = "SN1") {
-        EXPECT_TRUE(createToken(serial, kPin));
-        return generateKey(serial, "sign", "signer");
+        EXPECT_TRUE(makeToken(serial, std::string("--pin ") + kPin));
+        return makeKey(serial, "rsa2048", "--usage sign --label signer");
     }
 
     // A self-signed authority made by OpenSSL in the temp folder.
     void makeAuthority(const std::string& name) {
         std::string output;
-        ASSERT_EQ(openssl("req -x509 -newkey rsa:2048 -nodes -keyout " + unix(name + ".key") +
-                              " -subj /CN=" + name + " -days 30 -out " + unix(name + ".pem"),
-                          &output),
+        ASSERT_EQ(runOpenSsl("req -x509 -newkey rsa:2048 -nodes -keyout " + unix(name + ".key") +
+                                 " -subj /CN=" + name + " -days 30 -out " + unix(name + ".pem"),
+                             &output),
                   0)
             << output;
     }
@@ -72,14 +74,14 @@ protected:
     // A certificate for the token key, issued by `authority`, stored on the token.
     void certifyKey(const std::string& serial, const std::string& keyId, const std::string& subject,
                     const std::string& authority, int days = 30) {
-        std::string publicKey = exportPublicKey(serial, keyId, subject + "-key.pem");
+        std::string publicKey = exportPublicKey(serial, keyId, tempPath(subject + "-key.pem"));
         std::string output;
-        ASSERT_EQ(
-            openssl("x509 -new -subj /CN=" + subject + " -force_pubkey " + testsupport::unixPath(publicKey) +
-                        " -CA " + unix(authority + ".pem") + " -CAkey " + unix(authority + ".key") +
-                        " -days " + std::to_string(days) + " -out " + unix(subject + ".pem"),
-                    &output),
-            0)
+        ASSERT_EQ(runOpenSsl("x509 -new -subj /CN=" + subject + " -force_pubkey " +
+                                 testsupport::unixPath(publicKey) + " -CA " + unix(authority + ".pem") +
+                                 " -CAkey " + unix(authority + ".key") + " -days " + std::to_string(days) +
+                                 " -out " + unix(subject + ".pem"),
+                             &output),
+                  0)
             << output;
         storeCertificate(serial, subject);
     }
@@ -134,7 +136,8 @@ TEST_F(Doctor, EveryCheckHealthyWithSignaturesThroughBothFrontEnds) {
     EXPECT_TRUE(hasLine(run, "[ ok ] Signature through the key storage provider: key " + keyId))
         << run.output;
     EXPECT_EQ(run.output.find("[FAIL]"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("10 checks: 8 ok, 1 warn, 0 failed, 1 skipped"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("10 checks: 8 ok, 1 warn, 0 failed, 1 skipped"), std::string::npos)
+        << run.output;
     EXPECT_EQ(run.output.find(kPin), std::string::npos) << "the PIN is shown:\n" << run.output;
 }
 

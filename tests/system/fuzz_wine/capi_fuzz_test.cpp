@@ -11,8 +11,10 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
-#include "system/cryptoapi/cryptoapi_support.h"
+#include "support/token_tool.h"
 #include "system/fuzz_wine/fenced_buffer.h"
 #include "system/fuzz_wine/fuzz_seeds.h"
 #include "system/fuzz_wine/mutator.h"
@@ -28,10 +30,10 @@ class CapiFuzz : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         installCrashReport();
-        ASSERT_EQ(clienttest::registerProvider(), ERROR_SUCCESS);
-        clienttest::useFreshTokenStore("fuzz");
-        ASSERT_TRUE(clienttest::createToken(kSerial, kPin));
-        keyId_ = new std::string(clienttest::generateKey(kSerial, "both", "fuzz"));
+        ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
+        testsupport::useFreshTokenStore("fuzz");
+        ASSERT_TRUE(testsupport::makeToken(kSerial, std::string("--pin ") + kPin));
+        keyId_ = new std::string(testsupport::makeKey(kSerial, "rsa2048", "--usage both --label fuzz"));
         ASSERT_EQ(keyId_->size(), 32u);
     }
     static void TearDownTestSuite() {
@@ -39,10 +41,10 @@ protected:
         keyId_ = nullptr;
     }
 
-    void SetUp() override { ASSERT_TRUE(clienttest::acquire(provider, keyId_->c_str(), CRYPT_SILENT)); }
+    void SetUp() override { ASSERT_TRUE(testsupport::acquire(provider, keyId_->c_str(), CRYPT_SILENT)); }
 
     static std::string* keyId_;
-    clienttest::Provider provider;
+    testsupport::Provider provider;
     FencedBuffer fence;
 };
 

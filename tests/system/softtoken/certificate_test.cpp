@@ -4,17 +4,20 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "softtoken_support.h"
+#include "support/device_calls.h"
+#include "support/ecdsa_signature.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace st;
+using namespace testsupport;
 
 namespace {
 
-using CertificateDetailsTest = StoreTest;
-using CertificateImportTest = StoreTest;
-using KeyPairChangeTest = StoreTest;
-using CertificateFolderTest = StoreTest;
+using CertificateDetailsTest = TokenStoreTest;
+using CertificateImportTest = TokenStoreTest;
+using KeyPairChangeTest = TokenStoreTest;
+using CertificateFolderTest = TokenStoreTest;
 
 int openssl(const std::string& arguments, std::string* output = nullptr) {
     std::string text;
@@ -28,20 +31,21 @@ int openssl(const std::string& arguments, std::string* output = nullptr) {
 
 // A self-signed P-256 authority "C=IN, O=Example CA, CN=Root" (serial 00ABCDEF01) in the test's
 // scratch folder: ca.key, ca.pem, ca.der.
-void makeAuthority(const StoreTest& test) {
-    openssl("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out " + u(test.file("ca.key")));
-    openssl("x509 -new -subj /C=IN/O=Example\\ CA/CN=Root -key " + u(test.file("ca.key")) +
-            " -days 30 -set_serial 0x00ABCDEF01 -out " + u(test.file("ca.pem")));
-    openssl("x509 -in " + u(test.file("ca.pem")) + " -outform DER -out " + u(test.file("ca.der")));
+void makeAuthority(const TokenStoreTest& test) {
+    openssl("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out " + unixPath(test.file("ca.key")));
+    openssl("x509 -new -subj /C=IN/O=Example\\ CA/CN=Root -key " + unixPath(test.file("ca.key")) +
+            " -days 30 -set_serial 0x00ABCDEF01 -out " + unixPath(test.file("ca.pem")));
+    openssl("x509 -in " + unixPath(test.file("ca.pem")) + " -outform DER -out " +
+            unixPath(test.file("ca.der")));
 }
 
 // A certificate for the public key in `publicPem`, issued by the authority, as DER.
-Bytes issue(const StoreTest& test, const std::string& publicPem, const std::string& subject,
+Bytes issue(const TokenStoreTest& test, const std::string& publicPem, const std::string& subject,
             const std::string& name) {
-    openssl("x509 -new -subj " + subject + " -force_pubkey " + u(publicPem) + " -CA " +
-            u(test.file("ca.pem")) + " -CAkey " + u(test.file("ca.key")) +
-            " -days 30 -set_serial 0x1234 -outform DER -out " + u(test.file(name)));
-    return readBytes(test.file(name));
+    openssl("x509 -new -subj " + subject + " -force_pubkey " + unixPath(publicPem) + " -CA " +
+            unixPath(test.file("ca.pem")) + " -CAkey " + unixPath(test.file("ca.key")) +
+            " -days 30 -set_serial 0x1234 -outform DER -out " + unixPath(test.file(name)));
+    return readFile(test.file(name));
 }
 
 CalythCertificate certificateRecord(const Bytes& der, const char* label = "") {
@@ -62,7 +66,7 @@ Bytes objectOf(const CalythKeyPair& key) {
 
 std::string opensslDate(const std::string& certificatePem, const char* which) {
     std::string text;
-    openssl("x509 -in " + u(certificatePem) + " -noout -dateopt iso_8601 -" + which, &text);
+    openssl("x509 -in " + unixPath(certificatePem) + " -noout -dateopt iso_8601 -" + which, &text);
     size_t equals = text.find('=');
     return text.substr(equals + 1, 19);
 }
@@ -71,18 +75,18 @@ std::string opensslDate(const std::string& certificatePem, const char* which) {
 
 TEST_F(CertificateDetailsTest, DetailsOfALeafAndItsAuthority) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa2048");
+    Bytes key = unhex(makeKey("SN1", "rsa2048"));
     makeAuthority(*this);
     Bytes leaf =
-        issue(*this, exportPublicKey("SN1", key, file("k.pem")), "/C=IN/O=Example/CN=Alice", "leaf.der");
-    openssl("x509 -inform DER -in " + u(file("leaf.der")) + " -out " + u(file("leaf.pem")));
+        issue(*this, exportPublicKey("SN1", hex(key), file("k.pem")), "/C=IN/O=Example/CN=Alice", "leaf.der");
+    openssl("x509 -inform DER -in " + unixPath(file("leaf.der")) + " -out " + unixPath(file("leaf.pem")));
 
     CertificateDetails details;
     ASSERT_EQ(calyth_getCertificateDetails(leaf.data(), static_cast<int>(leaf.size()), details, nullptr), 0);
     // CertNameToStr with CERT_NAME_STR_REVERSE_FLAG: the last encoded name part (here the common
     // name, as OpenSSL encodes C, O, CN) comes first, the same order as RFC 2253 text.
     std::string rfc2253;
-    openssl("x509 -in " + u(file("leaf.pem")) + " -noout -subject -nameopt RFC2253", &rfc2253);
+    openssl("x509 -in " + unixPath(file("leaf.pem")) + " -noout -subject -nameopt RFC2253", &rfc2253);
     EXPECT_EQ(rfc2253.substr(0, rfc2253.find_first_of("\r\n")), "subject=CN=Alice,O=Example,C=IN");
     EXPECT_EQ(details.subjectName, "CN=Alice, O=Example, C=IN");
     EXPECT_EQ(details.issuerName, "CN=Root, O=Example CA, C=IN");
@@ -95,7 +99,7 @@ TEST_F(CertificateDetailsTest, DetailsOfALeafAndItsAuthority) {
     EXPECT_EQ(details.keySizeCode, CALYTH_KEY_RSA_2048);
     EXPECT_FALSE(details.selfSigned);
 
-    Bytes root = readBytes(file("ca.der"));
+    Bytes root = readFile(file("ca.der"));
     CertificateDetails authority;
     ASSERT_EQ(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()), authority, nullptr),
               0);
@@ -105,14 +109,15 @@ TEST_F(CertificateDetailsTest, DetailsOfALeafAndItsAuthority) {
     EXPECT_EQ(authority.keySizeCode, CALYTH_KEY_EC_P256);
     ASSERT_EQ(authority.publicKey.size(), 65u);
     EXPECT_EQ(authority.publicKey[0], 0x04);
-    openssl("pkey -in " + u(file("ca.key")) + " -pubout -outform DER -out " + u(file("ca-pub.der")));
-    Bytes spki = readBytes(file("ca-pub.der"));
+    openssl("pkey -in " + unixPath(file("ca.key")) + " -pubout -outform DER -out " +
+            unixPath(file("ca-pub.der")));
+    Bytes spki = readFile(file("ca-pub.der"));
     EXPECT_EQ(hex(authority.publicKey), hex(Bytes(spki.end() - 65, spki.end())));
 }
 
 TEST_F(CertificateDetailsTest, AnythingButACertificateIsRefused) {
     makeAuthority(*this);
-    Bytes root = readBytes(file("ca.der"));
+    Bytes root = readFile(file("ca.der"));
     CertificateDetails details;
     details.subjectName = "untouched";
     EXPECT_NE(calyth_getCertificateDetails(root.data(), static_cast<int>(root.size()) - 10, details, nullptr),
@@ -121,18 +126,18 @@ TEST_F(CertificateDetailsTest, AnythingButACertificateIsRefused) {
     EXPECT_NE(calyth_getCertificateDetails(garbage.data(), 200, details, nullptr), 0);
     EXPECT_NE(calyth_getCertificateDetails(nullptr, 10, details, nullptr), 0);
     EXPECT_NE(calyth_getCertificateDetails(root.data(), 0, details, nullptr), 0);
-    Bytes pem = readBytes(file("ca.pem"));
+    Bytes pem = readFile(file("ca.pem"));
     EXPECT_NE(calyth_getCertificateDetails(pem.data(), static_cast<int>(pem.size()), details, nullptr), 0);
     EXPECT_EQ(details.subjectName, "untouched");
 }
 
 TEST_F(CertificateImportTest, CertificateIsLinkedToTheKeyPairWhosePublicKeyItCarries) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p384");
-    Bytes derKey = makeKey("SN1", "rsa1024", "--pubform der");
+    Bytes key = unhex(makeKey("SN1", "p384"));
+    Bytes derKey = unhex(makeKey("SN1", "rsa1024", "--pubform der"));
     makeAuthority(*this);
-    Bytes leaf = issue(*this, exportPublicKey("SN1", key, file("k.pem")), "/CN=Alice", "leaf.der");
-    Bytes second = issue(*this, exportPublicKey("SN1", derKey, file("d.pem")), "/CN=Bob", "second.der");
+    Bytes leaf = issue(*this, exportPublicKey("SN1", hex(key), file("k.pem")), "/CN=Alice", "leaf.der");
+    Bytes second = issue(*this, exportPublicKey("SN1", hex(derKey), file("d.pem")), "/CN=Bob", "second.der");
 
     CalythCertificate record = certificateRecord(leaf, "Alice_Root");
     ASSERT_EQ(calyth_importCertificate("SN1", "1234", &record, nullptr), 0);
@@ -146,7 +151,7 @@ TEST_F(CertificateImportTest, CertificateIsLinkedToTheKeyPairWhosePublicKeyItCar
     EXPECT_EQ(hex(Bytes(other.keyId, other.keyId + 16)), hex(derKey)) << "a key kept with a DER public key";
     EXPECT_STREQ(other.label, "Bob") << "default label";
 
-    CalythCertificate root = certificateRecord(readBytes(file("ca.der")), "root");
+    CalythCertificate root = certificateRecord(readFile(file("ca.der")), "root");
     ASSERT_EQ(calyth_importCertificate("SN1", "1234", &root, nullptr), 0);
     EXPECT_EQ(hex(Bytes(root.keyId, root.keyId + 16)), std::string(32, '0'));
     EXPECT_EQ(root.objectIdLength, 0);
@@ -166,10 +171,10 @@ TEST_F(CertificateImportTest, CertificateIsLinkedToTheKeyPairWhosePublicKeyItCar
 
 TEST_F(CertificateImportTest, AnObjectIdentifierGivenWithTheCertificateNamesItsKeyPair) {
     makeToken("SN1");
-    Bytes carried = makeKey("SN1", "p256");
-    Bytes named = makeKey("SN1", "rsa1024");
+    Bytes carried = unhex(makeKey("SN1", "p256"));
+    Bytes named = unhex(makeKey("SN1", "rsa1024"));
     makeAuthority(*this);
-    Bytes leaf = issue(*this, exportPublicKey("SN1", carried, file("k.pem")), "/CN=Alice", "leaf.der");
+    Bytes leaf = issue(*this, exportPublicKey("SN1", hex(carried), file("k.pem")), "/CN=Alice", "leaf.der");
 
     CalythCertificate record = certificateRecord(leaf);
     Bytes objectId = objectOf(keyRecord("SN1", named));
@@ -182,7 +187,7 @@ TEST_F(CertificateImportTest, AnObjectIdentifierGivenWithTheCertificateNamesItsK
     EXPECT_EQ(hex(Bytes(listed[0].objectId, listed[0].objectId + listed[0].objectIdLength)), hex(objectId));
 
     // An identifier that no key pair has is kept with the certificate, which then has no key pair.
-    Bytes root = readBytes(file("ca.der"));
+    Bytes root = readFile(file("ca.der"));
     CalythCertificate loose = certificateRecord(root);
     Bytes unknown = bytesOf("no such key");
     std::memcpy(loose.objectId, unknown.data(), unknown.size());
@@ -195,7 +200,7 @@ TEST_F(CertificateImportTest, AnObjectIdentifierGivenWithTheCertificateNamesItsK
 TEST_F(CertificateImportTest, ImportNeedsThePinOrASessionAndACertificate) {
     makeToken("SN1");
     makeAuthority(*this);
-    Bytes root = readBytes(file("ca.der"));
+    Bytes root = readFile(file("ca.der"));
     CalythCertificate record = certificateRecord(root);
     EXPECT_NE(calyth_importCertificate("SN1", "0000", &record, nullptr), 0);
     EXPECT_NE(calyth_importCertificate("SN1", "", &record, nullptr), 0);
@@ -209,14 +214,14 @@ TEST_F(CertificateImportTest, ImportNeedsThePinOrASessionAndACertificate) {
     EXPECT_NE(calyth_importCertificate("SN1", "1234", &oversized, nullptr), 0);
     EXPECT_NE(calyth_importCertificate("SN1", "1234", nullptr, nullptr), 0);
     EXPECT_TRUE(calyth_getCertificateList("SN1", nullptr).empty());
-    ASSERT_EQ(tool("sso --serial SN1 on"), 0);
+    ASSERT_EQ(calythToken("sso --serial SN1 on"), 0);
     EXPECT_EQ(calyth_importCertificate("SN1", "", &record, nullptr), 0);
     EXPECT_EQ(calyth_getCertificateList("SN1", nullptr).size(), 1u);
 }
 
 TEST_F(KeyPairChangeTest, LabelAndObjectIdCanBeChanged) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256", "--label before");
+    Bytes key = unhex(makeKey("SN1", "p256", "--label before"));
     Bytes objectId = objectOf(keyRecord("SN1", key));
     ASSERT_EQ(calyth_updateKeyPairDetails("SN1", key.data(), "1234", "after", nullptr, 0, nullptr), 0);
     EXPECT_STREQ(keyRecord("SN1", key).label, "after");
@@ -236,11 +241,12 @@ TEST_F(KeyPairChangeTest, LabelAndObjectIdCanBeChanged) {
 
 TEST_F(KeyPairChangeTest, DeletingAKeyPairTakesItsCertificatesWhenAsked) {
     makeToken("SN1");
-    Bytes first = makeKey("SN1", "p256");
-    Bytes second = makeKey("SN1", "p256");
+    Bytes first = unhex(makeKey("SN1", "p256"));
+    Bytes second = unhex(makeKey("SN1", "p256"));
     makeAuthority(*this);
     for (const Bytes& key : {first, second}) {
-        Bytes leaf = issue(*this, exportPublicKey("SN1", key, file("k.pem")), "/CN=" + hex(key), "leaf.der");
+        Bytes leaf =
+            issue(*this, exportPublicKey("SN1", hex(key), file("k.pem")), "/CN=" + hex(key), "leaf.der");
         CalythCertificate record = certificateRecord(leaf);
         ASSERT_EQ(calyth_importCertificate("SN1", "1234", &record, nullptr), 0);
     }
@@ -257,18 +263,19 @@ TEST_F(KeyPairChangeTest, DeletingAKeyPairTakesItsCertificatesWhenAsked) {
 
 TEST_F(CertificateFolderTest, FilesWithTheExtensionsComeSortedAsDer) {
     makeAuthority(*this);
-    Bytes der = readBytes(file("ca.der"));
+    Bytes der = readFile(file("ca.der"));
     std::string folder = file("cas");
     CreateDirectoryA(folder.c_str(), nullptr);
     CreateDirectoryA((folder + "\\e.cer").c_str(), nullptr);
-    writeBytes(folder + "\\b.pem", readBytes(file("ca.pem")));
-    writeBytes(folder + "\\a.cer", der);
+    writeFile(folder + "\\b.pem", readFile(file("ca.pem")));
+    writeFile(folder + "\\a.cer", der);
     std::string text;
-    openssl("x509 -in " + u(file("ca.pem")) + " -text", &text);  // explanatory text before the PEM block
-    writeBytes(folder + "\\c.CRT", bytesOf(text));
-    writeBytes(folder + "\\d.txt", der);
-    writeBytes(folder + "\\broken.pem",
-               bytesOf("-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n"));
+    openssl("x509 -in " + unixPath(file("ca.pem")) + " -text",
+            &text);  // explanatory text before the PEM block
+    writeFile(folder + "\\c.CRT", bytesOf(text));
+    writeFile(folder + "\\d.txt", der);
+    writeFile(folder + "\\broken.pem",
+              bytesOf("-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n"));
 
     CalythFileList files =
         calyth_getFilesWithExtensionsAndConvertDER(folder, {".cer", ".der", ".pem", ".crt"}, nullptr);

@@ -7,14 +7,17 @@
 #include <set>
 #include <thread>
 
-#include "softtoken_support.h"
+#include "support/device_calls.h"
+#include "support/ecdsa_signature.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace st;
+using namespace testsupport;
 
 namespace {
 
-using ConcurrencyTest = StoreTest;
+using ConcurrencyTest = TokenStoreTest;
 
 Bytes idOf(const CalythKeyPair& key) {
     return Bytes(key.keyId, key.keyId + 16);
@@ -24,8 +27,8 @@ Bytes idOf(const CalythKeyPair& key) {
 
 TEST_F(ConcurrencyTest, ThreadsSignWhileAnotherListsDevicesEverySoOften) {
     makeToken("SN1");
-    Bytes rsa = makeKey("SN1", "rsa2048");
-    Bytes ec = makeKey("SN1", "p256");
+    Bytes rsa = unhex(makeKey("SN1", "rsa2048"));
+    Bytes ec = unhex(makeKey("SN1", "p256"));
     Bytes rsaPublic, ecPublic;
     {
         CalythKeyPair r = keyRecord("SN1", rsa), e = keyRecord("SN1", ec);
@@ -78,7 +81,7 @@ TEST_F(ConcurrencyTest, ThreadsSignWhileAnotherListsDevicesEverySoOften) {
 
 TEST_F(ConcurrencyTest, ListReturnedByReferenceStaysUnchangedWhileOtherThreadsCall) {
     makeToken("SN1");
-    makeKey("SN1", "p256");
+    unhex(makeKey("SN1", "p256"));
     std::vector<CalythKeyPair>& held = calyth_getKeyPairList("SN1", nullptr);
     std::vector<CalythCertificate>& heldCertificates = calyth_getCertificateList("SN1", nullptr);
     ASSERT_EQ(held.size(), 1u);
@@ -107,7 +110,7 @@ TEST_F(ConcurrencyTest, ListReturnedByReferenceStaysUnchangedWhileOtherThreadsCa
 
 TEST_F(ConcurrencyTest, AdminCommandAndThisProcessChangeOneTokenWithoutLosingAnUpdate) {
     makeToken("SN1");
-    Bytes signer = makeKey("SN1", "p256");
+    Bytes signer = unhex(makeKey("SN1", "p256"));
     std::atomic<bool> running{true};
     std::atomic<int> failures{0};
     std::vector<Bytes> madeHere;
@@ -138,9 +141,9 @@ TEST_F(ConcurrencyTest, AdminCommandAndThisProcessChangeOneTokenWithoutLosingAnU
     });
     std::vector<Bytes> madeThere;
     for (int i = 0; i < 5; ++i)
-        madeThere.push_back(makeKey("SN1", "p256"));
+        madeThere.push_back(unhex(makeKey("SN1", "p256")));
     std::string output;
-    EXPECT_EQ(tool("sso --serial SN1 on", &output), 0) << output;
+    EXPECT_EQ(calythToken("sso --serial SN1 on", &output), 0) << output;
     toolRunning = false;
     generator.join();
     running = false;
@@ -158,20 +161,20 @@ TEST_F(ConcurrencyTest, AdminCommandAndThisProcessChangeOneTokenWithoutLosingAnU
     for (const Bytes& id : madeThere)
         EXPECT_EQ(listed.count(hex(id)), 1u);
     EXPECT_EQ(calyth_getTokenInfo("SN1", nullptr).ssoValid, 1);
-    ASSERT_EQ(tool("list --serial SN1", &output), 0);
+    ASSERT_EQ(calythToken("list --serial SN1", &output), 0);
     for (const Bytes& id : madeHere)
         EXPECT_NE(output.find(hex(id)), std::string::npos);
 }
 
 TEST_F(ConcurrencyTest, KeyDeletedByTheAdminCommandIsGoneForARunningProcess) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "p256"));
     Bytes hash(32, 1), signature(64);
     int length = 64;
     ASSERT_EQ(calyth_signHash("SN1", key.data(), "1234", hash.data(), 32, signature.data(), &length, true,
                               nullptr, false),
               0);
-    ASSERT_EQ(tool("delkey --serial SN1 --key " + hex(key)), 0);
+    ASSERT_EQ(calythToken("delkey --serial SN1 --key " + hex(key)), 0);
     length = 64;
     EXPECT_NE(calyth_signHash("SN1", key.data(), "1234", hash.data(), 32, signature.data(), &length, true,
                               nullptr, false),

@@ -7,21 +7,24 @@
 #include <gtest/gtest.h>
 #include <set>
 
-#include "softtoken_support.h"
+#include "support/device_calls.h"
+#include "support/ecdsa_signature.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace st;
+using namespace testsupport;
 
 namespace {
 
-using KeyGenerationTest = StoreTest;
-using SignatureTest = StoreTest;
-using RsaCipherTest = StoreTest;
-using AesTest = StoreTest;
-using KeyUnwrapTest = StoreTest;
-using EcdhTest = StoreTest;
-using HashTest = StoreTest;
-using RandomTest = StoreTest;
+using KeyGenerationTest = TokenStoreTest;
+using SignatureTest = TokenStoreTest;
+using RsaCipherTest = TokenStoreTest;
+using AesTest = TokenStoreTest;
+using KeyUnwrapTest = TokenStoreTest;
+using EcdhTest = TokenStoreTest;
+using HashTest = TokenStoreTest;
+using RandomTest = TokenStoreTest;
 
 const Bytes kMessage = bytesOf("The quick brown fox jumps over the lazy dog");
 const char* const kOpenSslHash[] = {"", "", "sha1", "sha256", "sha384", "sha512"};
@@ -121,8 +124,8 @@ TEST_F(KeyGenerationTest, ZeroCodesGiveRsa2048ForBothUsagesWithExponent65537) {
     EXPECT_EQ(key.keyUsage, CALYTH_USAGE_BOTH);
     EXPECT_EQ(key.publicKeyLength, 256);
     std::string text;
-    exportPublicKey("SN1", idOf(key), file("k.pem"));
-    openssl("pkey -pubin -in " + u(file("k.pem")) + " -noout -text", &text);
+    exportPublicKey("SN1", hex(idOf(key)), file("k.pem"));
+    openssl("pkey -pubin -in " + unixPath(file("k.pem")) + " -noout -text", &text);
     EXPECT_NE(text.find("Exponent: 65537"), std::string::npos) << text;
     EXPECT_NE(text.find("2048 bit"), std::string::npos) << text;
 }
@@ -156,23 +159,23 @@ TEST_F(KeyGenerationTest, Rsa4096KeySignsForOpenSsl) {
     Bytes signature;
     ASSERT_EQ(sign("SN1", idOf(key), digest(CALYTH_HASH_SHA256, kMessage), signature), 0);
     EXPECT_EQ(signature.size(), 512u);
-    writeBytes(file("m.bin"), kMessage);
-    writeBytes(file("s.bin"), signature);
-    exportPublicKey("SN1", idOf(key), file("k.pem"));
-    EXPECT_EQ(openssl("dgst -sha256 -verify " + u(file("k.pem")) + " -signature " + u(file("s.bin")) + " " +
-                      u(file("m.bin"))),
+    writeFile(file("m.bin"), kMessage);
+    writeFile(file("s.bin"), signature);
+    exportPublicKey("SN1", hex(idOf(key)), file("k.pem"));
+    EXPECT_EQ(openssl("dgst -sha256 -verify " + unixPath(file("k.pem")) + " -signature " +
+                      unixPath(file("s.bin")) + " " + unixPath(file("m.bin"))),
               0);
 }
 
 TEST_F(KeyGenerationTest, KeyKeptWithADerPublicKeyStillWorks) {
     makeToken("SN1");
-    Bytes rsa = makeKey("SN1", "rsa1024", "--pubform der");
-    Bytes ec = makeKey("SN1", "p384", "--pubform der");
+    Bytes rsa = unhex(makeKey("SN1", "rsa1024", "--pubform der"));
+    Bytes ec = unhex(makeKey("SN1", "p384", "--pubform der"));
     for (const Bytes& id : {rsa, ec}) {
         CalythKeyPair key = keyRecord("SN1", id);
         ASSERT_EQ(key.publicKey[0], 0x30);
-        writeBytes(file("k.der"), publicOf(key));
-        openssl("pkey -pubin -inform DER -in " + u(file("k.der")) + " -noout");
+        writeFile(file("k.der"), publicOf(key));
+        openssl("pkey -pubin -inform DER -in " + unixPath(file("k.der")) + " -noout");
         Bytes hash = digest(CALYTH_HASH_SHA384, kMessage), signature;
         ASSERT_EQ(sign("SN1", id, hash, signature), 0);
         EXPECT_EQ(verify(hash, publicOf(key), signature), 0);
@@ -181,18 +184,18 @@ TEST_F(KeyGenerationTest, KeyKeptWithADerPublicKeyStillWorks) {
 
 TEST_F(SignatureTest, RsaPkcs1SignaturesVerifyWithOpenSslForEveryHash) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa2048");
-    exportPublicKey("SN1", key, file("k.pem"));
-    writeBytes(file("m.bin"), kMessage);
+    Bytes key = unhex(makeKey("SN1", "rsa2048"));
+    exportPublicKey("SN1", hex(key), file("k.pem"));
+    writeFile(file("m.bin"), kMessage);
     for (int code = CALYTH_HASH_SHA1; code <= CALYTH_HASH_SHA512; ++code) {
         Bytes signature, again;
         ASSERT_EQ(sign("SN1", key, digest(code, kMessage), signature), 0);
         EXPECT_EQ(signature.size(), 256u);
         ASSERT_EQ(sign("SN1", key, digest(code, kMessage), again), 0);
         EXPECT_EQ(signature, again) << "PKCS #1 v1.5 is deterministic";
-        writeBytes(file("s.bin"), signature);
-        EXPECT_EQ(openssl(std::string("dgst -") + kOpenSslHash[code] + " -verify " + u(file("k.pem")) +
-                          " -signature " + u(file("s.bin")) + " " + u(file("m.bin"))),
+        writeFile(file("s.bin"), signature);
+        EXPECT_EQ(openssl(std::string("dgst -") + kOpenSslHash[code] + " -verify " + unixPath(file("k.pem")) +
+                          " -signature " + unixPath(file("s.bin")) + " " + unixPath(file("m.bin"))),
                   0)
             << kOpenSslHash[code];
     }
@@ -200,19 +203,19 @@ TEST_F(SignatureTest, RsaPkcs1SignaturesVerifyWithOpenSslForEveryHash) {
 
 TEST_F(SignatureTest, RsaPssSignaturesVerifyWithOpenSsl) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa2048");
-    exportPublicKey("SN1", key, file("k.pem"));
-    writeBytes(file("m.bin"), kMessage);
+    Bytes key = unhex(makeKey("SN1", "rsa2048"));
+    exportPublicKey("SN1", hex(key), file("k.pem"));
+    writeFile(file("m.bin"), kMessage);
     for (int code : {CALYTH_HASH_SHA256, CALYTH_HASH_SHA512}) {
         Bytes hash = digest(code, kMessage), signature, again;
         ASSERT_EQ(sign("SN1", key, hash, signature, true), 0);
         ASSERT_EQ(sign("SN1", key, hash, again, true), 0);
         EXPECT_NE(signature, again) << "PSS uses a random salt";
-        writeBytes(file("s.bin"), signature);
+        writeFile(file("s.bin"), signature);
         EXPECT_EQ(openssl(std::string("dgst -") + kOpenSslHash[code] +
                           " -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:" +
-                          std::to_string(hash.size()) + " -verify " + u(file("k.pem")) + " -signature " +
-                          u(file("s.bin")) + " " + u(file("m.bin"))),
+                          std::to_string(hash.size()) + " -verify " + unixPath(file("k.pem")) +
+                          " -signature " + unixPath(file("s.bin")) + " " + unixPath(file("m.bin"))),
                   0);
         CalythKeyPair record = keyRecord("SN1", key);
         EXPECT_EQ(verify(hash, publicOf(record), signature, true), 0);
@@ -222,17 +225,17 @@ TEST_F(SignatureTest, RsaPssSignaturesVerifyWithOpenSsl) {
 
 TEST_F(SignatureTest, PssNeedsFirmwareTwoOrLater) {
     makeToken("SN1", "--firmware 1.9.9");
-    Bytes key = makeKey("SN1", "rsa2048");
+    Bytes key = unhex(makeKey("SN1", "rsa2048"));
     Bytes hash = digest(CALYTH_HASH_SHA256, kMessage), signature;
     EXPECT_NE(sign("SN1", key, hash, signature, true), 0) << "PSS on firmware 1.9.9";
     ASSERT_EQ(sign("SN1", key, hash, signature, false), 0) << "PKCS #1 on any firmware";
     Bytes publicKey = publicOf(keyRecord("SN1", key));
     for (const char* version : {"2.0", "2.0.0", "10.0.0"}) {
-        ASSERT_EQ(tool(std::string("set-firmware --serial SN1 --version ") + version), 0);
+        ASSERT_EQ(calythToken(std::string("set-firmware --serial SN1 --version ") + version), 0);
         ASSERT_EQ(sign("SN1", key, hash, signature, true), 0) << version;
         EXPECT_EQ(verify(hash, publicKey, signature, true, "SN1"), 0) << version;
     }
-    ASSERT_EQ(tool("set-firmware --serial SN1 --version 1.10"), 0);
+    ASSERT_EQ(calythToken("set-firmware --serial SN1 --version 1.10"), 0);
     Bytes refused;
     EXPECT_NE(sign("SN1", key, hash, refused, true), 0) << "1.10 is below 2.0.0";
     EXPECT_NE(verify(hash, publicKey, signature, true, "SN1"), 0) << "PSS verification on the token";
@@ -241,7 +244,7 @@ TEST_F(SignatureTest, PssNeedsFirmwareTwoOrLater) {
 
 TEST_F(SignatureTest, EcdsaSignaturesVerifyWithOpenSslOnEveryCurve) {
     makeToken("SN1");
-    writeBytes(file("m.bin"), kMessage);
+    writeFile(file("m.bin"), kMessage);
     struct Case {
         const char* type;
         int hash;
@@ -250,40 +253,41 @@ TEST_F(SignatureTest, EcdsaSignaturesVerifyWithOpenSslOnEveryCurve) {
                  {"p384", CALYTH_HASH_SHA384, 96},
                  {"p521", CALYTH_HASH_SHA512, 132}};
     for (const Case& c : cases) {
-        Bytes key = makeKey("SN1", c.type);
-        exportPublicKey("SN1", key, file("k.pem"));
+        Bytes key = unhex(makeKey("SN1", c.type));
+        exportPublicKey("SN1", hex(key), file("k.pem"));
         Bytes hash = digest(c.hash, kMessage), signature;
         ASSERT_EQ(sign("SN1", key, hash, signature, true), 0) << "PSS asked for an EC key is ignored";
         ASSERT_EQ(signature.size(), c.length);
         EXPECT_EQ(verify(hash, publicOf(keyRecord("SN1", key)), signature), 0);
-        writeBytes(file("s.der"), ecdsaSignatureToDer(signature));
-        EXPECT_EQ(openssl(std::string("dgst -") + kOpenSslHash[c.hash] + " -verify " + u(file("k.pem")) +
-                          " -signature " + u(file("s.der")) + " " + u(file("m.bin"))),
-                  0)
+        writeFile(file("s.der"), ecdsaSignatureToDer(signature));
+        EXPECT_EQ(
+            openssl(std::string("dgst -") + kOpenSslHash[c.hash] + " -verify " + unixPath(file("k.pem")) +
+                    " -signature " + unixPath(file("s.der")) + " " + unixPath(file("m.bin"))),
+            0)
             << c.type;
     }
 }
 
 TEST_F(SignatureTest, EcdsaDigestLongerThanTheCurveIsCutFromTheLeft) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "p256"));
     Bytes hash(64);
     for (size_t i = 0; i < hash.size(); ++i)
         hash[i] = static_cast<unsigned char>(i);  // starts with a zero byte
     Bytes signature;
     ASSERT_EQ(sign("SN1", key, hash, signature), 0);
-    exportPublicKey("SN1", key, file("k.pem"));
-    writeBytes(file("h.bin"), hash);
-    writeBytes(file("s.der"), ecdsaSignatureToDer(signature));
-    EXPECT_EQ(openssl("pkeyutl -verify -pubin -inkey " + u(file("k.pem")) + " -in " + u(file("h.bin")) +
-                      " -sigfile " + u(file("s.der"))),
+    exportPublicKey("SN1", hex(key), file("k.pem"));
+    writeFile(file("h.bin"), hash);
+    writeFile(file("s.der"), ecdsaSignatureToDer(signature));
+    EXPECT_EQ(openssl("pkeyutl -verify -pubin -inkey " + unixPath(file("k.pem")) + " -in " +
+                      unixPath(file("h.bin")) + " -sigfile " + unixPath(file("s.der"))),
               0);
 }
 
 TEST_F(SignatureTest, ShortSignatureBufferFailsAndReportsTheLength) {
     makeToken("SN1");
-    Bytes rsa = makeKey("SN1", "rsa2048");
-    Bytes ec = makeKey("SN1", "p521");
+    Bytes rsa = unhex(makeKey("SN1", "rsa2048"));
+    Bytes ec = unhex(makeKey("SN1", "p521"));
     Bytes hash = digest(CALYTH_HASH_SHA256, kMessage), signature;
     Bytes buffer(300);
     int length = 255;
@@ -304,7 +308,7 @@ TEST_F(SignatureTest, ShortSignatureBufferFailsAndReportsTheLength) {
 
 TEST_F(SignatureTest, UnknownKeyAndUnusableDigestLengthFail) {
     makeToken("SN1");
-    Bytes rsa = makeKey("SN1", "rsa1024");
+    Bytes rsa = unhex(makeKey("SN1", "rsa1024"));
     Bytes signature;
     EXPECT_NE(sign("SN1", Bytes(16, 0x77), digest(CALYTH_HASH_SHA256, kMessage), signature), 0);
     EXPECT_NE(sign("SN1", rsa, Bytes(17, 1), signature), 0);
@@ -313,20 +317,22 @@ TEST_F(SignatureTest, UnknownKeyAndUnusableDigestLengthFail) {
 
 TEST_F(SignatureTest, VerificationTakesEveryPublicKeyForm) {
     makeToken("SN1");
-    Bytes rsa = makeKey("SN1", "rsa2048");
-    Bytes ec = makeKey("SN1", "p256");
+    Bytes rsa = unhex(makeKey("SN1", "rsa2048"));
+    Bytes ec = unhex(makeKey("SN1", "p256"));
     Bytes hash = digest(CALYTH_HASH_SHA256, kMessage), rsaSignature, ecSignature;
     ASSERT_EQ(sign("SN1", rsa, hash, rsaSignature), 0);
     ASSERT_EQ(sign("SN1", ec, hash, ecSignature), 0);
     Bytes modulus = publicOf(keyRecord("SN1", rsa));
     Bytes point = publicOf(keyRecord("SN1", ec));
-    ASSERT_EQ(tool("export-pubkey --der --serial SN1 --key " + hex(rsa) + " --out " + file("rsa.der")), 0);
-    ASSERT_EQ(tool("export-pubkey --der --serial SN1 --key " + hex(ec) + " --out " + file("ec.der")), 0);
+    ASSERT_EQ(calythToken("export-pubkey --der --serial SN1 --key " + hex(rsa) + " --out " + file("rsa.der")),
+              0);
+    ASSERT_EQ(calythToken("export-pubkey --der --serial SN1 --key " + hex(ec) + " --out " + file("ec.der")),
+              0);
 
-    EXPECT_EQ(verify(hash, readBytes(file("rsa.der")), rsaSignature), 0) << "SubjectPublicKeyInfo";
+    EXPECT_EQ(verify(hash, readFile(file("rsa.der")), rsaSignature), 0) << "SubjectPublicKeyInfo";
     EXPECT_EQ(verify(hash, rsaPublicKeyDer(modulus), rsaSignature), 0) << "RSAPublicKey";
     EXPECT_EQ(verify(hash, point, ecSignature), 0) << "raw point";
-    EXPECT_EQ(verify(hash, readBytes(file("ec.der")), ecSignature), 0) << "EC SubjectPublicKeyInfo";
+    EXPECT_EQ(verify(hash, readFile(file("ec.der")), ecSignature), 0) << "EC SubjectPublicKeyInfo";
     EXPECT_EQ(verify(hash, modulus, rsaSignature, false, "SN1"), 0) << "naming the token";
 
     Bytes tampered = rsaSignature;
@@ -341,9 +347,9 @@ TEST_F(SignatureTest, VerificationTakesEveryPublicKeyForm) {
 }
 
 TEST_F(RsaCipherTest, EncryptionOutputDecryptsWithOpenSsl) {
-    openssl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + u(file("k.pem")));
-    openssl("pkey -in " + u(file("k.pem")) + " -pubout -outform DER -out " + u(file("k.der")));
-    Bytes publicKey = readBytes(file("k.der"));
+    openssl("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + unixPath(file("k.pem")));
+    openssl("pkey -in " + unixPath(file("k.pem")) + " -pubout -outform DER -out " + unixPath(file("k.der")));
+    Bytes publicKey = readFile(file("k.der"));
     Bytes secret = bytesOf("session key bytes 0123456789abcdef");
     struct Case {
         PaddingMode padding;
@@ -360,17 +366,17 @@ TEST_F(RsaCipherTest, EncryptionOutputDecryptsWithOpenSsl) {
                            &length, publicKey.data(), static_cast<int>(publicKey.size()), nullptr),
             0);
         ASSERT_EQ(length, 256);
-        writeBytes(file("c.bin"), out);
-        openssl("pkeyutl -decrypt -inkey " + u(file("k.pem")) + c.option + " -in " + u(file("c.bin")) +
-                " -out " + u(file("p.bin")));
-        EXPECT_EQ(readBytes(file("p.bin")), secret) << c.padding;
+        writeFile(file("c.bin"), out);
+        openssl("pkeyutl -decrypt -inkey " + unixPath(file("k.pem")) + c.option + " -in " +
+                unixPath(file("c.bin")) + " -out " + unixPath(file("p.bin")));
+        EXPECT_EQ(readFile(file("p.bin")), secret) << c.padding;
     }
 }
 
 TEST_F(RsaCipherTest, EncryptionRefusesBadArguments) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa1024");
-    Bytes ec = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "rsa1024"));
+    Bytes ec = unhex(makeKey("SN1", "p256"));
     Bytes modulus = publicOf(keyRecord("SN1", key));
     Bytes data = bytesOf("abc"), out(128);
     int length = 5;
@@ -401,14 +407,14 @@ TEST_F(RsaCipherTest, EncryptionRefusesBadArguments) {
 
 TEST_F(RsaCipherTest, TokenDecryptsOpenSslCiphertextsFindingThePadding) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa2048", "--usage exchange");
-    exportPublicKey("SN1", key, file("k.pem"));
+    Bytes key = unhex(makeKey("SN1", "rsa2048", "--usage exchange"));
+    exportPublicKey("SN1", hex(key), file("k.pem"));
     Bytes secret = bytesOf("0123456789ABCDEF0123456789ABCDEF");
-    writeBytes(file("p.bin"), secret);
+    writeFile(file("p.bin"), secret);
     for (const char* option : {"", " -pkeyopt rsa_padding_mode:oaep"}) {
-        openssl("pkeyutl -encrypt -pubin -inkey " + u(file("k.pem")) + option + " -in " + u(file("p.bin")) +
-                " -out " + u(file("c.bin")));
-        Bytes cipher = readBytes(file("c.bin"));
+        openssl("pkeyutl -encrypt -pubin -inkey " + unixPath(file("k.pem")) + option + " -in " +
+                unixPath(file("p.bin")) + " -out " + unixPath(file("c.bin")));
+        Bytes cipher = readFile(file("c.bin"));
         unsigned char* out = nullptr;
         int length = 0;
         ASSERT_EQ(calyth_decrypt("SN1", key.data(), "1234", cipher.data(), static_cast<int>(cipher.size()),
@@ -422,8 +428,8 @@ TEST_F(RsaCipherTest, TokenDecryptsOpenSslCiphertextsFindingThePadding) {
 
 TEST_F(RsaCipherTest, RoundTripAndGarbageThroughTheToken) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa1024");
-    Bytes ec = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "rsa1024"));
+    Bytes ec = unhex(makeKey("SN1", "p256"));
     Bytes modulus = publicOf(keyRecord("SN1", key));
     for (PaddingMode padding : {PADDING_PKCS1, PADDING_OAEP}) {
         for (const Bytes& secret : {bytesOf("k"), bytesOf("a longer secret of forty-two bytes in all!")}) {
@@ -464,7 +470,7 @@ TEST_F(RsaCipherTest, RoundTripAndGarbageThroughTheToken) {
 TEST_F(AesTest, EncryptionMatchesOpenSsl) {
     const Bytes iv = unhex("000102030405060708090A0B0C0D0E0F");
     const Bytes plain = bytesOf("twenty bytes of text");
-    writeBytes(file("p.bin"), plain);
+    writeFile(file("p.bin"), plain);
     struct Case {
         EncryptionType type;
         size_t keyLength;
@@ -490,8 +496,8 @@ TEST_F(AesTest, EncryptionMatchesOpenSsl) {
         std::free(out);
         EXPECT_EQ(cipher.size(), 32u);
         openssl(std::string("enc -") + c.cipher + " -K " + hex(key) + (c.cbc ? " -iv " + hex(iv) : "") +
-                " -in " + u(file("p.bin")) + " -out " + u(file("c.bin")));
-        EXPECT_EQ(hex(cipher), hex(readBytes(file("c.bin")))) << c.cipher;
+                " -in " + unixPath(file("p.bin")) + " -out " + unixPath(file("c.bin")));
+        EXPECT_EQ(hex(cipher), hex(readFile(file("c.bin")))) << c.cipher;
     }
 }
 
@@ -499,11 +505,11 @@ TEST_F(AesTest, DecryptionUndoesOpenSslEncryption) {
     const Bytes key = unhex("2B7E151628AED2A6ABF7158809CF4F3C");
     const Bytes iv = unhex("F0F1F2F3F4F5F6F7F8F9FAFBFCFDFEFF");
     const Bytes plain = bytesOf("exactly sixteen!");  // a whole block: a full padding block follows
-    writeBytes(file("p.bin"), plain);
+    writeFile(file("p.bin"), plain);
     for (bool cbc : {true, false}) {
         openssl(std::string("enc -aes-128-") + (cbc ? "cbc -iv " + hex(iv) : "ecb") + " -K " + hex(key) +
-                " -in " + u(file("p.bin")) + " -out " + u(file("c.bin")));
-        Bytes cipher = readBytes(file("c.bin"));
+                " -in " + unixPath(file("p.bin")) + " -out " + unixPath(file("c.bin")));
+        Bytes cipher = readFile(file("c.bin"));
         ASSERT_EQ(cipher.size(), 32u);
         Bytes out(32);
         int length = 32;
@@ -517,10 +523,10 @@ TEST_F(AesTest, DecryptionUndoesOpenSslEncryption) {
 TEST_F(AesTest, BadPaddingLengthsAndModesFail) {
     makeToken("SN1");
     const Bytes key = unhex("2B7E151628AED2A6ABF7158809CF4F3C");
-    writeBytes(file("p.bin"), Bytes(16, 0x00));  // decrypts to a last byte of 0: no valid padding
-    openssl("enc -aes-128-ecb -nopad -K " + hex(key) + " -in " + u(file("p.bin")) + " -out " +
-            u(file("c.bin")));
-    Bytes cipher = readBytes(file("c.bin"));
+    writeFile(file("p.bin"), Bytes(16, 0x00));  // decrypts to a last byte of 0: no valid padding
+    openssl("enc -aes-128-ecb -nopad -K " + hex(key) + " -in " + unixPath(file("p.bin")) + " -out " +
+            unixPath(file("c.bin")));
+    Bytes cipher = readFile(file("c.bin"));
     Bytes out(64);
     int length = 64;
     EXPECT_NE(calyth_decryptSymetric("", cipher.data(), 16, out.data(), &length, nullptr, 0, key.data(), 16,
@@ -560,7 +566,7 @@ TEST_F(AesTest, BadPaddingLengthsAndModesFail) {
     EXPECT_EQ(calyth_decryptSymetric("SN1", encrypted.data(), 16, out.data(), &length, nullptr, 0, key.data(),
                                      16, nullptr),
               0);
-    ASSERT_EQ(tool("unplug --serial SN1"), 0);
+    ASSERT_EQ(calythToken("unplug --serial SN1"), 0);
     EXPECT_NE(calyth_decryptSymetric("SN1", encrypted.data(), 16, out.data(), &length, nullptr, 0, key.data(),
                                      16, nullptr),
               0);
@@ -666,12 +672,13 @@ TEST_F(EcdhTest, SharedSecretMatchesOpenSsl) {
         size_t pointLength;
     } cases[] = {{"p256", "P-256", 65}, {"p384", "P-384", 97}, {"p521", "P-521", 133}};
     for (const Case& c : cases) {
-        Bytes key = makeKey("SN1", c.type, "--usage exchange");
-        exportPublicKey("SN1", key, file("token.pem"));
+        Bytes key = unhex(makeKey("SN1", c.type, "--usage exchange"));
+        exportPublicKey("SN1", hex(key), file("token.pem"));
         openssl(std::string("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:") + c.curve + " -out " +
-                u(file("peer.pem")));
-        openssl("pkey -in " + u(file("peer.pem")) + " -pubout -outform DER -out " + u(file("peer.der")));
-        Bytes peerDer = readBytes(file("peer.der"));
+                unixPath(file("peer.pem")));
+        openssl("pkey -in " + unixPath(file("peer.pem")) + " -pubout -outform DER -out " +
+                unixPath(file("peer.der")));
+        Bytes peerDer = readFile(file("peer.der"));
         Bytes peer(peerDer.end() - static_cast<long>(c.pointLength), peerDer.end());
         unsigned char* secret = nullptr;
         int length = 0;
@@ -682,17 +689,17 @@ TEST_F(EcdhTest, SharedSecretMatchesOpenSsl) {
         Bytes ours(secret, secret + length);
         std::free(secret);
         EXPECT_EQ(ours.size(), (c.pointLength - 1) / 2);
-        openssl("pkeyutl -derive -inkey " + u(file("peer.pem")) + " -peerkey " + u(file("token.pem")) +
-                " -out " + u(file("z.bin")));
-        EXPECT_EQ(hex(ours), hex(readBytes(file("z.bin")))) << c.type;
+        openssl("pkeyutl -derive -inkey " + unixPath(file("peer.pem")) + " -peerkey " +
+                unixPath(file("token.pem")) + " -out " + unixPath(file("z.bin")));
+        EXPECT_EQ(hex(ours), hex(readFile(file("z.bin")))) << c.type;
     }
 }
 
 TEST_F(EcdhTest, BadPeerPointsAndNonEcKeysFail) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
-    Bytes rsa = makeKey("SN1", "rsa1024");
-    Bytes point = publicOf(keyRecord("SN1", makeKey("SN1", "p256")));
+    Bytes key = unhex(makeKey("SN1", "p256"));
+    Bytes rsa = unhex(makeKey("SN1", "rsa1024"));
+    Bytes point = publicOf(keyRecord("SN1", unhex(makeKey("SN1", "p256"))));
     unsigned char* secret = nullptr;
     int length = 0;
     ASSERT_EQ(calyth_ecdhDerive("SN1", key.data(), "1234", point.data(), 65, &secret, &length, nullptr), 0);
@@ -705,7 +712,7 @@ TEST_F(EcdhTest, BadPeerPointsAndNonEcKeysFail) {
     offCurve[64] ^= 0x01;
     EXPECT_NE(calyth_ecdhDerive("SN1", key.data(), "1234", offCurve.data(), 65, &secret, &length, nullptr),
               0);
-    Bytes p384 = publicOf(keyRecord("SN1", makeKey("SN1", "p384")));
+    Bytes p384 = publicOf(keyRecord("SN1", unhex(makeKey("SN1", "p384"))));
     EXPECT_NE(calyth_ecdhDerive("SN1", key.data(), "1234", p384.data(), 97, &secret, &length, nullptr), 0);
     EXPECT_NE(calyth_ecdhDerive("SN1", rsa.data(), "1234", point.data(), 65, &secret, &length, nullptr), 0);
     EXPECT_NE(calyth_ecdhDerive("SN1", key.data(), "1234", point.data(), 65, nullptr, &length, nullptr), 0);

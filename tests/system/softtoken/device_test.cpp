@@ -5,17 +5,20 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "softtoken_support.h"
+#include "support/device_calls.h"
+#include "support/ecdsa_signature.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
-using namespace st;
+using namespace testsupport;
 
 namespace {
 
-using DeviceTest = StoreTest;
-using PinTest = StoreTest;
-using FaultTest = StoreTest;
-using DamagedTokenTest = StoreTest;
+using DeviceTest = TokenStoreTest;
+using PinTest = TokenStoreTest;
+using FaultTest = TokenStoreTest;
+using DamagedTokenTest = TokenStoreTest;
 
 const Bytes kDigest32(32, 0x5A);
 
@@ -61,7 +64,7 @@ TEST_F(DeviceTest, ListsConnectedTokensInSerialOrder) {
     makeToken("SN-B");
     makeToken("SN-A");
     makeToken("SN-C");
-    ASSERT_EQ(tool("unplug --serial SN-C"), 0);
+    ASSERT_EQ(calythToken("unplug --serial SN-C"), 0);
     EXPECT_EQ(devices(), (std::vector<std::string>{"SN-A", "SN-B"}));
     EXPECT_EQ(devices(), (std::vector<std::string>{"SN-A", "SN-B"}));
 }
@@ -78,8 +81,8 @@ TEST_F(DeviceTest, InitDeviceAnswersZeroOnlyForAConnectedToken) {
 
 TEST_F(DeviceTest, UnpluggedTokenFailsEveryCallUntilPluggedInAgain) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
-    ASSERT_EQ(tool("unplug --serial SN1"), 0);
+    Bytes key = unhex(makeKey("SN1", "p256"));
+    ASSERT_EQ(calythToken("unplug --serial SN1"), 0);
 
     EXPECT_TRUE(devices().empty());
     EXPECT_NE(calyth_initDevice("SN1", false, nullptr), 0);
@@ -94,7 +97,7 @@ TEST_F(DeviceTest, UnpluggedTokenFailsEveryCallUntilPluggedInAgain) {
     EXPECT_NE(calyth_generateRamdomNumber("SN1", 8, random, false, nullptr), 0);
     EXPECT_NE(generate("SN1", "1234"), 0);
 
-    ASSERT_EQ(tool("plug --serial SN1"), 0);
+    ASSERT_EQ(calythToken("plug --serial SN1"), 0);
     EXPECT_EQ(devices(), std::vector<std::string>{"SN1"});
     EXPECT_EQ(calyth_initDevice("SN1", false, nullptr), 0);
     EXPECT_EQ(calyth_getKeyPairList("SN1", nullptr).size(), 1u);
@@ -105,10 +108,10 @@ TEST_F(DeviceTest, HashStartedOnATokenFailsOnceTheTokenIsUnplugged) {
     makeToken("SN1");
     void* hash = nullptr;
     ASSERT_EQ(calyth_initHash("SN1", CALYTH_HASH_SHA256, &hash, nullptr), 0);
-    ASSERT_EQ(tool("unplug --serial SN1"), 0);
+    ASSERT_EQ(calythToken("unplug --serial SN1"), 0);
     unsigned char data[3] = {'a', 'b', 'c'};
     EXPECT_NE(calyth_updateHash(hash, data, 3, nullptr), 0);
-    ASSERT_EQ(tool("plug --serial SN1"), 0);
+    ASSERT_EQ(calythToken("plug --serial SN1"), 0);
     EXPECT_EQ(calyth_updateHash(hash, data, 3, nullptr), 0);
     Bytes out(32);
     int length = 32;
@@ -131,22 +134,22 @@ TEST_F(DeviceTest, TokenInfoReportsLabelFirmwareAndNoSession) {
 TEST_F(DeviceTest, FirmwareVersionIsSetAtInitAndLater) {
     makeToken("SN1", "--firmware 1.9.9");
     EXPECT_EQ(calyth_getTokenInfo("SN1", nullptr).firmwareVersion, "1.9.9");
-    ASSERT_EQ(tool("set-firmware --serial SN1 --version 2.0"), 0);
+    ASSERT_EQ(calythToken("set-firmware --serial SN1 --version 2.0"), 0);
     EXPECT_EQ(calyth_getTokenInfo("SN1", nullptr).firmwareVersion, "2.0");
 }
 
 TEST_F(DeviceTest, SingleSignOnStateShowsInTokenInfo) {
     makeToken("SN1");
-    ASSERT_EQ(tool("sso --serial SN1 on"), 0);
+    ASSERT_EQ(calythToken("sso --serial SN1 on"), 0);
     TokenInfo on = calyth_getTokenInfo("SN1", nullptr);
     EXPECT_FALSE(on.label.empty());
     EXPECT_EQ(on.userLoggedIn, 1);
     EXPECT_EQ(on.ssoValid, 1);
-    ASSERT_EQ(tool("sso --serial SN1 expired"), 0);
+    ASSERT_EQ(calythToken("sso --serial SN1 expired"), 0);
     TokenInfo expired = calyth_getTokenInfo("SN1", nullptr);
     EXPECT_EQ(expired.userLoggedIn, 1);
     EXPECT_EQ(expired.ssoValid, 0);
-    ASSERT_EQ(tool("sso --serial SN1 off"), 0);
+    ASSERT_EQ(calythToken("sso --serial SN1 off"), 0);
     TokenInfo off = calyth_getTokenInfo("SN1", nullptr);
     EXPECT_EQ(off.userLoggedIn, 0);
     EXPECT_EQ(off.ssoValid, 0);
@@ -154,14 +157,14 @@ TEST_F(DeviceTest, SingleSignOnStateShowsInTokenInfo) {
 
 TEST_F(DeviceTest, TokenMadeByTheAdminCommandSurvivesAndChangesMadeHereReachIt) {
     makeToken("SN1");
-    Bytes made = makeKey("SN1", "p256", "--label fromtool");
+    Bytes made = unhex(makeKey("SN1", "p256", "--label fromtool"));
     ASSERT_EQ(generate("SN1", "1234"), 0);
     std::vector<CalythKeyPair> keys = calyth_getKeyPairList("SN1", nullptr);
     ASSERT_EQ(keys.size(), 2u);
     EXPECT_EQ(Bytes(keys[0].keyId, keys[0].keyId + 16), made);
     EXPECT_STREQ(keys[0].label, "fromtool");
     std::string listing;
-    ASSERT_EQ(tool("list --serial SN1", &listing), 0);
+    ASSERT_EQ(calythToken("list --serial SN1", &listing), 0);
     EXPECT_NE(listing.find(hex(Bytes(keys[1].keyId, keys[1].keyId + 16))), std::string::npos) << listing;
 }
 
@@ -188,7 +191,7 @@ TEST_F(PinTest, WrongPinCountsDownAndTheRightPinResetsTheCount) {
 
 TEST_F(PinTest, TokenLocksAtTheRetryLimitAndRefusesEvenTheRightPin) {
     makeToken("SN1", "--retries 3");
-    Bytes key = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "p256"));
     int left = -1;
     EXPECT_NE(calyth_validatePassword("SN1", "0001", 1, &left, nullptr), 0);
     EXPECT_EQ(left, 2);
@@ -202,7 +205,7 @@ TEST_F(PinTest, TokenLocksAtTheRetryLimitAndRefusesEvenTheRightPin) {
     EXPECT_NE(sign("SN1", key, "1234"), 0);
     EXPECT_EQ(attemptsLeft("SN1"), 0);
 
-    ASSERT_EQ(tool("unlock --serial SN1"), 0);
+    ASSERT_EQ(calythToken("unlock --serial SN1"), 0);
     EXPECT_EQ(calyth_validatePassword("SN1", "1234", 1, &left, nullptr), 0);
     EXPECT_EQ(left, 3);
     EXPECT_EQ(sign("SN1", key, "1234"), 0);
@@ -218,8 +221,8 @@ TEST_F(PinTest, OnlyTheUserPinTypeIsValidated) {
 
 TEST_F(PinTest, PrivateKeyWorkRefusesAWrongPinAndCountsIt) {
     makeToken("SN1");
-    Bytes ec = makeKey("SN1", "p256");
-    Bytes rsa = makeKey("SN1", "rsa1024");
+    Bytes ec = unhex(makeKey("SN1", "p256"));
+    Bytes rsa = unhex(makeKey("SN1", "rsa1024"));
     EXPECT_NE(sign("SN1", ec, "4321"), 0);
     EXPECT_EQ(attemptsLeft("SN1"), 9);
     EXPECT_NE(generate("SN1", "4321"), 0);
@@ -249,7 +252,7 @@ TEST_F(PinTest, PrivateKeyWorkRefusesAWrongPinAndCountsIt) {
 
 TEST_F(PinTest, EmptyPinWithoutSessionIsRefusedWithoutCostingAnAttempt) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
+    Bytes key = unhex(makeKey("SN1", "p256"));
     EXPECT_NE(sign("SN1", key, ""), 0);
     EXPECT_NE(sign("SN1", key, nullptr), 0);
     EXPECT_NE(generate("SN1", ""), 0);
@@ -258,20 +261,20 @@ TEST_F(PinTest, EmptyPinWithoutSessionIsRefusedWithoutCostingAnAttempt) {
 
 TEST_F(PinTest, SingleSignOnLetsPrivateKeyWorkRunWithAnEmptyPin) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
-    ASSERT_EQ(tool("sso --serial SN1 on"), 0);
+    Bytes key = unhex(makeKey("SN1", "p256"));
+    ASSERT_EQ(calythToken("sso --serial SN1 on"), 0);
     EXPECT_EQ(sign("SN1", key, ""), 0);
     EXPECT_EQ(generate("SN1", ""), 0);
     EXPECT_NE(sign("SN1", key, "4321"), 0);  // a PIN that is given is still checked
-    ASSERT_EQ(tool("sso --serial SN1 off"), 0);
+    ASSERT_EQ(calythToken("sso --serial SN1 off"), 0);
     EXPECT_NE(sign("SN1", key, ""), 0);
 }
 
 TEST_F(PinTest, ExpiredSessionAnswers49ForSigningAndDecryptionWithAnEmptyPin) {
     makeToken("SN1");
-    Bytes ec = makeKey("SN1", "p256");
-    Bytes rsa = makeKey("SN1", "rsa1024");
-    ASSERT_EQ(tool("sso --serial SN1 expired"), 0);
+    Bytes ec = unhex(makeKey("SN1", "p256"));
+    Bytes rsa = unhex(makeKey("SN1", "rsa1024"));
+    ASSERT_EQ(calythToken("sso --serial SN1 expired"), 0);
     EXPECT_EQ(sign("SN1", ec, ""), CALYTH_SSO_EXPIRED);
     unsigned char* out = nullptr;
     int length = 0;
@@ -286,8 +289,8 @@ TEST_F(PinTest, ExpiredSessionAnswers49ForSigningAndDecryptionWithAnEmptyPin) {
 
 TEST_F(FaultTest, SignFaultAnswersTheChosenCodeForTheNextCalls) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "p256");
-    ASSERT_EQ(tool("fault --serial SN1 --function signHash --code 49 --count 2"), 0);
+    Bytes key = unhex(makeKey("SN1", "p256"));
+    ASSERT_EQ(calythToken("fault --serial SN1 --function signHash --code 49 --count 2"), 0);
     EXPECT_EQ(sign("SN1", key, "1234"), 49);
     EXPECT_EQ(sign("SN1", key, "1234"), 49);
     EXPECT_EQ(sign("SN1", key, "1234"), 0);
@@ -295,8 +298,8 @@ TEST_F(FaultTest, SignFaultAnswersTheChosenCodeForTheNextCalls) {
 
 TEST_F(FaultTest, DecryptFaultAnswers49) {
     makeToken("SN1");
-    Bytes key = makeKey("SN1", "rsa1024");
-    ASSERT_EQ(tool("fault --serial SN1 --function calyth_decrypt --code 49"), 0);
+    Bytes key = unhex(makeKey("SN1", "rsa1024"));
+    ASSERT_EQ(calythToken("fault --serial SN1 --function calyth_decrypt --code 49"), 0);
     unsigned char* out = nullptr;
     int length = 0;
     Bytes cipher(128, 0x11);
@@ -308,7 +311,7 @@ TEST_F(FaultTest, DecryptFaultAnswers49) {
 
 TEST_F(FaultTest, TimeMismatchOnPinValidationLeavesNoAttempts) {
     makeToken("SN1");
-    ASSERT_EQ(tool("fault --serial SN1 --function validatePassword --code 48"), 0);
+    ASSERT_EQ(calythToken("fault --serial SN1 --function validatePassword --code 48"), 0);
     int left = -1;
     EXPECT_EQ(calyth_validatePassword("SN1", "1234", 1, &left, nullptr), CALYTH_SYSTEM_TIME_MISMATCH);
     EXPECT_EQ(left, 0);
@@ -318,10 +321,10 @@ TEST_F(FaultTest, TimeMismatchOnPinValidationLeavesNoAttempts) {
 
 TEST_F(FaultTest, AnyFunctionCanBeMadeToFailWithAnyCode) {
     makeToken("SN1");
-    makeKey("SN1", "p256");
-    ASSERT_EQ(tool("fault --serial SN1 --function initDevice --code 77"), 0);
-    ASSERT_EQ(tool("fault --serial SN1 --function getKeyPairList --code 5"), 0);
-    ASSERT_EQ(tool("fault --serial SN1 --function generateRamdomNumber --code 12"), 0);
+    unhex(makeKey("SN1", "p256"));
+    ASSERT_EQ(calythToken("fault --serial SN1 --function initDevice --code 77"), 0);
+    ASSERT_EQ(calythToken("fault --serial SN1 --function getKeyPairList --code 5"), 0);
+    ASSERT_EQ(calythToken("fault --serial SN1 --function generateRamdomNumber --code 12"), 0);
     EXPECT_EQ(calyth_initDevice("SN1", false, nullptr), 77);
     EXPECT_EQ(calyth_initDevice("SN1", false, nullptr), 0);
     EXPECT_TRUE(calyth_getKeyPairList("SN1", nullptr).empty());
@@ -335,21 +338,21 @@ TEST_F(FaultTest, AnyFunctionCanBeMadeToFailWithAnyCode) {
 TEST_F(FaultTest, PermanentFaultFiresUntilCleared) {
     makeToken("SN1");
     makeToken("SN2");
-    ASSERT_EQ(tool("fault --serial SN1 --function getTokenInfo --code 3 --always"), 0);
+    ASSERT_EQ(calythToken("fault --serial SN1 --function getTokenInfo --code 3 --always"), 0);
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(calyth_getTokenInfo("SN1", nullptr).label.empty());
     EXPECT_EQ(calyth_getTokenInfo("SN2", nullptr).label, "SN2");  // the other token is not touched
-    ASSERT_EQ(tool("fault --serial SN1 --clear"), 0);
+    ASSERT_EQ(calythToken("fault --serial SN1 --clear"), 0);
     EXPECT_EQ(calyth_getTokenInfo("SN1", nullptr).label, "SN1");
 }
 
 TEST_F(DamagedTokenTest, CorruptFileGivesNonZeroStatusAndDoesNotHideOtherTokens) {
     makeToken("SN1");
     makeToken("SN2");
-    Bytes key1 = makeKey("SN1", "p256");
-    Bytes key2 = makeKey("SN2", "p256");
+    Bytes key1 = unhex(makeKey("SN1", "p256"));
+    Bytes key2 = unhex(makeKey("SN2", "p256"));
     EXPECT_EQ(sign("SN2", key2, "1234"), 0);  // the process holds SN2 in its cache
-    writeBytes(store + "\\SN2.token", bytesOf("calyth-soft-token 1\nserial=SN2\nlabel=zz\ngarbage\n"));
+    writeFile(store + "\\SN2.token", bytesOf("calyth-soft-token 1\nserial=SN2\nlabel=zz\ngarbage\n"));
 
     EXPECT_EQ(devices(), std::vector<std::string>{"SN1"});
     EXPECT_NE(calyth_initDevice("SN2", false, nullptr), 0);
@@ -362,7 +365,7 @@ TEST_F(DamagedTokenTest, CorruptFileGivesNonZeroStatusAndDoesNotHideOtherTokens)
     EXPECT_EQ(sign("SN1", key1, "1234"), 0);
 
     std::string listing;
-    EXPECT_EQ(tool("list", &listing), 0);
+    EXPECT_EQ(calythToken("list", &listing), 0);
     EXPECT_NE(listing.find("SN2"), std::string::npos);
     EXPECT_NE(listing.find("unreadable"), std::string::npos) << listing;
     EXPECT_NE(listing.find(hex(key1)), std::string::npos) << listing;
@@ -371,16 +374,16 @@ TEST_F(DamagedTokenTest, CorruptFileGivesNonZeroStatusAndDoesNotHideOtherTokens)
 TEST_F(DamagedTokenTest, TruncatedFileIsRecognised) {
     makeToken("SN1");
     makeToken("SN2");
-    makeKey("SN2", "rsa1024");
-    Bytes content = readBytes(store + "\\SN2.token");
+    unhex(makeKey("SN2", "rsa1024"));
+    Bytes content = readFile(store + "\\SN2.token");
     ASSERT_GT(content.size(), 100u);
     for (size_t keep : {content.size() - 1, content.size() / 2, size_t(10), size_t(0)}) {
-        writeBytes(store + "\\SN2.token", Bytes(content.begin(), content.begin() + static_cast<long>(keep)));
+        writeFile(store + "\\SN2.token", Bytes(content.begin(), content.begin() + static_cast<long>(keep)));
         EXPECT_EQ(devices(), std::vector<std::string>{"SN1"}) << keep;
         EXPECT_NE(calyth_initDevice("SN2", false, nullptr), 0) << keep;
         EXPECT_TRUE(calyth_getKeyPairList("SN2", nullptr).empty()) << keep;
     }
-    writeBytes(store + "\\SN2.token", content);
+    writeFile(store + "\\SN2.token", content);
     EXPECT_EQ(calyth_initDevice("SN2", false, nullptr), 0);
     EXPECT_EQ(calyth_getKeyPairList("SN2", nullptr).size(), 1u);
 }
@@ -396,10 +399,10 @@ TEST_F(DeviceTest, ChangeOfTheSameSizeByAnotherProcessIsSeenAtOnce) {
     makeToken("SN1");
     for (int round = 0; round < 3; ++round) {
         ASSERT_EQ(calyth_initDevice("SN1", false, nullptr), 0) << round;  // this process holds the token now
-        Bytes before = readBytes(store + "\\SN1.token");
-        ASSERT_EQ(tool("unplug --serial SN1"), 0);
-        EXPECT_EQ(readBytes(store + "\\SN1.token").size(), before.size()) << "plugged=1 became plugged=0";
+        Bytes before = readFile(store + "\\SN1.token");
+        ASSERT_EQ(calythToken("unplug --serial SN1"), 0);
+        EXPECT_EQ(readFile(store + "\\SN1.token").size(), before.size()) << "plugged=1 became plugged=0";
         EXPECT_NE(calyth_initDevice("SN1", false, nullptr), 0) << round;
-        ASSERT_EQ(tool("plug --serial SN1"), 0);
+        ASSERT_EQ(calythToken("plug --serial SN1"), 0);
     }
 }
