@@ -29,6 +29,66 @@ using testing::IsEmpty;
 
 namespace {
 
+// The facility stamps its lines with kernel32's GetLocalTime, reached through this program's import
+// table. While one of these lives, that entry answers a time that stands still, so that lines share
+// one millisecond however slow the machine is.
+SYSTEMTIME g_frozenTime;
+
+void WINAPI frozenLocalTime(LPSYSTEMTIME time) {
+    *time = g_frozenTime;
+}
+
+// The import slot of `function` from `dll` in this program's image; null when it imports no such name.
+ULONG_PTR* importSlot(const char* dll, const char* function) {
+    BYTE* base = reinterpret_cast<BYTE*>(GetModuleHandleA(nullptr));
+    auto* nt =
+        reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    for (auto* module = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress);
+         module->Name; ++module) {
+        if (_stricmp(reinterpret_cast<char*>(base + module->Name), dll) != 0)
+            continue;
+        DWORD namesAt = module->OriginalFirstThunk ? module->OriginalFirstThunk : module->FirstThunk;
+        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + namesAt);
+        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + module->FirstThunk);
+        for (; names->u1.AddressOfData; ++names, ++slots) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
+                continue;
+            auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
+            if (std::strcmp(reinterpret_cast<char*>(byName->Name), function) == 0)
+                return &slots->u1.Function;
+        }
+    }
+    return nullptr;
+}
+
+void setSlot(ULONG_PTR* slot, ULONG_PTR value) {
+    DWORD old = 0;
+    VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &old);
+    *slot = value;
+    VirtualProtect(slot, sizeof *slot, old, &old);
+}
+
+class FrozenLocalTime {
+public:
+    FrozenLocalTime() : slot_(importSlot("kernel32.dll", "GetLocalTime")) {
+        GetLocalTime(&g_frozenTime);
+        if (slot_) {
+            saved_ = *slot_;
+            setSlot(slot_, reinterpret_cast<ULONG_PTR>(&frozenLocalTime));
+        }
+    }
+    ~FrozenLocalTime() {
+        if (slot_)
+            setSlot(slot_, saved_);
+    }
+    bool installed() const { return slot_ != nullptr; }
+
+private:
+    ULONG_PTR* slot_;
+    ULONG_PTR saved_ = 0;
+};
+
 std::string today() {
     char date[32];
     time_t now = time(nullptr);
@@ -317,7 +377,10 @@ TEST_F(Log, MessageIsWrittenAsItStands) {
 }
 
 TEST_F(Log, LinesInTheSameMillisecondKeepTheirCallOrder) {
-    // Lines are written until two neighbours carry the same time stamp; all stay in call order.
+    // The clock stands still while the lines are written, so neighbours carry the same time stamp
+    // on any machine; all stay in call order.
+    FrozenLocalTime frozen;
+    ASSERT_TRUE(frozen.installed()) << "no GetLocalTime import from kernel32.dll in this program";
     std::regex stamp("^(\\d\\d/\\d\\d::\\d\\d:\\d\\d:\\d\\d:\\d\\d\\d)-> ->ERROR ::=>line (\\d+)$");
     bool sameMillisecond = false;
     int written = 0;
