@@ -60,11 +60,40 @@ start_desktop() {
         return 0
     fi
     DISPLAY=$(cat "$prefix/xvfb.display") wine explorer.exe /desktop </dev/null >/dev/null 2>&1 &
-    for _ in $(seq 1 100); do
+    for _ in $(seq 1 300); do
         desktop_running && return 0
         sleep 0.1
     done
-    echo "wine-env: Wine's desktop process did not start" >&2
+    # Without it every DISPLAY test would wait out its timeout for windows that never appear.
+    echo "wine-env: FAILED: Wine's desktop process did not start on display $(cat "$prefix/xvfb.display") within 30 s" >&2
+    exit 1
+}
+
+# True once the X server at display $1 accepts connections.
+display_ready() {
+    if command -v xdpyinfo >/dev/null 2>&1; then
+        DISPLAY=$1 xdpyinfo >/dev/null 2>&1
+    else
+        [ -S "/tmp/.X11-unix/X${1#:}" ]
+    fi
+}
+
+# Starts Xvfb on display :$1 and waits until it accepts connections; false when it ended or did not
+# answer within 30 s (it is then stopped).
+start_xvfb() {
+    Xvfb ":$1" -screen 0 1280x1024x24 -nolisten tcp >/dev/null 2>&1 &
+    xvfb=$!
+    for _ in $(seq 1 300); do
+        if display_ready ":$1"; then
+            echo "$xvfb" >"$prefix/xvfb.pid"
+            echo ":$1" >"$prefix/xvfb.display"
+            return 0
+        fi
+        kill -0 "$xvfb" 2>/dev/null || return 1
+        sleep 0.1
+    done
+    kill "$xvfb" 2>/dev/null || true
+    return 1
 }
 
 case "$action" in
@@ -84,16 +113,19 @@ start)
         start_desktop
         exit 0
     fi
+    rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
     if command -v Xvfb >/dev/null 2>&1; then
+        # A display taken by another run between the test and the start makes Xvfb end at once:
+        # the next number is tried.
         for n in $(seq 90 140); do
-            if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ]; then
-                Xvfb ":$n" -screen 0 1280x1024x24 -nolisten tcp >/dev/null 2>&1 &
-                echo $! >"$prefix/xvfb.pid"
-                echo ":$n" >"$prefix/xvfb.display"
-                sleep 1
+            if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ] && start_xvfb "$n"; then
                 break
             fi
         done
+        if [ ! -f "$prefix/xvfb.display" ]; then
+            echo "wine-env: FAILED: no Xvfb display accepted connections" >&2
+            exit 1
+        fi
     fi
     start_desktop
     ;;

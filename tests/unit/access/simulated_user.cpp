@@ -69,23 +69,23 @@ std::string messageBoxOddities(HWND box) {
 
 }  // namespace
 
-HWND waitForWindow(const char* caption, DWORD timeoutMs) {
+HWND waitForWindow(const char* caption, DWORD timeoutMs, const std::atomic<bool>* cancel) {
     DWORD start = GetTickCount();
     for (;;) {
         Search search{caption, nullptr};
         EnumWindows(matchVisibleCaption, reinterpret_cast<LPARAM>(&search));
         if (search.found)
             return search.found;
-        if (GetTickCount() - start > timeoutMs)
+        if (GetTickCount() - start > timeoutMs || (cancel && *cancel))
             return nullptr;
         Sleep(20);
     }
 }
 
-bool waitForWindowGone(HWND window, DWORD timeoutMs) {
+bool waitForWindowGone(HWND window, DWORD timeoutMs, const std::atomic<bool>* cancel) {
     DWORD start = GetTickCount();
     while (IsWindow(window) && IsWindowVisible(window)) {
-        if (GetTickCount() - start > timeoutMs)
+        if (GetTickCount() - start > timeoutMs || (cancel && *cancel))
             return false;
         Sleep(10);
     }
@@ -138,7 +138,12 @@ SimulatedUser::SimulatedUser(std::vector<UserStep> steps, DWORD stepTimeoutMs)
     : steps_(std::move(steps)), timeoutMs_(stepTimeoutMs), thread_([this] { run(); }) {}
 
 SimulatedUser::~SimulatedUser() {
-    finish();
+    stop();
+}
+
+std::vector<std::string> SimulatedUser::stop() {
+    abandon_ = true;
+    return finish();
 }
 
 std::vector<std::string> SimulatedUser::finish() {
@@ -173,20 +178,20 @@ void SimulatedUser::dismissUnexpected() {
 bool SimulatedUser::runSteps() {
     for (const UserStep& step : steps_) {
         if (step.kind == UserStep::AnswerMessage) {
-            HWND box = waitForWindow("Calyth", timeoutMs_);
+            HWND box = waitForWindow("Calyth", timeoutMs_, &abandon_);
             if (!box) {
                 seen_.push_back("timeout:message");
                 return false;
             }
             seen_.push_back("message:" + messageBoxText(box) + messageBoxOddities(box));
             pressButton(box, IDOK);
-            if (!waitForWindowGone(box, timeoutMs_)) {
+            if (!waitForWindowGone(box, timeoutMs_, &abandon_)) {
                 seen_.push_back("timeout:close");
                 return false;
             }
             continue;
         }
-        HWND dialog = waitForWindow("Verify User Pin", timeoutMs_);
+        HWND dialog = waitForWindow("Verify User Pin", timeoutMs_, &abandon_);
         if (!dialog) {
             seen_.push_back("timeout:dialog");
             return false;
@@ -210,7 +215,7 @@ bool SimulatedUser::runSteps() {
             default:
                 break;
         }
-        if (!waitForWindowGone(dialog, timeoutMs_)) {
+        if (!waitForWindowGone(dialog, timeoutMs_, &abandon_)) {
             seen_.push_back("timeout:close");
             return false;
         }

@@ -58,6 +58,10 @@ public:
     ~SimulatedUser();
     // Waits for the thread to finish all steps (or time out) and returns what it saw.
     std::vector<std::string> finish();
+    // Gives up the remaining steps at once (a wait in progress ends as its timeout would, recorded
+    // as "timeout:<what>"), dismisses what is on screen and returns what it saw. The destructor
+    // stops, so a test that failed early does not wait out the step timeouts.
+    std::vector<std::string> stop();
 
 private:
     void run();
@@ -67,14 +71,16 @@ private:
     DWORD timeoutMs_;
     std::vector<std::string> seen_;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> abandon_{false};
     std::thread thread_;
 };
 
-// A visible top-level window of this process with this caption, waiting up to timeoutMs; null when
-// none appeared. (FindWindowA would also find the windows of other programs on the display.)
-HWND waitForWindow(const char* caption, DWORD timeoutMs);
+// A visible top-level window of this process with this caption, waiting up to timeoutMs (less when
+// *cancel becomes true); null when none appeared. (FindWindowA would also find the windows of other
+// programs on the display.)
+HWND waitForWindow(const char* caption, DWORD timeoutMs, const std::atomic<bool>* cancel = nullptr);
 // Waits until the window is gone.
-bool waitForWindowGone(HWND window, DWORD timeoutMs);
+bool waitForWindowGone(HWND window, DWORD timeoutMs, const std::atomic<bool>* cancel = nullptr);
 // The text of a message box (its static text control).
 std::string messageBoxText(HWND box);
 // Presses a button of a dialog as a user's click would: nothing when the button is disabled
