@@ -11,7 +11,7 @@
 
 namespace fuzzwine {
 
-constexpr uint64_t kCiIterations = 3000;
+constexpr uint64_t kCiIterations = 1000;
 constexpr size_t kAllowedGrowth = 16u * 1024 * 1024;
 
 template <typename Step>
