@@ -12,16 +12,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start);
 
-// Seconds per call of `operation` over `count` calls; a failed call ends the loop and answers -1.
-template <typename Operation>
-double perCall(int count, Operation&& operation) {
-    auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        if (!operation(i))
-            return -1;
-    return secondsSince(start) / count;
-}
-
 // Seconds per call of `first` and of `second`, taken in turns: `firstPerTurn` calls of `first`,
 // then one of `second`, `turns` times, so that a change of load during the round weighs on both
 // alike. False when a call failed.
