@@ -4,7 +4,6 @@
 
 #include <psapi.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -39,58 +38,14 @@ void appendBounded(char* buffer, size_t size, const char* text) {
     std::strncat(buffer, text, size - used - 1);
 }
 
-constexpr const char* kLevelKey = "Software\\Quorvik Labs\\Calyth";
-constexpr const char* kLevelValue = "logLevel";
-
-// The level's registry key, opened once and kept, because every log call reads the level: a read
-// through the open key costs one trip to the registry instead of three (open, read, close). The
-// value itself is still read on every call, so a new level takes effect with the next line. A key
-// deleted while open answers ERROR_KEY_DELETED; the handle is then dropped (not closed: another
-// thread may be reading through it) and the next call opens the key again.
-class LevelKey {
-public:
-    ~LevelKey() {
-        if (HKEY key = key_.exchange(nullptr))
-            RegCloseKey(key);
-    }
-    HKEY open() {
-        HKEY key = key_.load();
-        if (key)
-            return key;
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLevelKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS)
-            return nullptr;
-        HKEY kept = nullptr;
-        if (key_.compare_exchange_strong(kept, key))
-            return key;
-        RegCloseKey(key);
-        return kept;
-    }
-    void forget() { key_.store(nullptr); }
-
-private:
-    std::atomic<HKEY> key_{nullptr};
-};
-
-LevelKey& levelKey() {
-    static LevelKey key;
-    return key;
-}
-
 }  // namespace
 
 int getLogLevel() {
     unsigned char data[32];
     std::memset(data, 0, sizeof data);
     DWORD size = sizeof data;
-    LSTATUS status = ERROR_KEY_DELETED;
-    if (HKEY key = levelKey().open())
-        status = RegGetValueA(key, nullptr, kLevelValue, RRF_RT_ANY, nullptr, data, &size);
-    if (status == ERROR_KEY_DELETED) {
-        levelKey().forget();
-        std::memset(data, 0, sizeof data);
-        size = sizeof data;
-        status = RegGetValueA(HKEY_LOCAL_MACHINE, kLevelKey, kLevelValue, RRF_RT_ANY, nullptr, data, &size);
-    }
+    LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Quorvik Labs\\Calyth", "logLevel",
+                                  RRF_RT_ANY, nullptr, data, &size);
     if (status != ERROR_SUCCESS) {
         return LOG_LEVEL_ERROR;
     }
