@@ -80,8 +80,9 @@ display_ready() {
 
 # Starts Xvfb on display :$1 and waits until it accepts connections; false when it ended or did not
 # answer within 30 s (it is then stopped).
+# -noreset: the probe's disconnect would otherwise reset the server just as the desktop connects.
 start_xvfb() {
-    Xvfb ":$1" -screen 0 1280x1024x24 -nolisten tcp >/dev/null 2>&1 &
+    Xvfb ":$1" -screen 0 1280x1024x24 -nolisten tcp -noreset >/dev/null 2>&1 &
     xvfb=$!
     for _ in $(seq 1 300); do
         if display_ready ":$1"; then

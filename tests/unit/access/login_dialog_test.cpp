@@ -303,3 +303,15 @@ TEST_F(LoginWithUser, AnUnpluggedTokenIsAskedForAgainOnceItIsBack) {
     EXPECT_TRUE(CPReleaseContext(second, 0));
     stopDeviceMonitor();
 }
+
+// A test that fails before its dialog appears must not wait out the user's step timeouts.
+TEST(SimulatedUserStop, GivesUpTheRemainingStepsAtOnce) {
+    DWORD start = GetTickCount();
+    std::vector<std::string> seen;
+    {
+        SimulatedUser user({enterPin("1234"), answerMessage()}, 60000);
+        seen = user.stop();
+    }
+    EXPECT_LT(GetTickCount() - start, 10000u);
+    EXPECT_THAT(seen, ElementsAre("timeout:dialog"));
+}
