@@ -65,7 +65,7 @@ const CalythKeyPair* keyPairForLegacySpec(const std::vector<CalythKeyPair>& keyP
 }
 
 // The key pair that KSPOpenKey builds its object from. Only an exact identifier passes the gate;
-// the label and legacy-spec fallbacks after it stay as the last resort they were designed as.
+// the label and legacy key-spec fallbacks after it stay as the last resort they were designed as.
 SECURITY_STATUS chooseKeyPair(const std::vector<CalythKeyPair>& keyPairs, const std::string& name,
                               DWORD legacyKeySpec, const CalythKeyPair** chosen) {
     bool passed = false;
