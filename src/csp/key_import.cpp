@@ -160,7 +160,8 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     key->inMemory = 1;
     key->algId = type;
     key->sizeCode = static_cast<int32_t>(type);
-    if (!attachSymmetricKey(key, plain.bytes, plain.length)) {
+    // A device that answers success without a block counts as an empty key, never a read from null.
+    if (!attachSymmetricKey(key, plain.bytes, static_cast<int>(plain.size()))) {
         freeKeyHandle(key);
         return keyTooLong("SIMPLEBLOB", plain.length);
     }

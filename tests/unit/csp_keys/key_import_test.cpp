@@ -266,6 +266,19 @@ TEST_F(SimpleBlobTest, SessionKeyIsUnwrappedBigEndianOnTheToken) {
     EXPECT_EQ(fake::countCalls("calyth_importAesKey"), 0u) << "the session key stays off the token";
 }
 
+TEST_F(SimpleBlobTest, TokenAnsweringSuccessWithoutABlockGivesNoKeyMaterial) {
+    // A length without a block must not be read: the key object gets no material at all.
+    fake::hooks().decrypt = [](const char*, const unsigned char*, const char*, const unsigned char*, int,
+                               unsigned char** output, int* outputLength, bool) {
+        *output = nullptr;
+        *outputLength = 32;
+        return 0;
+    };
+    HCRYPTKEY handle = 0;
+    ASSERT_TRUE(import(simpleBlob(CALG_AES_256, counting(32, 1)), &handle, unwrapKey_));
+    EXPECT_EQ(keyHandleFrom(handle)->symmetricKeyLength, 0);
+}
+
 TEST_F(SimpleBlobTest, SessionKeyThatOnlyDecryptsLittleEndianStillImports) {
     std::vector<unsigned char> encryptedLE = counting(256, 1);
     std::vector<unsigned char> session = counting(16, 0x61);
