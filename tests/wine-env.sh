@@ -43,11 +43,16 @@ desktop_running() {
     since=$(started_at "$server")
     for pid in $(prefix_processes '*explorer.exe /desktop*'); do
         started=$(started_at "$pid")
-        if [ -n "$started" ] && [ "$started" -ge "$since" ]; then
+        if [ -n "$started" ] && [ "$started" -ge "$since" ] && on_run_display "$pid"; then
             return 0
         fi
     done
     return 1
+}
+
+# True when the process was started on the run's display.
+on_run_display() {
+    tr '\0' '\n' 2>/dev/null <"/proc/$1/environ" | grep -qx "DISPLAY=$(cat "$prefix/xvfb.display")"
 }
 
 # Wine's desktop process (explorer.exe /desktop) is started by the first program of a session that
@@ -59,6 +64,11 @@ start_desktop() {
     if [ ! -f "$prefix/xvfb.display" ] || desktop_running; then
         return 0
     fi
+    # A desktop without the run's display (one that outlived an earlier headless start) would keep
+    # every window of the run off the display: it gives way to one on the display.
+    for pid in $(prefix_processes '*explorer.exe /desktop*'); do
+        on_run_display "$pid" || kill -9 "$pid" 2>/dev/null || true
+    done
     DISPLAY=$(cat "$prefix/xvfb.display") wine explorer.exe /desktop </dev/null >/dev/null 2>&1 &
     for _ in $(seq 1 300); do
         desktop_running && return 0
@@ -99,6 +109,29 @@ start_xvfb() {
 
 case "$action" in
 start)
+    # The display comes first and every Wine command below runs under it: the desktop process is
+    # started by whichever Wine program first needs it (wineboot on a new prefix, say), and one
+    # started without the display leaves every dialog of the run without one.
+    if ! { [ -f "$prefix/xvfb.pid" ] && kill -0 "$(cat "$prefix/xvfb.pid")" 2>/dev/null; }; then
+        rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
+        if command -v Xvfb >/dev/null 2>&1; then
+            # A display taken by another run between the test and the start makes Xvfb end at once:
+            # the next number is tried.
+            for n in $(seq 90 140); do
+                if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ] && start_xvfb "$n"; then
+                    break
+                fi
+            done
+            if [ ! -f "$prefix/xvfb.display" ]; then
+                echo "wine-env: FAILED: no Xvfb display accepted connections" >&2
+                exit 1
+            fi
+        fi
+    fi
+    if [ -f "$prefix/xvfb.display" ]; then
+        DISPLAY=$(cat "$prefix/xvfb.display")
+        export DISPLAY
+    fi
     if [ ! -f "$prefix/system.reg" ]; then
         echo "creating Wine prefix $prefix"
         wineboot -i >/dev/null 2>&1 || true
@@ -110,24 +143,6 @@ start)
     # Xvfb runs no window manager: unmanaged windows spare every closing dialog or message box
     # Wine's two-second wait for a window manager that never answers.
     wine reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /t REG_SZ /d N /f >/dev/null 2>&1
-    if [ -f "$prefix/xvfb.pid" ] && kill -0 "$(cat "$prefix/xvfb.pid")" 2>/dev/null; then
-        start_desktop
-        exit 0
-    fi
-    rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
-    if command -v Xvfb >/dev/null 2>&1; then
-        # A display taken by another run between the test and the start makes Xvfb end at once:
-        # the next number is tried.
-        for n in $(seq 90 140); do
-            if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ] && start_xvfb "$n"; then
-                break
-            fi
-        done
-        if [ ! -f "$prefix/xvfb.display" ]; then
-            echo "wine-env: FAILED: no Xvfb display accepted connections" >&2
-            exit 1
-        fi
-    fi
     start_desktop
     ;;
 stop)
