@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "../ksp/ksp_fixture.h"
-#include "blob_builders.h"
+#include "import_fixture.h"
 #include "support/test_support.h"
 #include "token/process_state.h"
 #include "token/token_table.h"
@@ -20,7 +19,6 @@ using namespace blobtest;
 
 namespace {
 
-const NCRYPT_KEY_HANDLE kUntouched = static_cast<NCRYPT_KEY_HANDLE>(0x5A5A);
 constexpr uint32_t kKeyDataMagic = 0x4D42444B;
 
 // A key-encryption key on the token whose reference differs from its identifier, so that the
@@ -37,29 +35,12 @@ CalythSymmetricKey kek(unsigned char idByte, int32_t type, int referenceLength, 
     return key;
 }
 
-class KspImportAesTest : public KspTest {
+class KspImportAesTest : public KspImportTest {
 protected:
     void SetUp() override {
-        KspTest::SetUp();
-        makeProvider();
+        KspImportTest::SetUp();
         storeValidatedPin("SN1", "1234");
-        fake::clearCalls();
     }
-
-    SECURITY_STATUS import(const wchar_t* type, const Bytes& blob, NCRYPT_KEY_HANDLE* key,
-                           NCRYPT_KEY_HANDLE importKey = 0) {
-        Bytes copy = blob;
-        *key = kUntouched;
-        SECURITY_STATUS status = KSPImportKey(provider_, importKey, type, nullptr, key, copy.data(),
-                                              static_cast<DWORD>(copy.size()), 0);
-        EXPECT_EQ(copy, blob) << "the caller's blob was changed";
-        if (status == 0)
-            keep(*key);
-        else
-            EXPECT_EQ(*key, kUntouched) << "a key was handed out on failure";
-        return status;
-    }
-
     // The single calyth_importAesKey call: serial, then PIN, key bytes, length, type.
     std::vector<std::string> importAesArguments() {
         std::vector<fake::Call> calls = fake::callsTo("calyth_importAesKey");

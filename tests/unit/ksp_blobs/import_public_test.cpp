@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "../ksp/ksp_fixture.h"
-#include "blob_builders.h"
+#include "import_fixture.h"
 #include "support/test_support.h"
 #include "util/encoding.h"
 #include "util/utils.h"
@@ -17,32 +16,8 @@ using namespace blobtest;
 
 namespace {
 
-const NCRYPT_KEY_HANDLE kUntouched = static_cast<NCRYPT_KEY_HANDLE>(0x5A5A);
-
-class KspImportPublicTest : public KspTest {
+class KspImportPublicTest : public KspImportTest {
 protected:
-    void SetUp() override {
-        KspTest::SetUp();
-        makeProvider();
-        fake::clearCalls();
-    }
-
-    // Imports from a heap copy of exactly the blob's bytes, so that a read past cbData is caught
-    // by the allocator's checks rather than landing in a neighbouring field.
-    SECURITY_STATUS import(const wchar_t* type, const Bytes& blob, NCRYPT_KEY_HANDLE* key,
-                           NCRYPT_KEY_HANDLE importKey = 0) {
-        Bytes copy = blob;
-        *key = kUntouched;
-        SECURITY_STATUS status = KSPImportKey(provider_, importKey, type, nullptr, key, copy.data(),
-                                              static_cast<DWORD>(copy.size()), 0);
-        EXPECT_EQ(copy, blob) << "the caller's blob was changed";
-        if (status == 0)
-            keep(*key);
-        else
-            EXPECT_EQ(*key, kUntouched) << "a key was handed out on failure";
-        return status;
-    }
-
     // Expects exactly one ERROR line and no device call.
     void expectRefused(const std::string& line) {
         EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{line});
