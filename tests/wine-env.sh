@@ -35,13 +35,14 @@ prefix_processes() {
     done
 }
 
-# True while Wine's desktop process of this prefix runs under the current wineserver (processes of
-# an earlier server that was killed may linger and do not count).
-desktop_running() {
+# True while a process of this prefix whose command line matches the pattern runs under the current
+# wineserver on the run's display (processes of an earlier server that was killed may linger and
+# do not count).
+running_on_display() {
     server=$(prefix_processes '*wineserver*' | head -n 1)
     [ -n "$server" ] || return 1
     since=$(started_at "$server")
-    for pid in $(prefix_processes '*explorer.exe /desktop*'); do
+    for pid in $(prefix_processes "$1"); do
         started=$(started_at "$pid")
         if [ -n "$started" ] && [ "$started" -ge "$since" ] && on_run_display "$pid"; then
             return 0
@@ -50,18 +51,40 @@ desktop_running() {
     return 1
 }
 
+desktop_running() {
+    running_on_display '*explorer.exe /desktop*'
+}
+
 # True when the process was started on the run's display.
 on_run_display() {
     tr '\0' '\n' 2>/dev/null <"/proc/$1/environ" | grep -qx "DISPLAY=$(cat "$prefix/xvfb.display")"
 }
 
+# The desktop keeper (tests/desktop_keeper.c), built into the prefix with the project's own
+# cross-compiler the first time and whenever its source changes.
+keeper_program() {
+    keeper="$prefix/desktop-keeper.exe"
+    source="$(cd "$(dirname "$0")" && pwd)/desktop_keeper.c"
+    if [ ! -f "$keeper" ] || [ "$source" -nt "$keeper" ]; then
+        x86_64-w64-mingw32-gcc-posix -O2 -mwindows -o "$keeper" "$source" || {
+            echo "wine-env: FAILED: cannot build $keeper" >&2
+            exit 1
+        }
+    fi
+    echo "$keeper"
+}
+
 # Wine's desktop process (explorer.exe /desktop) is started by the first program of a session that
-# touches a window, and keeps that program's display and standard error: started by a headless test
-# it leaves the later dialog tests without a display (their windows are never found), started by a
-# test under CTest it holds CTest's output pipe open, so that CTest waits for the finished test
-# until its timeout. It is started here instead, on the run's Xvfb display, with no handle of ours.
+# touches a window, keeps that program's display and standard error, and ends about a second after
+# its last other user. Left to the tests, a headless test would start it without a display now and
+# then, leaving the dialog tests beside it without one, and a test under CTest would leave CTest's
+# output pipe in it. So the desktop keeper starts it here, on the run's Xvfb display, with no handle
+# of ours, and holds it until the wineserver stops: every program of the run meets that desktop.
 start_desktop() {
-    if [ ! -f "$prefix/xvfb.display" ] || desktop_running; then
+    if [ ! -f "$prefix/xvfb.display" ]; then
+        return 0
+    fi
+    if running_on_display '*desktop-keeper.exe*' && desktop_running; then
         return 0
     fi
     # A desktop without the run's display (one that outlived an earlier headless start) would keep
@@ -69,9 +92,14 @@ start_desktop() {
     for pid in $(prefix_processes '*explorer.exe /desktop*'); do
         on_run_display "$pid" || kill -9 "$pid" 2>/dev/null || true
     done
-    DISPLAY=$(cat "$prefix/xvfb.display") wine explorer.exe /desktop </dev/null >/dev/null 2>&1 &
+    keeper=$(keeper_program)
+    if ! running_on_display '*desktop-keeper.exe*'; then
+        DISPLAY=$(cat "$prefix/xvfb.display") setsid wine "$keeper" </dev/null >/dev/null 2>&1 &
+    fi
     for _ in $(seq 1 300); do
-        desktop_running && return 0
+        if running_on_display '*desktop-keeper.exe*' && desktop_running; then
+            return 0
+        fi
         sleep 0.1
     done
     # Without it every DISPLAY test would wait out its timeout for windows that never appear.

@@ -19,7 +19,7 @@ cmake --preset i686 >/dev/null
 cmake --build --preset i686 --parallel "$jobs" --target stage calyth-sign \
     $([ "$wine32" = yes ] && echo all)
 if [ "$wine32" = yes ]; then
-    ctest --preset i686 --repeat after-timeout:2 -R 'cryptoapi_'
+    ctest --preset i686 -R 'cryptoapi_'
 else
     echo "package-tests: wine32 is not installed: the 32-bit tests are not run" >&2
 fi

@@ -105,12 +105,28 @@ void drainPipe(HANDLE pipe, std::string& out) {
     }
 }
 
+// A job object whose processes are killed when its last handle closes; null when Wine refuses one.
+HANDLE killOnCloseJob() {
+    HANDLE job = CreateJobObjectA(nullptr, nullptr);
+    if (!job)
+        return nullptr;
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (!SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
+        CloseHandle(job);
+        return nullptr;
+    }
+    return job;
+}
+
 }  // namespace
 
 int runCommand(const std::string& commandLine, std::string* output) {
     // The first process of a Wine session that uses a window function starts Wine's desktop
-    // process, which keeps the standard handles it was started with: a child that did so would
-    // leave the output pipe open for ever. Starting the desktop here first avoids that.
+    // process, which keeps the standard handles it was started with and would belong to the
+    // child's job: a child that started it would leave the output pipe open for ever, or end the
+    // desktop with the job. The test bed keeps one desktop for the whole run; outside it, this
+    // program starts the desktop itself first.
     GetDesktopWindow();
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE readEnd = nullptr;
@@ -127,16 +143,26 @@ int runCommand(const std::string& commandLine, std::string* output) {
     PROCESS_INFORMATION process{};
     std::vector<char> line(commandLine.begin(), commandLine.end());
     line.push_back('\0');
+    // The child and everything it starts live in a job that dies with its handle: with this program
+    // when it ends or is killed, and at the end of this call, so that no grandchild outlives the test.
+    HANDLE job = killOnCloseJob();
     // Under load Wine now and then refuses to start a process at the first try.
     BOOL started = FALSE;
     DWORD startError = 0;
     for (int attempt = 0; attempt < 5 && !started; ++attempt) {
         if (attempt > 0)
             Sleep(200);
-        started = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                                 &process);
+        started = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
+                                 nullptr, &startup, &process);
         if (!started)
             startError = GetLastError();
+    }
+    if (started) {
+        if (job && !AssignProcessToJobObject(job, process.hProcess)) {
+            CloseHandle(job);
+            job = nullptr;
+        }
+        ResumeThread(process.hThread);
     }
     CloseHandle(writeEnd);
     std::string collected;
@@ -163,6 +189,8 @@ int runCommand(const std::string& commandLine, std::string* output) {
         }
     }
     CloseHandle(readEnd);
+    if (job)
+        CloseHandle(job);
     if (output)
         *output = collected;
     if (!started)
