@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "calyth_version.h"
+
 namespace {
 
 constexpr int kFullUiLevel = 5;
@@ -28,9 +30,14 @@ void warnNoDeviceLibrary(const char* dll, int uiLevel) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("calyth-register %s\n", CALYTH_VERSION_TEXT);
+        return 0;
+    }
     if (argc < 3 || (std::strcmp(argv[1], "register") != 0 && std::strcmp(argv[1], "unregister") != 0)) {
         std::fprintf(stderr,
-                     "usage: calyth-register register|unregister <path of CalythCSP.dll> [ui level]\n");
+                     "usage: calyth-register register|unregister <path of CalythCSP.dll> [ui level]\n"
+                     "       calyth-register --version\n");
         return 2;
     }
     const bool registering = std::strcmp(argv[1], "register") == 0;

@@ -17,6 +17,7 @@
 #include <map>
 #include <string>
 
+#include "calyth_version.h"
 #include "cng_signer.h"
 #include "signer.h"
 
@@ -29,6 +30,7 @@ const char* kUsage =
     "sha1|sha256|sha384|sha512]\n"
     "                   [--cms [--attached]] [--provider NAME]\n"
     "       calyth-sign --cng --container KEYID --in FILE --out FILE [--pin PIN] [--hash ...] [--dll PATH]\n"
+    "       calyth-sign --version\n"
     "  Signs FILE through CryptoAPI with the key KEYID (its 32-character id) of the registered\n"
     "  provider (default \"Calyth Cryptographic Provider CSP\"). Without --pin the provider asks\n"
     "  for the PIN itself. Writes the big-endian PKCS #1 signature, or with --cms a DER CMS\n"
@@ -67,6 +69,9 @@ int main(int argc, char** argv) {
         std::string word = argv[i];
         if (word == "--help" || word == "-h") {
             std::printf("%s", kUsage);
+            return 0;
+        } else if (word == "--version") {
+            std::printf("calyth-sign %s\n", CALYTH_VERSION_TEXT);
             return 0;
         } else if (word == "--cms") {
             cms = true;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "arguments.h"
+#include "calyth_version.h"
 #include "core/crypto.h"
 
 using namespace calythtoken;
@@ -39,7 +40,8 @@ const Command* findCommand(const std::string& name) {
 void printOverview(FILE* out) {
     std::fprintf(out,
                  "usage: calyth-token [--store FOLDER] COMMAND [OPTIONS]\n"
-                 "       calyth-token COMMAND --help\n\n"
+                 "       calyth-token COMMAND --help\n"
+                 "       calyth-token --version\n\n"
                  "Manages the soft tokens that CalythDSCLibrary.dll serves. The store is FOLDER, else\n"
                  "the environment variable CALYTH_TOKEN_STORE, else Calyth\\SoftToken under the user's\n"
                  "local application data.\n\ncommands:\n");
@@ -64,6 +66,10 @@ int main(int argc, char** argv) {
     if (words.empty()) {
         printOverview(stderr);
         return 2;
+    }
+    if (words[0] == "--version") {
+        std::printf("calyth-token %s\n", CALYTH_VERSION_TEXT);
+        return 0;
     }
     if (isHelp(words[0])) {
         const Command* c = words.size() > 1 ? findCommand(words[1]) : nullptr;
