@@ -6,6 +6,7 @@
 set -eu
 action=$1
 prefix=$2
+tools="$(cd "$(dirname "$0")/../tools" && pwd)"
 export WINEPREFIX="$prefix" WINEDEBUG=-all
 unset DISPLAY
 mkdir -p "$prefix"
@@ -160,17 +161,17 @@ start)
         DISPLAY=$(cat "$prefix/xvfb.display")
         export DISPLAY
     fi
-    if [ ! -f "$prefix/system.reg" ]; then
-        echo "creating Wine prefix $prefix"
-        wineboot -i >/dev/null 2>&1 || true
-        wineserver -w
-    fi
+    "$(dirname "$0")/wine-prefix.sh"
     wineserver -p >/dev/null 2>&1 || true
-    # Debug lines by default, so that tests can read every log line of the provider.
-    wine reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f >/dev/null 2>&1
+    # Debug lines by default, so that tests can read every log line of the provider, in both views
+    # of the registry (a 32-bit test program reads the 32-bit one).
+    for view in 64 32; do
+        "$tools/wine64.sh" reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f \
+            /reg:$view >/dev/null 2>&1
+    done
     # Xvfb runs no window manager: unmanaged windows spare every closing dialog or message box
     # Wine's two-second wait for a window manager that never answers.
-    wine reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /t REG_SZ /d N /f >/dev/null 2>&1
+    "$tools/wine64.sh" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /t REG_SZ /d N /f >/dev/null 2>&1
     start_desktop
     ;;
 stop)

@@ -49,13 +49,10 @@ done
 export WINEPREFIX="$build_dir/bench/wineprefix" WINEDEBUG=-all
 unset DISPLAY
 mkdir -p "$WINEPREFIX" "$build_dir/bench/stores"
-if [ ! -f "$WINEPREFIX/system.reg" ]; then
-    wineboot -i >/dev/null 2>&1 || true
-    wineserver -w
-fi
+"$root/tests/wine-prefix.sh"
 wineserver -p >/dev/null 2>&1 || true
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
-wine reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 2 /f >/dev/null 2>&1
+"$root/tools/wine64.sh" reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 2 /f /reg:64 >/dev/null 2>&1
 
 # Wine maps the Unix root to drive Z:.
 stores="Z:$(printf '%s' "$build_dir/bench/stores" | tr / '\\')"

@@ -5,10 +5,22 @@
 # "Calyth Cryptographic Provider CSP" and through its CNG key storage provider, and verify the
 # signatures with OpenSSL.
 # Every step must succeed: the job stops with a non-zero exit code at the first failure.
+#   tools/main-job.sh                  the 64-bit build (preset default, build/)
+#   tools/main-job.sh --preset i686    the 32-bit build (build-i686/), run by Wine's 32-bit side
+#                                      (Debian's wine32: CALYTH_WITH_WINE32=1 tools/install-deps.sh)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
+preset=default
+if [ $# -gt 0 ]; then
+    [ $# -eq 2 ] && [ "$1" = --preset ] && { [ "$2" = default ] || [ "$2" = i686 ]; } || {
+        echo "usage: tools/main-job.sh [--preset default|i686]" >&2
+        exit 2
+    }
+    preset=$2
+fi
 build=$root/build
+[ "$preset" = i686 ] && build=$root/build-i686
 bin=$build/bin
 work=$build/main-job
 prefix=$build/wineprefix
@@ -28,18 +40,24 @@ win() {
 }
 
 winpath() {
-    WINEPREFIX=$prefix WINEDEBUG=-all winepath -w "$1" 2>/dev/null
+    WINEPREFIX=$prefix WINEDEBUG=-all "$root/tools/wine64.sh" winepath -w "$1" 2>/dev/null | tr -d '\r'
 }
 
 install_dependencies() {
     step "Dependencies"
-    tools/install-deps.sh
+    if [ "$preset" = i686 ]; then
+        CALYTH_WITH_WINE32=1 tools/install-deps.sh
+        dpkg-query -W -f='${Status}' wine32:i386 2>/dev/null | grep -q "install ok installed" ||
+            fail "the 32-bit build needs Debian's wine32, which could not be installed"
+    else
+        tools/install-deps.sh
+    fi
 }
 
 build_programs() {
     step "Build"
-    cmake --preset default >/dev/null
-    cmake --build --preset default --target CalythCSP CalythDSCLibrary calyth-token calyth-sign
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" --target CalythCSP CalythDSCLibrary calyth-token calyth-sign
 }
 
 show_dlls() {

@@ -9,10 +9,13 @@
 # usage: tools/register-provider.sh [--prefix WINEPREFIX] [--dll PATH] [--unregister]
 #   --prefix      the Wine prefix (default: build/wineprefix of this checkout)
 #   --dll         the provider DLL (default: build/bin/CalythCSP.dll); its device library
-#                 CalythDSCLibrary.dll must be beside it or beside the application
+#                 CalythDSCLibrary.dll must be beside it or beside the application. A 32-bit DLL
+#                 is registered in the 32-bit view of the registry, which 32-bit applications
+#                 read (give it with --unregister too, to remove that registration)
 #   --unregister  removes the registration instead
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+wine64=$root/tools/wine64.sh  # the 64-bit reg, told which view of the registry to write
 prefix=$root/build/wineprefix
 dll=$root/build/bin/CalythCSP.dll
 action=register
@@ -40,9 +43,15 @@ if [ ! -f "$prefix/system.reg" ]; then
     exit 1
 fi
 
+# A 32-bit DLL serves 32-bit applications, which read the 32-bit view of HKLM\Software.
+view=64
+if [ -f "$dll" ]; then
+    view=$("$root/tools/pe-bits.sh" "$dll")
+fi
+
 if [ "$action" = unregister ]; then
-    if wine reg query "$key" >/dev/null 2>&1; then
-        if ! output=$(wine reg delete "$key" /f 2>&1); then
+    if "$wine64" reg query "$key" /reg:$view >/dev/null 2>&1; then
+        if ! output=$("$wine64" reg delete "$key" /f /reg:$view 2>&1); then
             echo "register-provider: cannot remove the key in $prefix: $output" >&2
             exit 1
         fi
@@ -58,7 +67,7 @@ if [ ! -f "$dll" ]; then
     exit 1
 fi
 dll=$(cd "$(dirname "$dll")" && pwd)/$(basename "$dll")
-image=$(winepath -w "$dll" 2>/dev/null)
+image=$("$wine64" winepath -w "$dll" 2>/dev/null | tr -d '\r')
 if [ -z "$image" ]; then
     echo "register-provider: winepath cannot name $dll" >&2
     exit 1
@@ -66,7 +75,7 @@ fi
 # reg add writes a value, creating the key when it is missing.
 write_value() {
     local output
-    if ! output=$(wine reg add "$key" /v "$1" /t "$2" /d "$3" /f 2>&1); then
+    if ! output=$("$wine64" reg add "$key" /v "$1" /t "$2" /d "$3" /f /reg:$view 2>&1); then
         echo "register-provider: cannot write \"$1\" in $prefix: $output" >&2
         exit 1
     fi

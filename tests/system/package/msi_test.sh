@@ -20,7 +20,9 @@ check() { # check <description> <command...>
     if "${@:2}"; then echo "ok    $1"; else echo "FAIL  $1"; failures=$((failures + 1)); fi
 }
 win() { wine "$@" 2>/dev/null | tr -d '\r'; }
-winpath() { winepath -w "$1" 2>/dev/null; }
+# Wine's own programs through the 64-bit loader (tools/wine64.sh says why).
+wine64=$(cd "$(dirname "$0")/../../../tools" && pwd)/wine64.sh
+winpath() { "$wine64" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 cleanup() { wineserver -k 2>/dev/null || true; }
 trap cleanup EXIT
 
@@ -31,22 +33,24 @@ install_root="$drive/Program Files/Quorvik Labs/Calyth"
 temp=$(find "$drive/users" -maxdepth 2 -iname temp -type d | head -1)
 # The provider's log keeps a line only once its folders exist; DEBUG lines show the registration.
 mkdir -p "$temp/Quorvik Labs/calyth-register" "$temp/Quorvik Labs/calyth-sign"
-wine reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f >/dev/null 2>&1
+for view in 64 32; do
+    "$wine64" reg add 'HKLM\Software\Quorvik Labs\Calyth' /v logLevel /t REG_DWORD /d 3 /f /reg:$view >/dev/null 2>&1
+done
 
 msiexec_quiet() { # msiexec_quiet <log name> <arguments...>
-    wine msiexec "${@:2}" /qn /l*v "$(winpath "$work")\\$1.log" >/dev/null 2>&1
+    "$wine64" msiexec "${@:2}" /qn /l*v "$(winpath "$work")\\$1.log" >/dev/null 2>&1
 }
 reg_value() { # reg_value <32|64> <value>: the data of a provider value, "" when missing
-    wine reg query "$provider_key" /v "$2" /reg:"$1" 2>/dev/null | tr -d '\r' |
+    "$wine64" reg query "$provider_key" /v "$2" /reg:"$1" 2>/dev/null | tr -d '\r' |
         awk -v name="$2" '{ line = $0; sub(/^ +/, "", line) } index(line, name " ") == 1 {
             sub(/^[^ ]+( [^ ]+)* +REG_[A-Z_]+ +/, "", line); print line }'
 }
 uninstall_entries() {
-    wine reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s 2>/dev/null | tr -d '\r' |
+    "$wine64" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s 2>/dev/null | tr -d '\r' |
         grep -c 'DisplayName.*Calyth Cryptographic Provider' || true
 }
 installed_version() {
-    wine reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s 2>/dev/null | tr -d '\r' |
+    "$wine64" reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s 2>/dev/null | tr -d '\r' |
         awk '/^HKEY/ { key = $0 } /DisplayName.*Calyth Cryptographic Provider/ { found = key }
              /DisplayVersion/ { version[key] = $NF } END { print version[found] }'
 }
@@ -106,8 +110,8 @@ kept_before=$(cd "$work/store" && find . | sort; find "$temp/Quorvik Labs" | sor
 check "silent uninstall" msiexec_quiet uninstall /x "$(winpath "$msi")"
 for path in "${made_paths[@]}"; do check "removed: ${path#"$drive"/}" test ! -e "$path"; done
 check "removed: Program Files/Quorvik Labs" test ! -e "$drive/Program Files/Quorvik Labs"
-check "removed: 64-bit provider key" bash -c "! wine reg query '$provider_key' /reg:64 >/dev/null 2>&1"
-check "removed: 32-bit provider key" bash -c "! wine reg query '$provider_key' /reg:32 >/dev/null 2>&1"
+check "removed: 64-bit provider key" bash -c "! '$wine64' reg query '$provider_key' /reg:64 >/dev/null 2>&1"
+check "removed: 32-bit provider key" bash -c "! '$wine64' reg query '$provider_key' /reg:32 >/dev/null 2>&1"
 check "removed: product entry" test "$(uninstall_entries)" = 0
 check "KSP unregistered (DllUnregisterServer)" grep -q "DllUnregisterServer: KSP unregistered successfully" \
     "$temp/Quorvik Labs/calyth-register/"*.LOG
