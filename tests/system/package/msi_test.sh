@@ -99,6 +99,12 @@ if [ -n "$signer32" ]; then
     cp "$signer32" "$work/app32/"
     sign "$work/app32/$(basename "$signer32")" install-32bit
 fi
+# The installed calyth-doctor sees both registrations and both DLLs as an administrator would.
+report=$(win "C:\\Program Files\\Quorvik Labs\\Calyth\\calyth-doctor.exe" || true)
+for bits in 64 32; do
+    check "calyth-doctor: CryptoAPI registration ($bits-bit) ok" \
+        grep -q "^\[ ok \] CryptoAPI registration ($bits-bit)" <<<"$report"
+done
 
 echo "== upgrade to $(basename "$msi")"
 check "silent upgrade" msiexec_quiet upgrade /i "$(winpath "$msi")" ADDLOCAL=ALL
