@@ -162,7 +162,15 @@ start)
         export DISPLAY
     fi
     "$(dirname "$0")/wine-prefix.sh"
-    wineserver -p >/dev/null 2>&1 || true
+    # The run's wineserver stays for the whole run; what it says (a crash among it) goes to
+    # wineserver.log, and wineserver.pid lets tests/wine-run.sh tell that it is still there.
+    wineserver -p >/dev/null 2>>"$prefix/wineserver.log" || true
+    server=$(prefix_processes '*wineserver*' | head -n 1)
+    if [ -z "$server" ]; then
+        echo "wine-env: FAILED: no wineserver runs for $prefix" >&2
+        exit 1
+    fi
+    echo "$server" >"$prefix/wineserver.pid"
     # Debug lines by default, so that tests can read every log line of the provider, in both views
     # of the registry (a 32-bit test program reads the 32-bit one).
     for view in 64 32; do
@@ -190,5 +198,6 @@ stop)
         kill "$(cat "$prefix/xvfb.pid")" 2>/dev/null || true
         rm -f "$prefix/xvfb.pid" "$prefix/xvfb.display"
     fi
+    rm -f "$prefix/wineserver.pid"
     ;;
 esac

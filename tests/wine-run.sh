@@ -8,6 +8,13 @@ export WINEPREFIX="$1"
 shift
 export WINEDEBUG=-all
 unset DISPLAY
+# The wineserver that tests/wine-env.sh started must still be there: a program started without it
+# would start a server of its own, and a desktop of its own without the run's display.
+if [ -f "$WINEPREFIX/wineserver.pid" ] && ! kill -0 "$(cat "$WINEPREFIX/wineserver.pid")" 2>/dev/null; then
+    echo "wine-run: FAILED: the run's wineserver (pid $(cat "$WINEPREFIX/wineserver.pid")) has ended;" \
+        "see $WINEPREFIX/wineserver.log" >&2
+    exit 1
+fi
 if [ "${1:-}" = "--display" ]; then
     shift
     if [ -f "$WINEPREFIX/xvfb.display" ]; then
