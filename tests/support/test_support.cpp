@@ -202,10 +202,7 @@ int runCommand(const std::string& commandLine, std::string* output) {
     return timedOut ? -1 : static_cast<int>(code);
 }
 
-namespace {
-
-// Starts a command line without handing it any of this process's handles.
-bool startDetached(const std::string& commandLine) {
+bool startProcess(const std::string& commandLine, HANDLE* processHandle) {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
@@ -220,9 +217,19 @@ bool startDetached(const std::string& commandLine) {
     }
     if (!started)
         return false;
-    CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
+    if (processHandle)
+        *processHandle = process.hProcess;
+    else if (process.hProcess)
+        CloseHandle(process.hProcess);
     return true;
+}
+
+namespace {
+
+// Starts a command line without handing it any of this process's handles, and without waiting.
+bool startDetached(const std::string& commandLine) {
+    return startProcess(commandLine, nullptr);
 }
 
 }  // namespace

@@ -49,6 +49,12 @@ std::string unixPath(const std::string& windowsPath);
 // go to *output when given.
 int runCommand(const std::string& commandLine, std::string* output = nullptr);
 
+// Starts a command line without handing it any of this process's handles and without waiting;
+// false when it could not be started. With `processHandle`, the process handle goes there for the
+// caller to close (Wine gives none for a native program). Under load Wine now and then refuses to
+// start a process at the first try: it is tried up to five times.
+bool startProcess(const std::string& commandLine, void** processHandle);
+
 // Runs a native (Linux) command line through /bin/sh and returns its exit code, with its stdout
 // and stderr in *output. The command line must not contain double quotes.
 int runNative(const std::string& commandLine, std::string* output = nullptr);

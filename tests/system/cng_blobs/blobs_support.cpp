@@ -208,8 +208,9 @@ NTSTATUS bcryptExport(BCRYPT_KEY_HANDLE key, const wchar_t* blobType, Bytes* blo
 Session::Session(cngtest::CngClient& client) : client_(client) {
     EXPECT_TRUE(client_.loaded());
     EXPECT_EQ(client_.openProvider(&provider_), 0);
-    if (provider_ != 0)
+    if (provider_ != 0) {
         EXPECT_EQ(client_.setPin(provider_, "1234"), 0);
+    }
 }
 
 Session::~Session() {

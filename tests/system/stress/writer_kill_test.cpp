@@ -17,25 +17,11 @@ constexpr const char* kSerial = "KILL1";
 constexpr const char* kBystander = "KILL2";
 constexpr int kWrites = 200;
 
-// Starts a command line without waiting; the process handle, or null.
-HANDLE start(const std::string& commandLine) {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    std::vector<char> line(commandLine.begin(), commandLine.end());
-    line.push_back('\0');
-    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process))
-        return nullptr;
-    CloseHandle(process.hThread);
-    return process.hProcess;
-}
-
 // Milliseconds a writer takes when left alone.
 DWORD timeOf(const std::string& commandLine) {
     ULONGLONG begin = GetTickCount64();
-    HANDLE process = start(commandLine);
-    if (!process)
+    HANDLE process = nullptr;
+    if (!testsupport::startProcess(commandLine, &process) || !process)
         return 0;
     WaitForSingleObject(process, 60000);
     CloseHandle(process);
@@ -70,7 +56,8 @@ TEST(WriterKill, EveryTokenFileIsTheOldOrTheNewStateAndNoKeyIsLost) {
     for (int write = 0; write < kWrites; ++write) {
         const int which = write % 2;
         const std::vector<unsigned char> before = testsupport::readFile(tokenFile);
-        HANDLE process = start(writers[which]);
+        HANDLE process = nullptr;
+        testsupport::startProcess(writers[which], &process);
         ASSERT_NE(process, nullptr) << writers[which];
         Sleep(durations[which] * 4 / 5 + random() % (durations[which] * 3 / 10 + 1));
         const bool finished = WaitForSingleObject(process, 0) == WAIT_OBJECT_0;
