@@ -119,6 +119,34 @@ HANDLE killOnCloseJob() {
     return job;
 }
 
+// Ends every process still alive in the job, one at a time, and returns when none is left.
+// Wine 8's server reads freed memory when closing a kill-on-close job ends a live process that holds
+// the last handle to an ended process of the same job (its walk over the job's processes keeps a
+// pointer to the one that the first kill frees), and the run's wineserver then crashes now and
+// then. Ended one by one here, the job has only ended processes left when its handle closes, and
+// nothing is freed during that walk. Kill-on-close stays for the case that this program is killed.
+void endJobProcesses(HANDLE job) {
+    for (int pass = 0; pass < 20; ++pass) {
+        struct {
+            JOBOBJECT_BASIC_PROCESS_ID_LIST list;
+            ULONG_PTR more[63];
+        } ids{};
+        ids.list.NumberOfAssignedProcesses = 64;
+        if (!QueryInformationJobObject(job, JobObjectBasicProcessIdList, &ids, sizeof ids, nullptr) ||
+            ids.list.NumberOfProcessIdsInList == 0)
+            return;
+        for (DWORD i = 0; i < ids.list.NumberOfProcessIdsInList; ++i) {
+            HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE,
+                                         static_cast<DWORD>(ids.list.ProcessIdList[i]));
+            if (!process)
+                continue;
+            TerminateProcess(process, 1);
+            WaitForSingleObject(process, 5000);
+            CloseHandle(process);
+        }
+    }
+}
+
 }  // namespace
 
 int runCommand(const std::string& commandLine, std::string* output) {
@@ -189,8 +217,10 @@ int runCommand(const std::string& commandLine, std::string* output) {
         }
     }
     CloseHandle(readEnd);
-    if (job)
+    if (job) {
+        endJobProcesses(job);
         CloseHandle(job);
+    }
     if (output)
         *output = collected;
     if (!started)
