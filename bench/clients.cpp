@@ -61,6 +61,17 @@ bool acquireOnce(const std::string& container) {
     return provider && CryptReleaseContext(provider, 0);
 }
 
+bool acquireBuiltInOnce() {
+    // Kept loaded, as the monitor keeps this project's provider loaded: otherwise every release
+    // would unload Wine's provider and every acquisition load it again.
+    static HMODULE kept = LoadLibraryA("rsaenh.dll");
+    (void)kept;
+    HCRYPTPROV provider = 0;
+    return CryptAcquireContextA(&provider, nullptr, MS_ENH_RSA_AES_PROV_A, PROV_RSA_AES,
+                                CRYPT_VERIFYCONTEXT) &&
+           CryptReleaseContext(provider, 0);
+}
+
 const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* kspTable() {
     static NCRYPT_KEY_STORAGE_FUNCTION_TABLE* table = [] {
         NCRYPT_KEY_STORAGE_FUNCTION_TABLE* found = nullptr;

@@ -29,6 +29,10 @@ bool registerProviderBesideProgram();
 HCRYPTPROV acquireContext(const std::string& container, const char* pin, DWORD flags = 0);
 // CryptAcquireContext on the container and CryptReleaseContext, no PIN.
 bool acquireOnce(const std::string& container);
+// The same through advapi32 on Wine's own enhanced provider, verify-only: what advapi32 itself
+// spends on an acquisition and a release (provider lookup in the registry, loading, binding the
+// entry points), next to nothing of that provider's own.
+bool acquireBuiltInOnce();
 // One signature as an application makes it: create a SHA-256 hash, hash `document`, sign with
 // AT_SIGNATURE, destroy the hash.
 bool signDocument(HCRYPTPROV provider, const Bytes& document);

@@ -76,12 +76,12 @@ int nullDeviceFigures(const Scale& scale) {
         return 1;
     }
     std::vector<double> cspShare, kspShare, cspTime, kspTime, signatureTime, acquireShare, openShare,
-        readShare, readTime;
+        readShare, readTime, builtInShare;
     for (int round = 0; round < scale.rounds; ++round) {
         // The provider's operations take a few per cent of a signature: many of them per signature.
         auto signature = [&](int) { return referenceSign(*reference, sampleDigest()); };
-        double csp = 0, ksp = 0, acquire = 0, open = 0, read = 0;
-        double floor1 = 0, floor2 = 0, floor3 = 0, floor4 = 0, floor5 = 0;
+        double csp = 0, ksp = 0, acquire = 0, open = 0, read = 0, builtIn = 0;
+        double floor1 = 0, floor2 = 0, floor3 = 0, floor4 = 0, floor5 = 0, floor6 = 0;
         bool ok =
             alternate(
                 scale.signatures, scale.freeOperations,
@@ -99,7 +99,9 @@ int nullDeviceFigures(const Scale& scale) {
                     providerLogLevel();
                     return true;
                 },
-                signature, read, floor5);
+                signature, read, floor5) &&
+            alternate(
+                scale.signatures, 2, [&](int) { return acquireBuiltInOnce(); }, signature, builtIn, floor6);
         cspTime.push_back(ok ? csp : -1);
         kspTime.push_back(ok ? ksp : -1);
         readTime.push_back(ok ? read : -1);
@@ -109,6 +111,7 @@ int nullDeviceFigures(const Scale& scale) {
         acquireShare.push_back(ok ? acquire / floor3 : -1);
         openShare.push_back(ok ? open / floor4 : -1);
         readShare.push_back(ok ? read / floor5 : -1);
+        builtInShare.push_back(ok ? builtIn / floor6 : -1);
     }
     CryptReleaseContext(provider, 0);
     closeKspKey(key);
@@ -153,6 +156,8 @@ int nullDeviceFigures(const Scale& scale) {
     printRow("3   CryptAcquire+Release without the level reads", withoutReads(acquireShare, acquireCalls),
              Unit::Percent, "", true);
     printRow("3   KSP open+openkey+frees without the level reads", withoutReads(openShare, openCalls),
+             Unit::Percent, "", true);
+    printRow("3   advapi32 alone: acquire+release of Wine's own provider", summarize(builtInShare),
              Unit::Percent, "", true);
 
     std::string cycles = std::to_string(scale.firstCycles) + " -> " + std::to_string(scale.allCycles);
