@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "entropy_poll.h"
 #include "status.h"
 
 namespace softtoken {
@@ -130,6 +131,7 @@ int digestSexp(bool rsa, bool pss, const unsigned char* digest, int digestLength
 void ensureCryptoReady() {
     static std::once_flag once;
     std::call_once(once, [] {
+        keepEntropyPollOffHandleLists();
         gcry_set_log_handler(quietLog, nullptr);
         gcry_check_version(nullptr);
         gcry_control(GCRYCTL_DISABLE_SECMEM, 0);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <set>
+#include <vector>
 
 #include "support/device_calls.h"
 #include "support/ecdsa_signature.h"
@@ -814,4 +815,67 @@ TEST_F(RandomTest, TokenSourceNeedsTheTokenAndSoftwareSourceDoesNot) {
         seen.insert(hex(a));
     }
     EXPECT_EQ(seen.size(), 20u);
+}
+
+namespace {
+
+// The function that `module` calls when it calls `name` of `library` (its import slot).
+FARPROC importedFunction(HMODULE module, const char* library, const char* name) {
+    auto* base = reinterpret_cast<BYTE*>(module);
+    auto* headers =
+        reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& imports = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    for (auto* entry = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress); entry->Name;
+         ++entry) {
+        if (_stricmp(reinterpret_cast<const char*>(base + entry->Name), library) != 0)
+            continue;
+        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + entry->OriginalFirstThunk);
+        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + entry->FirstThunk);
+        for (; names->u1.AddressOfData; ++names, ++slots) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
+                continue;
+            auto* byName = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
+            if (std::strcmp(reinterpret_cast<const char*>(byName->Name), name) == 0)
+                return reinterpret_cast<FARPROC>(slots->u1.Function);
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+// libgcrypt's entropy poll asks the system for every information class, the list of every handle
+// of every process among them, and Wine 8's server reads past a handle table answering that one.
+// The library's own lookup hands libgcrypt a NtQuerySystemInformation that refuses the two
+// handle-list classes and answers the rest; every other lookup is the system's.
+TEST_F(RandomTest, EntropyPollGetsNoHandleListsFromTheSystem) {
+    Bytes random(32);
+    ASSERT_EQ(calyth_generateRamdomNumber("", 32, random.data(), false, nullptr), 0);
+    HMODULE library = GetModuleHandleA("CalythDSCLibrary.dll");
+    ASSERT_NE(library, nullptr);
+    using Lookup = FARPROC(WINAPI*)(HMODULE, LPCSTR);
+    auto lookup = reinterpret_cast<Lookup>(
+        reinterpret_cast<void*>(importedFunction(library, "KERNEL32.dll", "GetProcAddress")));
+    ASSERT_NE(lookup, nullptr);
+    HMODULE ntdll = GetModuleHandleA("ntdll.dll");
+    HMODULE kernel32 = GetModuleHandleA("kernel32.dll");
+    FARPROC system = GetProcAddress(ntdll, "NtQuerySystemInformation");
+    FARPROC handedOut = lookup(ntdll, "NtQuerySystemInformation");
+    ASSERT_NE(handedOut, nullptr);
+    EXPECT_NE(handedOut, system);
+    EXPECT_EQ(lookup(kernel32, "GetTickCount"), GetProcAddress(kernel32, "GetTickCount"));
+    EXPECT_EQ(lookup(ntdll, "NtQueryInformationProcess"), GetProcAddress(ntdll, "NtQueryInformationProcess"));
+
+    using Query = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
+    auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(handedOut));
+    std::vector<unsigned char> buffer(1 << 20);
+    ULONG length = 12345;
+    EXPECT_EQ(static_cast<DWORD>(query(16, buffer.data(), static_cast<ULONG>(buffer.size()), &length)),
+              0xC0000002u);  // SystemHandleInformation: STATUS_NOT_IMPLEMENTED
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(static_cast<DWORD>(query(64, buffer.data(), static_cast<ULONG>(buffer.size()), &length)),
+              0xC0000002u);  // SystemExtendedHandleInformation
+    length = 0;
+    EXPECT_EQ(query(5, buffer.data(), static_cast<ULONG>(buffer.size()), &length), 0);  // the process list
+    EXPECT_GT(length, 0u);
 }

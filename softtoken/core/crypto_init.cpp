@@ -1,1 +1,0 @@
-// Random bytes and start-up of the cryptographic library; filled in with the token store.
