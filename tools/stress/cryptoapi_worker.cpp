@@ -116,16 +116,38 @@ void encryptDecrypt(Run& run, ThreadState& thread, Token& token, HCRYPTPROV prov
     CryptDestroyKey(key);
 }
 
+// The run's token that the context works on, told by the key containers it lists: a context whose
+// own token is away works on the first connected token instead, and a PIN entered there is that
+// token's. Null when the context lists neither token's key (its key list failed at acquisition).
+Token* tokenOfContext(Run& run, HCRYPTPROV provider) {
+    char name[256];
+    for (DWORD flags = CRYPT_FIRST;; flags = CRYPT_NEXT) {
+        DWORD length = sizeof name;
+        if (!CryptGetProvParam(provider, PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name), &length, flags))
+            return nullptr;
+        for (Token& token : run.tokens)
+            if (_stricmp(name, token.keyId.c_str()) == 0)
+                return &token;
+    }
+}
+
 void iteration(Run& run, ThreadState& thread, HCRYPTPROV system, std::mt19937& random) {
-    Token& token = run.tokens[random() % 2];
+    const Token& chosen = run.tokens[random() % 2];
     thread.step = "CryptAcquireContext";
     HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextA(&provider, token.keyId.c_str(), testsupport::kProviderName, PROV_RSA_FULL,
+    if (!CryptAcquireContextA(&provider, chosen.keyId.c_str(), testsupport::kProviderName, PROV_RSA_FULL,
                               CRYPT_SILENT)) {
         failed(run, "CryptAcquireContext", GetLastError());
         return;
     }
     completed(run, thread);
+    Token* holder = tokenOfContext(run, provider);
+    if (holder == nullptr) {
+        failed(run, "CryptGetProvParam(PP_ENUMCONTAINERS)", GetLastError());
+        CryptReleaseContext(provider, 0);
+        return;
+    }
+    Token& token = *holder;
 
     thread.step = "CryptSignHash";
     Bytes message = randomBytes(random, 1 + random() % 200);
