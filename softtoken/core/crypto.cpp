@@ -5,7 +5,9 @@
 #include <cstring>
 #include <mutex>
 
+#ifdef _WIN32
 #include "entropy_poll.h"
+#endif
 #include "status.h"
 
 namespace softtoken {
@@ -131,7 +133,9 @@ int digestSexp(bool rsa, bool pss, const unsigned char* digest, int digestLength
 void ensureCryptoReady() {
     static std::once_flag once;
     std::call_once(once, [] {
+#ifdef _WIN32
         keepEntropyPollOffHandleLists();
+#endif
         gcry_set_log_handler(quietLog, nullptr);
         gcry_check_version(nullptr);
         gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
