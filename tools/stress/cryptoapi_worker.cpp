@@ -42,7 +42,8 @@ Bytes sign(HCRYPTPROV provider, const Bytes& message, DWORD* error) {
 // The first private-key operation after the provider forgot the PIN: one thread at a time, and only
 // when the provider still refuses once this thread holds the gate, is the PIN entered and counted.
 template <class Operation>
-bool withLogin(Run& run, Token& token, HCRYPTPROV provider, Operation operation, DWORD* error) {
+bool withLogin(Run& run, const ThreadState& thread, Token& token, HCRYPTPROV provider, Operation operation,
+               DWORD* error) {
     {
         std::shared_lock<std::shared_mutex> gate(token.loginGate);
         if (operation(error) || *error != static_cast<DWORD>(NTE_SILENT_CONTEXT))
@@ -56,7 +57,7 @@ bool withLogin(Run& run, Token& token, HCRYPTPROV provider, Operation operation,
         return false;
     }
     countInPeriod(token, 1, 0);
-    note(run, "PIN entered on " + token.serial);
+    note(run, "PIN entered on " + token.serial + " by " + thread.name + " in " + thread.step.load());
     return operation(error);
 }
 
@@ -105,7 +106,7 @@ void encryptDecrypt(Run& run, ThreadState& thread, Token& token, HCRYPTPROV prov
                 length = decryptedLength;
             return ok;
         };
-        if (!withLogin(run, token, provider, decrypt, &error)) {
+        if (!withLogin(run, thread, token, provider, decrypt, &error)) {
             failed(run, "CryptDecrypt", error);
         } else {
             completed(run, thread);
@@ -157,7 +158,7 @@ void iteration(Run& run, ThreadState& thread, HCRYPTPROV system, std::mt19937& r
         signature = sign(provider, message, code);
         return *code == 0;
     };
-    if (!withLogin(run, token, provider, signMessage, &error)) {
+    if (!withLogin(run, thread, token, provider, signMessage, &error)) {
         failed(run, "CryptSignHash", error);
     } else {
         completed(run, thread);

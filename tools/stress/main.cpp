@@ -133,7 +133,7 @@ void printEventsBefore(Run& run, const std::string& serial, int entry) {
     std::lock_guard<std::mutex> lock(run.eventsMutex);
     int seen = 0;
     for (size_t i = 0; i < run.events.size(); ++i) {
-        if (run.events[i].what != "PIN entered on " + serial || ++seen != entry)
+        if (run.events[i].what.rfind("PIN entered on " + serial + " ", 0) != 0 || ++seen != entry)
             continue;
         for (size_t j = 0; j <= i; ++j)
             if (run.events[i].tick - run.events[j].tick <= 3000)
