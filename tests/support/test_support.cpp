@@ -147,9 +147,8 @@ void endJobProcesses(HANDLE job) {
     }
 }
 
-}  // namespace
-
-int runCommand(const std::string& commandLine, std::string* output) {
+// Runs the command once; see runCommand.
+int runCommandOnce(const std::string& commandLine, std::string* output) {
     // The first process of a Wine session that uses a window function starts Wine's desktop
     // process, which keeps the standard handles it was started with and would belong to the
     // child's job: a child that started it would leave the output pipe open for ever, or end the
@@ -230,6 +229,21 @@ int runCommand(const std::string& commandLine, std::string* output) {
     CloseHandle(process.hProcess);
     CloseHandle(process.hThread);
     return timedOut ? -1 : static_cast<int>(code);
+}
+
+// Under load Wine now and then ends a new process before its entry point, while its system
+// libraries initialise (STATUS_DLL_INIT_FAILED): the program never ran, so it is started again.
+constexpr int kDllInitFailed = static_cast<int>(0xC0000142);
+
+}  // namespace
+
+int runCommand(const std::string& commandLine, std::string* output) {
+    int code = runCommandOnce(commandLine, output);
+    for (int attempt = 1; attempt < 3 && code == kDllInitFailed; ++attempt) {
+        Sleep(200);
+        code = runCommandOnce(commandLine, output);
+    }
+    return code;
 }
 
 bool startProcess(const std::string& commandLine, HANDLE* processHandle) {
