@@ -7,7 +7,9 @@
 
 #include <bcrypt.h>
 
+#include <mutex>
 #include <random>
+#include <shared_mutex>
 
 #include "stress.h"
 #include "support/cng_client.h"
@@ -34,7 +36,7 @@ void signAndDecrypt(Run& run, ThreadState& thread, cngtest::CngClient& client, N
     Bytes digest = sha256(system, message);
     BCRYPT_PKCS1_PADDING_INFO padding = {BCRYPT_SHA256_ALGORITHM};
     Bytes signature;
-    std::shared_lock<std::shared_mutex> gate(token.loginGate);
+    std::shared_lock<LoginGate> gate(token.loginGate);
     thread.step = "SignHash";
     SECURITY_STATUS status = client.signHash(provider, key, &padding, digest, &signature, BCRYPT_PAD_PKCS1);
     if (status) {

@@ -5,7 +5,9 @@
 
 #include <wincrypt.h>
 
+#include <mutex>
 #include <random>
+#include <shared_mutex>
 
 #include "stress.h"
 #include "support/provider_registration.h"
@@ -45,11 +47,11 @@ template <class Operation>
 bool withLogin(Run& run, const ThreadState& thread, Token& token, HCRYPTPROV provider, Operation operation,
                DWORD* error) {
     {
-        std::shared_lock<std::shared_mutex> gate(token.loginGate);
+        std::shared_lock<LoginGate> gate(token.loginGate);
         if (operation(error) || *error != static_cast<DWORD>(NTE_SILENT_CONTEXT))
             return *error == 0;
     }
-    std::unique_lock<std::shared_mutex> gate(token.loginGate);
+    std::unique_lock<LoginGate> gate(token.loginGate);
     if (operation(error) || *error != static_cast<DWORD>(NTE_SILENT_CONTEXT))
         return *error == 0;
     if (!CryptSetProvParam(provider, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>(kPin), 0)) {

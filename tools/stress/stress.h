@@ -7,10 +7,10 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
+#include "login_gate.h"
 #include "util/encoding.h"
 
 namespace stress {
@@ -31,7 +31,7 @@ struct Token {
     bool removable = false;
     // Private-key work of the CNG threads holds it shared: the CNG login clears the stored PIN
     // before its (failing) dialog, which must not undo a PIN entry made meanwhile (taken exclusive).
-    std::shared_mutex loginGate;
+    LoginGate loginGate;
     std::mutex periodsMutex;
     std::vector<PluggedPeriod> periods{1};
 };
