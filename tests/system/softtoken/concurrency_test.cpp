@@ -1,6 +1,7 @@
 // Many threads and two processes on one token.
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -232,4 +233,53 @@ TEST_F(ConcurrencyTest, ThreadsHashAtTheSameTime) {
     for (std::thread& hasher : hashers)
         hasher.join();
     EXPECT_EQ(wrong, 0);
+}
+
+// A token that stays plugged is in every device list while it is written (faults set by the admin
+// command, faults taken and keys imported here) and the other token is unplugged and plugged: the
+// provider's monitor forgets the PIN of any token missing from one list.
+TEST_F(ConcurrencyTest, TokenThatStaysPluggedIsInEveryDeviceListWhileTokensAreWritten) {
+    makeToken("SN1");
+    makeToken("SN2");
+    std::atomic<bool> running{true};
+    std::atomic<int> listings{0}, missing{0}, writes{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            while (running) {
+                std::vector<std::string> devices = calyth_getConnectedDeviceList(false, nullptr);
+                if (std::find(devices.begin(), devices.end(), "SN2") == devices.end())
+                    ++missing;
+                ++listings;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        // Writes SN2 with key imports, and with each fault that the admin command sets and
+        // getTokenInfo takes.
+        int i = 0;
+        while (running) {
+            CalythSymmetricKey key;
+            std::memset(&key, 0, sizeof key);
+            key.keyBytes[0] = static_cast<unsigned char>(++i);
+            key.keyLength = 16;
+            key.type = CALYTH_SYMMETRIC_AES_128;
+            if (calyth_importAesKey("SN2", "1234", &key, nullptr) == 0)
+                ++writes;
+            calyth_getTokenInfo("SN2", nullptr);
+        }
+    });
+    std::string output;
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(calythToken(std::string(i % 2 ? "plug" : "unplug") + " --serial SN1", &output), 0)
+            << output;
+        EXPECT_EQ(calythToken("fault --serial SN2 --function getTokenInfo --code 1 --count 2", &output), 0)
+            << output;
+    }
+    running = false;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_GT(writes, 0);
+    EXPECT_GT(listings, 0);
+    EXPECT_EQ(missing, 0) << "of " << listings << " device lists";
 }
