@@ -19,16 +19,7 @@ exit "\$status"
 STANDIN
 chmod +x "$work/bin/wine"
 PATH=$work/bin:$PATH
-failures=0
-
-check() {
-    if [ "$1" = "$2" ]; then
-        echo "ok: $3"
-    else
-        echo "FAILED: $3: expected [$2], got [$1]"
-        failures=$((failures + 1))
-    fi
-}
+. "$1/tests/script_checks.sh"
 
 # run_with <statuses...>: runs wine-run.sh once; sets $status, $starts and $messages.
 run_with() {
@@ -74,5 +65,4 @@ case $messages in
 *) check "$messages" "the ended-server line" "the ended server is named" ;;
 esac
 
-echo "$failures failure(s)"
-[ "$failures" -eq 0 ]
+checks_passed

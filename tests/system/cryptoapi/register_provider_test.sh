@@ -9,16 +9,7 @@ export WINEPREFIX=$2 WINEDEBUG=-all
 bin=$3
 view=$("$1/tools/pe-bits.sh" "$bin/CalythCSP.dll")  # the view that the script writes for this DLL
 key='HKLM\Software\Microsoft\Cryptography\Defaults\Provider\Calyth Cryptographic Provider CSP'
-failures=0
-
-check() {
-    if [ "$1" = "$2" ]; then
-        echo "ok: $3"
-    else
-        echo "FAILED: $3: expected [$2], got [$1]"
-        failures=$((failures + 1))
-    fi
-}
+. "$1/tests/script_checks.sh"
 
 value() {
     "$wine64" reg query "$key" /v "$1" /reg:$view 2>/dev/null | tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z_]* *//p"
@@ -48,4 +39,4 @@ check $? 2 "an unknown argument exits 2"
 
 "$script" --prefix "$WINEPREFIX" --dll "$bin/CalythCSP.dll" >/dev/null
 check $? 0 "registered again at the end"
-[ "$failures" -eq 0 ]
+checks_passed
