@@ -240,6 +240,8 @@ constexpr int kDllInitFailed = static_cast<int>(0xC0000142);
 int runCommand(const std::string& commandLine, std::string* output) {
     int code = runCommandOnce(commandLine, output);
     for (int attempt = 1; attempt < 3 && code == kDllInitFailed; ++attempt) {
+        std::fprintf(stderr, "runCommand: Wine failed [%s] before it ran (0xC0000142); starting it again\n",
+                     commandLine.c_str());
         Sleep(200);
         code = runCommandOnce(commandLine, output);
     }
