@@ -315,3 +315,37 @@ TEST(SimulatedUserStop, GivesUpTheRemainingStepsAtOnce) {
     EXPECT_LT(GetTickCount() - start, 10000u);
     EXPECT_THAT(seen, ElementsAre("timeout:dialog"));
 }
+
+// The user looks for windows while the test's own thread waits for it without pumping messages
+// (finish() joins the user's thread): looking must not send a message to a window of that thread,
+// or both wait for each other for good. Here the waiting thread owns a hidden and a visible window.
+TEST(SimulatedUserLooking, SendsNothingToTheWindowsOfAThreadThatIsNotPumping) {
+    HWND hidden = CreateWindowExA(0, "STATIC", "Hidden window of the test thread", WS_OVERLAPPED, 0, 0, 50,
+                                  50, nullptr, nullptr, nullptr, nullptr);
+    HWND shown = CreateWindowExA(0, "STATIC", "Visible window of the test thread", WS_OVERLAPPEDWINDOW, 0, 0,
+                                 50, 50, nullptr, nullptr, nullptr, nullptr);
+    ASSERT_NE(hidden, nullptr);
+    ASSERT_NE(shown, nullptr);
+    ShowWindow(shown, SW_SHOWNOACTIVATE);
+    std::atomic<bool> foundShown{false}, foundNothing{false};
+    HANDLE done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    std::thread looker([&] {
+        foundShown = waitForWindow("Visible window of the test thread", 0) == shown;
+        foundNothing = waitForWindow("No such window", 0) == nullptr;
+        SetEvent(done);
+    });
+    EXPECT_EQ(WaitForSingleObject(done, 5000), static_cast<DWORD>(WAIT_OBJECT_0))
+        << "looking waited for this thread's windows";
+    // Should it be waiting, answer it so that the test ends.
+    while (MsgWaitForMultipleObjects(1, &done, FALSE, INFINITE, QS_ALLINPUT) != WAIT_OBJECT_0) {
+        MSG message;
+        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
+            DispatchMessageA(&message);
+    }
+    CloseHandle(done);
+    looker.join();
+    EXPECT_TRUE(foundShown);
+    EXPECT_TRUE(foundNothing);
+    DestroyWindow(shown);
+    DestroyWindow(hidden);
+}

@@ -1,6 +1,7 @@
 #include "simulated_user.h"
 
 #include <cstring>
+#include <string>
 
 namespace access_test {
 namespace {
@@ -9,7 +10,7 @@ constexpr int kPinField = 1001;
 constexpr int kMessageTextId = 0xFFFF;
 
 struct Search {
-    const char* caption;
+    std::wstring caption;  // the captions looked for are ASCII
     HWND found;
 };
 
@@ -20,9 +21,14 @@ BOOL CALLBACK matchVisibleCaption(HWND window, LPARAM parameter) {
     GetWindowThreadProcessId(window, &process);
     if (process != GetCurrentProcessId())
         return TRUE;
-    char text[256] = {};
-    GetWindowTextA(window, text, sizeof text);
-    if (IsWindowVisible(window) && std::strcmp(text, search->caption) == 0) {
+    if (!IsWindowVisible(window))
+        return TRUE;
+    // The caption as the system keeps it, without WM_GETTEXT: GetWindowText sends that message to a
+    // window of another thread of this process, and the test's thread does not answer while it
+    // waits for this user in finish(), so the two would wait for each other for good.
+    wchar_t text[256] = {};
+    InternalGetWindowText(window, text, 256);
+    if (search->caption == text) {
         search->found = window;
         return FALSE;
     }
@@ -72,7 +78,7 @@ std::string messageBoxOddities(HWND box) {
 HWND waitForWindow(const char* caption, DWORD timeoutMs, const std::atomic<bool>* cancel) {
     DWORD start = GetTickCount();
     for (;;) {
-        Search search{caption, nullptr};
+        Search search{std::wstring(caption, caption + std::strlen(caption)), nullptr};
         EnumWindows(matchVisibleCaption, reinterpret_cast<LPARAM>(&search));
         if (search.found)
             return search.found;
