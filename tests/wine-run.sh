@@ -32,16 +32,13 @@ fi
 # code runs (STATUS_DLL_INIT_FAILED, 0xC0000142, which the shell sees as its low byte 66). The
 # program never ran, so it is started once more; test programs themselves end with 0 or 1.
 dll_init_failed=66
-attempt=1
-while :; do
+status=0
+wine "$@" || status=$?
+if [ "$status" -eq "$dll_init_failed" ]; then
+    echo "wine-run: Wine failed $1 before it ran (status $status, STATUS_DLL_INIT_FAILED); starting it once more" >&2
     status=0
     wine "$@" || status=$?
-    if [ "$status" -ne "$dll_init_failed" ] || [ "$attempt" -ge 2 ]; then
-        break
-    fi
-    echo "wine-run: Wine failed $1 before it ran (status $status, STATUS_DLL_INIT_FAILED); starting it once more" >&2
-    attempt=$((attempt + 1))
-done
+fi
 if [ "$status" -ne 0 ]; then
     echo "wine-run: $1 ended with status $status" >&2
 fi

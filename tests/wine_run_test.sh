@@ -36,18 +36,13 @@ check "$messages" "" "a passing program gets no message"
 
 run_with 66 0
 check "$status/$starts" "0/2" "a program that Wine failed before it ran is started once more"
-case $messages in
-*"Wine failed program.exe before it ran (status 66, STATUS_DLL_INIT_FAILED); starting it once more"*)
-    check yes yes "the second start is announced" ;;
-*) check "$messages" "the announcement" "the second start is announced" ;;
-esac
+check_contains "$messages" \
+    "Wine failed program.exe before it ran (status 66, STATUS_DLL_INIT_FAILED); starting it once more" \
+    "the second start is announced"
 
 run_with 66 66 0
 check "$status/$starts" "66/2" "a second failure before it ran is not started a third time"
-case $messages in
-*"program.exe ended with status 66"*) check yes yes "the final status is reported" ;;
-*) check "$messages" "the status line" "the final status is reported" ;;
-esac
+check_contains "$messages" "program.exe ended with status 66" "the final status is reported"
 
 run_with 1 0
 check "$status/$starts" "1/1" "a failing test is not started again"
@@ -60,9 +55,6 @@ wait "$gone"
 echo "$gone" >"$work/prefix/wineserver.pid"
 run_with 0
 check "$status/$starts" "1/0" "without the run's wineserver the program is not started"
-case $messages in
-*"has ended;"*) check yes yes "the ended server is named" ;;
-*) check "$messages" "the ended-server line" "the ended server is named" ;;
-esac
+check_contains "$messages" "has ended;" "the ended server is named"
 
 checks_passed

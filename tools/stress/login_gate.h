@@ -7,7 +7,7 @@
 // threads taking a new std::shared_mutex shared and then exclusive, 300 times, overlapped inside
 // the exclusive section 2907 times out of 7200, and one such run deadlocked; taking it once before
 // the threads start removed every overlap. The stress run's PIN gates are first used by all its
-// threads at once, which let two threads enter the first PIN of a token 10 ms apart.
+// threads at once, which let two threads enter a token's PIN 0 to 10 ms apart.
 // An SRWLOCK is complete from SRWLOCK_INIT on.
 #pragma once
 
