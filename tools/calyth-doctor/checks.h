@@ -6,8 +6,20 @@
 
 #include "device_functions.h"
 #include "report.h"
+#include "token_view.h"
 
 namespace doctor {
+
+// The device library and what a token holds are read as the certificate agent reads them.
+using tokenview::DeviceFunctions;
+using tokenview::kDeviceFunctionCount;
+using tokenview::keyAlgorithm;
+using tokenview::keyUsageText;
+using tokenview::loadDeviceFunctions;
+using tokenview::readToken;
+using tokenview::TokenCertificate;
+using tokenview::TokenKey;
+using tokenview::TokenView;
 
 constexpr const char* kProviderName = "Calyth Cryptographic Provider CSP";
 

@@ -1,6 +1,6 @@
 #include "device_functions.h"
 
-namespace doctor {
+namespace tokenview {
 namespace {
 
 template <typename F>
@@ -63,4 +63,4 @@ bool loadDeviceFunctions(DeviceFunctions* library, DWORD* error, std::vector<std
     return true;
 }
 
-}  // namespace doctor
+}  // namespace tokenview

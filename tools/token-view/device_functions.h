@@ -1,6 +1,6 @@
-// The device library loaded at run time. The doctor must report a missing library instead of
-// failing to start, so it takes the functions with GetProcAddress, with the signatures of
-// token/device_library.h, and never links the library's import library.
+// The device library loaded at run time. calyth-doctor and calyth-agent must report a missing
+// library instead of failing to start, so they take the functions with GetProcAddress, with the
+// signatures of token/device_library.h, and never link the library's import library.
 #pragma once
 
 #include <windows.h>
@@ -10,7 +10,7 @@
 
 #include "token/device_library.h"
 
-namespace doctor {
+namespace tokenview {
 
 struct DeviceFunctions {
     HMODULE module = nullptr;
@@ -52,4 +52,4 @@ constexpr int kDeviceFunctionCount = 27;
 // does not load; otherwise the functions it lacks are named in *missing.
 bool loadDeviceFunctions(DeviceFunctions* library, DWORD* error, std::vector<std::string>* missing);
 
-}  // namespace doctor
+}  // namespace tokenview

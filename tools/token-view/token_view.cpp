@@ -5,7 +5,7 @@
 #include "util/encoding.h"
 #include "util/utils.h"
 
-namespace doctor {
+namespace tokenview {
 namespace {
 
 // The public key in the form certificate details carry it: an RSA modulus or an EC point.
@@ -114,4 +114,4 @@ TokenView readToken(const DeviceFunctions& library, const std::string& serial) {
     return view;
 }
 
-}  // namespace doctor
+}  // namespace tokenview

@@ -7,7 +7,7 @@
 
 #include "device_functions.h"
 
-namespace doctor {
+namespace tokenview {
 
 struct TokenKey {
     CalythKeyPair record;
@@ -37,4 +37,4 @@ std::string keyAlgorithm(const CalythKeyPair& keyPair);
 // "signature", "exchange", "signature and exchange".
 std::string keyUsageText(int32_t usage);
 
-}  // namespace doctor
+}  // namespace tokenview
