@@ -20,6 +20,7 @@
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
+#include "token/legacy_key_spec.h"
 #include "util/encoding.h"
 
 namespace {
@@ -39,14 +40,6 @@ KspEnumState* newEnumState(const KspProvider* provider) {
     if (!keyPairs.empty())
         std::memcpy(state->keyPairs, keyPairs.data(), keyPairs.size() * sizeof(CalythKeyPair));
     return state;
-}
-
-DWORD legacyKeySpec(int32_t usage) {
-    if (usage == CALYTH_USAGE_SIGNATURE)
-        return AT_SIGNATURE;
-    if (usage == CALYTH_USAGE_EXCHANGE || usage == CALYTH_USAGE_BOTH)
-        return AT_KEYEXCHANGE;
-    return 0;
 }
 
 // One malloc'ed block holding the record and both strings, so that the KSPFreeBuffer the router
