@@ -1,0 +1,287 @@
+#include "user_store.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "log/log.h"
+
+namespace agent {
+namespace {
+
+Store openStore(const std::string& name, bool writable) {
+    DWORD flags = CERT_SYSTEM_STORE_CURRENT_USER | (writable ? 0 : CERT_STORE_READONLY_FLAG);
+    return Store(CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, flags, name.c_str()));
+}
+
+std::wstring wide(const std::string& text) {
+    return std::wstring(text.begin(), text.end());
+}
+
+std::string narrow(const wchar_t* text) {
+    std::string out;
+    for (; text && *text; ++text)
+        out.push_back(static_cast<char>(*text));
+    return out;
+}
+
+std::string textProperty(PCCERT_CONTEXT certificate, DWORD property) {
+    DWORD size = 0;
+    if (!CertGetCertificateContextProperty(certificate, property, nullptr, &size) || size < sizeof(wchar_t))
+        return "";
+    std::vector<wchar_t> value(size / sizeof(wchar_t) + 1, L'\0');
+    if (!CertGetCertificateContextProperty(certificate, property, value.data(), &size))
+        return "";
+    return narrow(value.data());
+}
+
+bool setTextProperty(PCCERT_CONTEXT certificate, DWORD property, const std::string& text) {
+    std::wstring value = wide(text);
+    CRYPT_DATA_BLOB blob{static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)),
+                         reinterpret_cast<BYTE*>(&value[0])};
+    return CertSetCertificateContextProperty(certificate, property, 0, &blob) != FALSE;
+}
+
+// The serial of the agent's mark, "" for a certificate without it.
+std::string markOf(PCCERT_CONTEXT certificate) {
+    std::string description = textProperty(certificate, CERT_DESCRIPTION_PROP_ID);
+    std::string prefix = kAgentMarkPrefix;
+    if (description.size() <= prefix.size() || description.compare(0, prefix.size(), prefix) != 0)
+        return "";
+    return description.substr(prefix.size());
+}
+
+bool sameBytes(PCCERT_CONTEXT certificate, const std::vector<unsigned char>& der) {
+    return certificate->cbCertEncoded == der.size() &&
+           std::equal(der.begin(), der.end(), certificate->pbCertEncoded);
+}
+
+// A certificate context outside any store that carries everything the agent sets, so that adding
+// it puts the certificate and its properties into the store in one step.
+Certificate prepared(const WantedCertificate& wanted, bool personal) {
+    Certificate context(
+        CertCreateCertificateContext(kEncoding, wanted.der.data(), static_cast<DWORD>(wanted.der.size())));
+    if (!context)
+        return nullptr;
+    bool ok = setTextProperty(context.get(), CERT_DESCRIPTION_PROP_ID, kAgentMarkPrefix + wanted.serial) &&
+              setTextProperty(context.get(), CERT_FRIENDLY_NAME_PROP_ID, wanted.friendlyName);
+    if (ok && personal) {
+        std::wstring container = wide(wanted.keyId);
+        std::wstring provider = wide(kProviderName);
+        CRYPT_KEY_PROV_INFO info{};
+        info.pwszContainerName = &container[0];
+        info.pwszProvName = &provider[0];
+        info.dwProvType = wanted.providerType;
+        info.dwKeySpec = wanted.keySpec;
+        ok = CertSetCertificateContextProperty(context.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
+    }
+    return ok ? std::move(context) : nullptr;
+}
+
+bool upToDate(PCCERT_CONTEXT present, const WantedCertificate& wanted, bool personal) {
+    if (markOf(present) != wanted.serial ||
+        textProperty(present, CERT_FRIENDLY_NAME_PROP_ID) != wanted.friendlyName)
+        return false;
+    if (!personal)
+        return true;
+    KeyProviderInfo info = keyProviderInfo(present);
+    return info.present && info.container == wanted.keyId && info.provider == kProviderName &&
+           info.providerType == wanted.providerType && info.keySpec == wanted.keySpec;
+}
+
+std::string describe(const WantedCertificate& wanted) {
+    return wanted.subject + " (token " + wanted.serial +
+           (wanted.keyId.empty() ? "" : ", key " + wanted.keyId) + ")";
+}
+
+enum class Action { Add, Update, Remove };
+
+struct Change {
+    Action action;
+    std::vector<unsigned char> der;
+    const WantedCertificate* wanted = nullptr;  // Add and Update
+    std::string line;
+};
+
+struct StorePlan {
+    std::vector<Change> changes;
+    std::vector<std::string> keptLines;
+};
+
+// The index in `wanted` of the entry with the same bytes as `present`, or wanted.size().
+size_t wantedIndex(PCCERT_CONTEXT present, const std::vector<WantedCertificate>& wanted) {
+    size_t i = 0;
+    while (i < wanted.size() && !sameBytes(present, wanted[i].der))
+        ++i;
+    return i;
+}
+
+// Compares one store with what the plan wants there. `held` serials keep their marked entries.
+bool compare(const std::string& storeName, const std::vector<WantedCertificate>& wanted,
+             const std::set<std::string>& held, bool personal, StorePlan* out, std::string* error) {
+    Store store = openStore(storeName, false);
+    // A store that was never written does not exist yet: nothing is in it.
+    if (!store && GetLastError() != ERROR_FILE_NOT_FOUND && GetLastError() != ERROR_PATH_NOT_FOUND) {
+        *error = "cannot open the store " + storeName + " (error " + std::to_string(GetLastError()) + ")";
+        return false;
+    }
+    std::vector<bool> found(wanted.size(), false);
+    PCCERT_CONTEXT present = nullptr;
+    while (store && (present = CertEnumCertificatesInStore(store.get(), present)) != nullptr) {
+        std::string mark = markOf(present);
+        size_t i = wantedIndex(present, wanted);
+        if (i < wanted.size() && !found[i]) {
+            found[i] = true;
+            if (mark.empty())
+                out->keptLines.push_back("left as it is in " + storeName + ": " + wanted[i].subject +
+                                         " (there without the agent's mark: imported by the user)");
+            else if (upToDate(present, wanted[i], personal))
+                out->keptLines.push_back("kept in " + storeName + ": " + describe(wanted[i]));
+            else
+                out->changes.push_back({Action::Update, wanted[i].der, &wanted[i],
+                                        "updated in " + storeName + ": " + describe(wanted[i])});
+        } else if (!mark.empty() && held.count(mark) == 0) {
+            WantedCertificate gone;
+            gone.subject = subjectText(present);
+            gone.serial = mark;
+            out->changes.push_back({Action::Remove, derOf(present), nullptr,
+                                    "removed from " + storeName + ": " + describe(gone)});
+        }
+    }
+    for (size_t i = 0; i < wanted.size(); ++i) {
+        if (!found[i])
+            out->changes.push_back({Action::Add, wanted[i].der, &wanted[i],
+                                    "added to " + storeName + ": " + describe(wanted[i])});
+    }
+    return true;
+}
+
+bool apply(const std::string& storeName, const StorePlan& plan, bool personal, PassResult* result) {
+    if (plan.changes.empty())
+        return true;
+    Store store = openStore(storeName, true);
+    if (!store) {
+        result->error = "the store " + storeName + " cannot be opened for writing (error " +
+                        std::to_string(GetLastError()) + ")";
+        return false;
+    }
+    for (const Change& change : plan.changes) {
+        if (change.action != Action::Add) {
+            PCCERT_CONTEXT present = nullptr;
+            while ((present = CertEnumCertificatesInStore(store.get(), present)) != nullptr) {
+                if (sameBytes(present, change.der) && !markOf(present).empty()) {
+                    // CertDeleteCertificateFromStore frees the context it is given, and the
+                    // enumeration must not go on from it.
+                    if (!CertDeleteCertificateFromStore(CertDuplicateCertificateContext(present))) {
+                        result->error = "cannot remove a certificate from " + storeName + " (error " +
+                                        std::to_string(GetLastError()) + ")";
+                        CertFreeCertificateContext(present);
+                        return false;
+                    }
+                    CertFreeCertificateContext(present);
+                    break;
+                }
+            }
+        }
+        if (change.action != Action::Remove) {
+            Certificate context = prepared(*change.wanted, personal);
+            if (!context ||
+                !CertAddCertificateContextToStore(store.get(), context.get(), CERT_STORE_ADD_NEW, nullptr)) {
+                result->error = "cannot add " + change.wanted->subject + " to " + storeName + " (error " +
+                                std::to_string(GetLastError()) + ")";
+                return false;
+            }
+        }
+        result->lines.push_back(change.line);
+        if (change.action == Action::Add)
+            ++result->added;
+        else if (change.action == Action::Remove)
+            ++result->removed;
+        else
+            ++result->updated;
+    }
+    result->wroteStore = true;
+    // A system store keeps what was added only once it is closed.
+    HCERTSTORE handle = store.release();
+    if (!CertCloseStore(handle, 0)) {
+        result->error =
+            "cannot save the store " + storeName + " (error " + std::to_string(GetLastError()) + ")";
+        return false;
+    }
+    return true;
+}
+
+PassResult reconcile(const CertificatePlan& plan, const StoreNames& names) {
+    PassResult result;
+    StorePlan personal;
+    StorePlan authorities;
+    if (!compare(names.personal, plan.personal, plan.heldSerials, true, &personal, &result.error) ||
+        !compare(names.authorities, plan.authorities, plan.heldSerials, false, &authorities, &result.error))
+        return result;
+    if (!apply(names.personal, personal, true, &result) ||
+        !apply(names.authorities, authorities, false, &result))
+        return result;
+    for (const StorePlan* store : {&personal, &authorities}) {
+        for (const std::string& line : store->keptLines) {
+            result.lines.push_back(line);
+            ++result.kept;
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+KeyProviderInfo keyProviderInfo(PCCERT_CONTEXT certificate) {
+    KeyProviderInfo out;
+    DWORD size = 0;
+    if (!CertGetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size) ||
+        size == 0)
+        return out;
+    std::vector<unsigned char> buffer(size);
+    if (!CertGetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size))
+        return out;
+    const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(buffer.data());
+    out.container = narrow(info->pwszContainerName);
+    out.provider = narrow(info->pwszProvName);
+    out.providerType = info->dwProvType;
+    out.keySpec = info->dwKeySpec;
+    out.present = true;
+    return out;
+}
+
+PassResult applyPlan(const CertificatePlan& plan, const StoreNames& names) {
+    PassResult result = reconcile(plan, names);
+    for (const std::string& line : result.lines)
+        logDebug("calyth-agent: " + line);
+    if (!result.error.empty())
+        logError("calyth-agent: " + result.error);
+    return result;
+}
+
+PassResult removeAll(const StoreNames& names) {
+    return applyPlan(CertificatePlan{}, names);
+}
+
+std::set<std::string> markedSerials(const StoreNames& names) {
+    std::set<std::string> serials;
+    Store store = openStore(names.personal, false);
+    PCCERT_CONTEXT present = nullptr;
+    while (store && (present = CertEnumCertificatesInStore(store.get(), present)) != nullptr) {
+        std::string mark = markOf(present);
+        if (!mark.empty())
+            serials.insert(mark);
+    }
+    return serials;
+}
+
+PCCERT_CONTEXT findInPersonalStore(const WantedCertificate& wanted, const StoreNames& names) {
+    Store store = openStore(names.personal, false);
+    PCCERT_CONTEXT present = nullptr;
+    while (store && (present = CertEnumCertificatesInStore(store.get(), present)) != nullptr) {
+        if (sameBytes(present, wanted.der))
+            return CertDuplicateCertificateContext(present);
+    }
+    return nullptr;
+}
+
+}  // namespace agent
