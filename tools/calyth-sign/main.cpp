@@ -4,11 +4,14 @@
 //   calyth-sign --container KEYID --in FILE --out FILE [--pin PIN] [--hash sha256] [--cms [--attached]]
 //               [--provider NAME]
 //   calyth-sign --cng --container KEYID --in FILE --out FILE [--pin PIN] [--hash sha256] [--dll PATH]
+//   calyth-sign --subject TEXT --in FILE --out FILE [--pin PIN] [--hash sha256] [--attached]
 //
 // Without --cms it writes the bare PKCS #1 v1.5 signature, big-endian, as
 // `openssl dgst -sha256 -verify pub.pem -signature OUT FILE` reads it. With --cms it writes a DER
 // CMS SignedData made by CryptSignMessage with the key's certificate from the token, as
-// `openssl cms -verify -inform DER -in OUT -content FILE -CAfile ca.pem` reads it.
+// `openssl cms -verify -inform DER -in OUT -content FILE -CAfile ca.pem` reads it. With --subject it
+// signs as applications sign with "my certificate": found by subject in the user's store, its key
+// reached by crypt32 through the certificate's key provider information, a CMS message.
 #include <windows.h>
 
 #include <cstdio>
@@ -30,6 +33,7 @@ const char* kUsage =
     "sha1|sha256|sha384|sha512]\n"
     "                   [--cms [--attached]] [--provider NAME]\n"
     "       calyth-sign --cng --container KEYID --in FILE --out FILE [--pin PIN] [--hash ...] [--dll PATH]\n"
+    "       calyth-sign --subject TEXT --in FILE --out FILE [--pin PIN] [--hash ...] [--attached]\n"
     "       calyth-sign --version\n"
     "  Signs FILE through CryptoAPI with the key KEYID (its 32-character id) of the registered\n"
     "  provider (default \"Calyth Cryptographic Provider CSP\"). Without --pin the provider asks\n"
@@ -37,7 +41,11 @@ const char* kUsage =
     "  SignedData (detached unless --attached) carrying the key's certificate from the token.\n"
     "  With --cng it loads the provider DLL (default CalythCSP.dll beside this program), takes its\n"
     "  key storage function table and signs a digest computed by BCrypt with the key named KEYID\n"
-    "  (PKCS #1 v1.5, the PIN handed over as \"SmartCardPin\"); the signature is written big-endian.\n";
+    "  (PKCS #1 v1.5, the PIN handed over as \"SmartCardPin\"); the signature is written big-endian.\n"
+    "  With --subject it finds the certificate whose subject contains TEXT in the current user's\n"
+    "  personal store (\"MY\", where calyth-agent puts the token's certificates), lets crypt32\n"
+    "  acquire its private key through the certificate's key provider information and writes a DER\n"
+    "  CMS SignedData made by CryptSignMessage; no provider or container is named.\n";
 
 bool readFile(const std::string& path, Bytes* bytes) {
     std::ifstream in(path, std::ios::binary);
@@ -80,7 +88,7 @@ int main(int argc, char** argv) {
         } else if (word == "--cng") {
             cng = true;
         } else if (word == "--container" || word == "--in" || word == "--out" || word == "--pin" ||
-                   word == "--hash" || word == "--provider" || word == "--dll") {
+                   word == "--hash" || word == "--provider" || word == "--dll" || word == "--subject") {
             if (i + 1 >= argc)
                 return usageError("missing value of " + word);
             values[word] = argv[++i];
@@ -88,10 +96,15 @@ int main(int argc, char** argv) {
             return usageError("unknown argument '" + word + "'");
         }
     }
-    for (const char* required : {"--container", "--in", "--out"})
+    bool bySubject = values.count("--subject") != 0;
+    for (const char* required : {bySubject ? "--subject" : "--container", "--in", "--out"})
         if (values[required].empty())
             return usageError(std::string("missing ") + required);
-    if (attached && !cms)
+    if (bySubject && (cng || cms || values.count("--container") || values.count("--provider")))
+        return usageError(
+            "--subject signs a CMS message with the certificate from the user's store: "
+            "no --cng, --cms, --container or --provider");
+    if (attached && !cms && !bySubject)
         return usageError("--attached needs --cms");
     if (cng && (cms || values.count("--provider")))
         return usageError("--cng signs a bare PKCS #1 signature: no --cms, no --provider");
@@ -117,7 +130,14 @@ int main(int argc, char** argv) {
     Bytes output;
     SignError failure;
     bool ok;
-    if (cng) {
+    if (bySubject) {
+        SubjectSignRequest subjectRequest;
+        subjectRequest.subject = values["--subject"];
+        subjectRequest.pin = request.pin;
+        subjectRequest.hash = request.hash;
+        subjectRequest.attached = attached;
+        ok = signMessageAsSubject(subjectRequest, document, &output, &failure);
+    } else if (cng) {
         CngSignRequest cngRequest;
         cngRequest.dll = values.count("--dll") ? values["--dll"] : providerDllBesideProgram();
         cngRequest.keyId = request.container;
@@ -138,10 +158,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf("%s: %u bytes (%s, %s) written to %s\n",
-                cms   ? "CMS signature"
-                : cng ? "CNG signature"
-                      : "signature",
-                static_cast<unsigned>(output.size()), hashName.c_str(), request.container.c_str(),
-                values["--out"].c_str());
+                cms || bySubject ? "CMS signature"
+                : cng            ? "CNG signature"
+                                 : "signature",
+                static_cast<unsigned>(output.size()), hashName.c_str(),
+                bySubject ? values["--subject"].c_str() : request.container.c_str(), values["--out"].c_str());
     return 0;
 }

@@ -122,29 +122,65 @@ bool signMessage(const SignRequest& request, const Bytes& document, Bytes* messa
     info.pwszProvName = provider.data();
     info.dwProvType = PROV_RSA_FULL;
     info.dwKeySpec = AT_SIGNATURE;
-    bool ok = CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info) ||
-              fail(failure, "CertSetCertificateContextProperty(CERT_KEY_PROV_INFO_PROP_ID)");
+    bool ok = (CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info) ||
+               fail(failure, "CertSetCertificateContextProperty(CERT_KEY_PROV_INFO_PROP_ID)")) &&
+              signWithCertificate(certificate, request.hash, request.attached, document, message, failure);
+    CertFreeCertificateContext(certificate);
+    return ok;
+}
 
+bool signMessageAsSubject(const SubjectSignRequest& request, const Bytes& document, Bytes* message,
+                          SignError* failure) {
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0,
+                                     CERT_SYSTEM_STORE_CURRENT_USER | CERT_STORE_READONLY_FLAG, "MY");
+    if (!store)
+        return fail(failure, "CertOpenStore(MY)");
+    PCCERT_CONTEXT certificate =
+        CertFindCertificateInStore(store, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_A,
+                                   request.subject.c_str(), nullptr);
+    bool ok = certificate || fail(failure, "CertFindCertificateInStore(\"" + request.subject + "\")");
+    // crypt32 finds the key through the certificate's key provider information; the PIN, when one is
+    // given, goes to that provider before it signs, as an application that keeps it would hand it.
+    HCRYPTPROV_OR_NCRYPT_KEY_HANDLE key = 0;
+    DWORD keySpec = 0;
+    BOOL mustFree = FALSE;
+    ok = ok && (CryptAcquireCertificatePrivateKey(certificate, 0, nullptr, &key, &keySpec, &mustFree) ||
+                fail(failure, "CryptAcquireCertificatePrivateKey"));
+    if (ok && !request.pin.empty()) {
+        DWORD parameter = keySpec == AT_SIGNATURE ? PP_SIGNATURE_PIN : PP_KEYEXCHANGE_PIN;
+        ok = CryptSetProvParam(key, parameter, reinterpret_cast<const BYTE*>(request.pin.c_str()), 0) ||
+             fail(failure, "CryptSetProvParam(PIN)");
+    }
+    ok = ok && signWithCertificate(certificate, request.hash, request.attached, document, message, failure);
+    if (key && mustFree)
+        CryptReleaseContext(key, 0);
+    if (certificate)
+        CertFreeCertificateContext(certificate);
+    CertCloseStore(store, 0);
+    return ok;
+}
+
+bool signWithCertificate(PCCERT_CONTEXT certificate, ALG_ID hash, bool attached, const Bytes& document,
+                         Bytes* message, SignError* failure) {
     CRYPT_SIGN_MESSAGE_PARA para{};
     para.cbSize = sizeof para;
     para.dwMsgEncodingType = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
     para.pSigningCert = certificate;
-    para.HashAlgorithm.pszObjId = const_cast<char*>(hashOid(request.hash));
+    para.HashAlgorithm.pszObjId = const_cast<char*>(hashOid(hash));
     para.cMsgCert = 1;
     para.rgpMsgCert = &certificate;
     const BYTE* parts[] = {document.data()};
     DWORD sizes[] = {static_cast<DWORD>(document.size())};
-    BOOL detached = request.attached ? FALSE : TRUE;
+    BOOL detached = attached ? FALSE : TRUE;
     DWORD length = 0;
-    ok = ok && (CryptSignMessage(&para, detached, 1, parts, sizes, nullptr, &length) ||
-                fail(failure, "CryptSignMessage (size)"));
+    bool ok = CryptSignMessage(&para, detached, 1, parts, sizes, nullptr, &length) ||
+              fail(failure, "CryptSignMessage (size)");
     if (ok) {
         message->resize(length);
         ok = CryptSignMessage(&para, detached, 1, parts, sizes, message->data(), &length) ||
              fail(failure, "CryptSignMessage");
         message->resize(length);
     }
-    CertFreeCertificateContext(certificate);
     return ok;
 }
 

@@ -34,6 +34,26 @@ bool signHash(const SignRequest& request, const Bytes& document, Bytes* signatur
 // read from the token through KP_CERTIFICATE.
 bool signMessage(const SignRequest& request, const Bytes& document, Bytes* message, SignError* failure);
 
+// What an application that knows only its certificate's subject signs with.
+struct SubjectSignRequest {
+    std::string
+        subject;      // found in the current user's personal store ("MY"), as CERT_FIND_SUBJECT_STR finds it
+    std::string pin;  // handed to the certificate's provider first; empty: the provider asks
+    ALG_ID hash = CALG_SHA_256;
+    bool attached = false;
+};
+
+// CMS SignedData (DER) over `document` made the way applications sign with "my certificate": the
+// certificate found by subject in the user's store, its private key acquired by crypt32 through
+// the certificate's key provider information, CryptSignMessage.
+bool signMessageAsSubject(const SubjectSignRequest& request, const Bytes& document, Bytes* message,
+                          SignError* failure);
+
+// CryptSignMessage with `certificate`, whose key provider information names its key; the message
+// carries the certificate.
+bool signWithCertificate(PCCERT_CONTEXT certificate, ALG_ID hash, bool attached, const Bytes& document,
+                         Bytes* message, SignError* failure);
+
 // The CryptoAPI hash id for "sha1", "sha256", "sha384", "sha512"; 0 for anything else.
 ALG_ID hashByName(const std::string& name);
 
