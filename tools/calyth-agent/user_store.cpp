@@ -55,15 +55,11 @@ bool sameBytes(PCCERT_CONTEXT certificate, const std::vector<unsigned char>& der
            std::equal(der.begin(), der.end(), certificate->pbCertEncoded);
 }
 
-// A certificate context outside any store that carries everything the agent sets, so that adding
-// it puts the certificate and its properties into the store in one step.
-Certificate prepared(const WantedCertificate& wanted, bool personal) {
-    Certificate context(
-        CertCreateCertificateContext(kEncoding, wanted.der.data(), static_cast<DWORD>(wanted.der.size())));
-    if (!context)
-        return nullptr;
-    bool ok = setTextProperty(context.get(), CERT_DESCRIPTION_PROP_ID, kAgentMarkPrefix + wanted.serial) &&
-              setTextProperty(context.get(), CERT_FRIENDLY_NAME_PROP_ID, wanted.friendlyName);
+// Gives a certificate of the store the agent's mark, its friendly name and, in the personal store,
+// its key provider information.
+bool markAndName(PCCERT_CONTEXT certificate, const WantedCertificate& wanted, bool personal) {
+    bool ok = setTextProperty(certificate, CERT_DESCRIPTION_PROP_ID, kAgentMarkPrefix + wanted.serial) &&
+              setTextProperty(certificate, CERT_FRIENDLY_NAME_PROP_ID, wanted.friendlyName);
     if (ok && personal) {
         std::wstring container = wide(wanted.keyId);
         std::wstring provider = wide(kProviderName);
@@ -72,9 +68,37 @@ Certificate prepared(const WantedCertificate& wanted, bool personal) {
         info.pwszProvName = &provider[0];
         info.dwProvType = wanted.providerType;
         info.dwKeySpec = wanted.keySpec;
-        ok = CertSetCertificateContextProperty(context.get(), CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
+        ok = CertSetCertificateContextProperty(certificate, CERT_KEY_PROV_INFO_PROP_ID, 0, &info) != FALSE;
     }
-    return ok ? std::move(context) : nullptr;
+    return ok;
+}
+
+bool add(HCERTSTORE store, const WantedCertificate& wanted, bool personal) {
+    PCCERT_CONTEXT added = nullptr;
+    if (!CertAddEncodedCertificateToStore(store, kEncoding, wanted.der.data(),
+                                          static_cast<DWORD>(wanted.der.size()), CERT_STORE_ADD_NEW, &added))
+        return false;
+    if (!markAndName(added, wanted, personal)) {
+        DWORD error = GetLastError();
+        CertDeleteCertificateFromStore(added);  // never leave it unmarked: it would pass for the user's
+        SetLastError(error);
+        return false;
+    }
+    CertFreeCertificateContext(added);
+    return true;
+}
+
+bool removeMarked(HCERTSTORE store, const std::vector<unsigned char>& der) {
+    PCCERT_CONTEXT present = nullptr;
+    while ((present = CertEnumCertificatesInStore(store, present)) != nullptr) {
+        if (sameBytes(present, der) && !markOf(present).empty()) {
+            // CertDeleteCertificateFromStore frees the context it is given; the enumeration ends here.
+            bool ok = CertDeleteCertificateFromStore(CertDuplicateCertificateContext(present)) != FALSE;
+            CertFreeCertificateContext(present);
+            return ok;
+        }
+    }
+    return true;
 }
 
 bool upToDate(PCCERT_CONTEXT present, const WantedCertificate& wanted, bool personal) {
@@ -165,31 +189,15 @@ bool apply(const std::string& storeName, const StorePlan& plan, bool personal, P
         return false;
     }
     for (const Change& change : plan.changes) {
-        if (change.action != Action::Add) {
-            PCCERT_CONTEXT present = nullptr;
-            while ((present = CertEnumCertificatesInStore(store.get(), present)) != nullptr) {
-                if (sameBytes(present, change.der) && !markOf(present).empty()) {
-                    // CertDeleteCertificateFromStore frees the context it is given, and the
-                    // enumeration must not go on from it.
-                    if (!CertDeleteCertificateFromStore(CertDuplicateCertificateContext(present))) {
-                        result->error = "cannot remove a certificate from " + storeName + " (error " +
-                                        std::to_string(GetLastError()) + ")";
-                        CertFreeCertificateContext(present);
-                        return false;
-                    }
-                    CertFreeCertificateContext(present);
-                    break;
-                }
-            }
+        if (change.action != Action::Add && !removeMarked(store.get(), change.der)) {
+            result->error = "cannot remove a certificate from " + storeName + " (error " +
+                            std::to_string(GetLastError()) + ")";
+            return false;
         }
-        if (change.action != Action::Remove) {
-            Certificate context = prepared(*change.wanted, personal);
-            if (!context ||
-                !CertAddCertificateContextToStore(store.get(), context.get(), CERT_STORE_ADD_NEW, nullptr)) {
-                result->error = "cannot add " + change.wanted->subject + " to " + storeName + " (error " +
-                                std::to_string(GetLastError()) + ")";
-                return false;
-            }
+        if (change.action != Action::Remove && !add(store.get(), *change.wanted, personal)) {
+            result->error = "cannot add " + change.wanted->subject + " to " + storeName + " (error " +
+                            std::to_string(GetLastError()) + ")";
+            return false;
         }
         result->lines.push_back(change.line);
         if (change.action == Action::Add)
@@ -200,9 +208,9 @@ bool apply(const std::string& storeName, const StorePlan& plan, bool personal, P
             ++result->updated;
     }
     result->wroteStore = true;
-    // A system store keeps what was added only once it is closed.
-    HCERTSTORE handle = store.release();
-    if (!CertCloseStore(handle, 0)) {
+    // Wine's system stores keep a removal only through an explicit commit (closing alone keeps
+    // additions); on Windows the commit is what closing does anyway.
+    if (!CertControlStore(store.get(), 0, CERT_STORE_CTRL_COMMIT, nullptr)) {
         result->error =
             "cannot save the store " + storeName + " (error " + std::to_string(GetLastError()) + ")";
         return false;
