@@ -30,6 +30,7 @@ TEST_P(ToolVersion, PrintsItsNameAndTheProjectVersion) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tools, ToolVersion,
-                         testing::Values("calyth-token", "calyth-sign", "calyth-doctor", "calyth-register"));
+                         testing::Values("calyth-token", "calyth-sign", "calyth-doctor", "calyth-register",
+                                         "calyth-agent"));
 
 }  // namespace
