@@ -7,6 +7,10 @@
 
 namespace agent {
 
+// Where the installer sets the agent to start at every user's logon (HKLM, the 64-bit view).
+constexpr const char* kLogonRunKey = "Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr const char* kLogonRunValue = "Calyth Certificate Agent";
+
 constexpr const char* kInstanceMutexName = "Local\\CalythCertificateAgent";
 constexpr const char* kStopEventName = "Local\\CalythCertificateAgentStop";
 constexpr unsigned kPollMilliseconds = 1000;

@@ -42,6 +42,10 @@ void checkLog(Report* report);
 // The connected tokens, their key pairs and certificates, and the certificates' chains.
 void checkTokens(Report* report, const DeviceFunctions& library);
 
+// The certificate agent: set to start at logon, and every certificate of a connected token's key
+// in the user's personal store with the key provider information of its key.
+void checkCertificateAgent(Report* report, const DeviceFunctions& library);
+
 struct SignTestRequest {
     std::string pin;    // "" lets the provider ask with its dialog
     std::string keyId;  // "" picks the first RSA signature key of the first token

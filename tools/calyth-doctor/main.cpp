@@ -3,8 +3,8 @@
 //   calyth-doctor [--json] [--sign-test [--pin PIN] [--key KEYID]]
 //
 // It checks, in order, the CryptoAPI registration, the key storage provider, the device library,
-// the log settings and the connected tokens, and with --sign-test signs once through CryptoAPI and
-// once through the key storage provider. One line per check; exit code 1 when a check failed.
+// the log settings, the connected tokens and the certificate agent, and with --sign-test signs once through
+// CryptoAPI and once through the key storage provider. One line per check; exit code 1 when a check failed.
 // It changes nothing in the registry or on a token, and never shows the PIN.
 #include <windows.h>
 
@@ -25,7 +25,9 @@ const char* kUsage =
     "usage: calyth-doctor [--json] [--sign-test [--pin PIN] [--key KEYID]]\n"
     "  Checks the provider's installation: the CryptoAPI registration (64-bit and, when present, 32-bit),\n"
     "  the key storage provider, the device library CalythDSCLibrary.dll, the log level and files, and\n"
-    "  the connected tokens with their keys and certificates. One line per check with its verdict and,\n"
+    "  the connected tokens with their keys and certificates, and whether the certificate agent starts\n"
+    "  at logon and has put the tokens' certificates into the user's store. One line per check with\n"
+    "  its verdict and,\n"
     "  for a problem, what to do. Exit code 0 when no check failed, 1 when one did, 2 for a bad command "
     "line.\n"
     "  --json       the same report as JSON, for a support ticket\n"
@@ -86,6 +88,7 @@ int main(int argc, char** argv) {
     checkDeviceLibrary(&report, &library);
     checkLog(&report);
     checkTokens(&report, library);
+    checkCertificateAgent(&report, library);
     if (signTest) {
         signRequest.providerDll = providerDll;
         checkSignatures(&report, library, signRequest);

@@ -1,8 +1,13 @@
 // calyth-doctor run as an administrator runs it, against the provider registered as an installer
 // registers it and soft tokens in this program's own store: every check healthy, then each broken
 // state it must name, with its verdict line and exit code.
+#include <windows.h>
+
+#include <wincrypt.h>
+
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
@@ -53,7 +58,29 @@ protected:
         SetEnvironmentVariableA("CALYTH_HOME", home_.c_str());
         useFreshTokenStore(::testing::UnitTest::GetInstance()->current_test_info()->name());
     }
-    void TearDown() override { registerProvider(); }
+    void TearDown() override {
+        registerProvider();
+        runCommand("\"" + programFolder() + "calyth-agent.exe\" --remove-all");
+        setAgentStart(false);
+    }
+
+    // The certificate agent set to start at logon, as the installer sets it, or not.
+    static void setAgentStart(bool on) {
+        HKEY key = nullptr;
+        ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, kRunKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key,
+                                  nullptr),
+                  ERROR_SUCCESS);
+        std::string command = "\"" + programFolder() + "calyth-agent.exe\"";
+        if (on)
+            RegSetValueExA(key, kAgentValue, 0, REG_SZ, reinterpret_cast<const BYTE*>(command.c_str()),
+                           static_cast<DWORD>(command.size() + 1));
+        else
+            RegDeleteValueA(key, kAgentValue);
+        RegCloseKey(key);
+    }
+
+    static constexpr const char* kRunKey = "Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+    static constexpr const char* kAgentValue = "Calyth Certificate Agent";
 
     // A token SN1 with a signature key; answers its id.
     std::string tokenWithKey(const std::string& serial = "SN1") {
@@ -104,6 +131,10 @@ TEST_F(Doctor, EveryCheckHealthyWithSignaturesThroughBothFrontEnds) {
     makeAuthority("Doctor-Root");
     certifyKey("SN1", keyId, "Alice", "Doctor-Root");
     storeCertificate("SN1", "Doctor-Root");
+    setAgentStart(true);
+    std::string agentOutput;
+    ASSERT_EQ(runCommand("\"" + programFolder() + "calyth-agent.exe\" --once", &agentOutput), 0)
+        << agentOutput;
     // A private authority: the chain builds to its root, which this machine does not trust.
     DoctorRun run = runDoctor("--sign-test --pin " + std::string(kPin));
 
@@ -136,7 +167,14 @@ TEST_F(Doctor, EveryCheckHealthyWithSignaturesThroughBothFrontEnds) {
     EXPECT_TRUE(hasLine(run, "[ ok ] Signature through the key storage provider: key " + keyId))
         << run.output;
     EXPECT_EQ(run.output.find("[FAIL]"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("10 checks: 8 ok, 1 warn, 0 failed, 1 skipped"), std::string::npos)
+    EXPECT_TRUE(hasLine(
+        run, "[ ok ] Certificate agent: starts at every logon: " + programFolder() + "calyth-agent.exe"))
+        << run.output;
+    EXPECT_TRUE(hasLine(run,
+                        "[ ok ] Certificates in the user's store: every certificate of the connected "
+                        "tokens' keys (1) is in MY with the key provider information of its key"))
+        << run.output;
+    EXPECT_NE(run.output.find("12 checks: 10 ok, 1 warn, 0 failed, 1 skipped"), std::string::npos)
         << run.output;
     EXPECT_EQ(run.output.find(kPin), std::string::npos) << "the PIN is shown:\n" << run.output;
 }
@@ -307,6 +345,65 @@ TEST_F(Doctor, WrongPinFailsTheSignatureTest) {
         hasLine(run, "[FAIL] Signature through CryptoAPI: CryptSetProvParam(PP_SIGNATURE_PIN) failed"))
         << run.output;
     EXPECT_EQ(run.output.find("111111"), std::string::npos) << run.output;
+}
+
+TEST_F(Doctor, AgentNotStartingAndCertificatesMissingFromTheStoreAreWarningsWithTheFix) {
+    std::string keyId = tokenWithKey();
+    makeAuthority("Doctor-Agent-Root");
+    certifyKey("SN1", keyId, "Agentless", "Doctor-Agent-Root");
+    storeCertificate("SN1", "Doctor-Agent-Root");
+    DoctorRun run = runDoctor("");
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(hasLine(run,
+                        "[warn] Certificate agent: not set to start at logon (no \"Calyth Certificate "
+                        "Agent\" under HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run)"))
+        << run.output;
+    EXPECT_TRUE(
+        hasLine(run,
+                "[warn] Certificates in the user's store: 1 of 1 certificates of the connected tokens "
+                "are missing or wrong in MY"))
+        << run.output;
+    EXPECT_NE(run.output.find("CN=Agentless of token SN1 is not in MY"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("what to do: run calyth-agent --once"), std::string::npos) << run.output;
+
+    // In the store, but with another key's provider information: still a warning.
+    std::string der = tempPath("Agentless.der");
+    std::string output;
+    ASSERT_EQ(
+        runOpenSsl("x509 -in " + unix("Agentless.pem") + " -outform DER -out " + testsupport::unixPath(der),
+                   &output),
+        0)
+        << output;
+    HANDLE file = CreateFileA(der.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    std::vector<unsigned char> bytes(GetFileSize(file, nullptr));
+    DWORD read = 0;
+    ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
+    CloseHandle(file);
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
+    PCCERT_CONTEXT added = nullptr;
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, bytes.data(), read,
+                                                 CERT_STORE_ADD_REPLACE_EXISTING, &added));
+    wchar_t container[] = L"00000000000000000000000000000000";
+    wchar_t provider[] = L"Calyth Cryptographic Provider CSP";
+    CRYPT_KEY_PROV_INFO info{container, provider, PROV_RSA_FULL, 0, 0, nullptr, AT_SIGNATURE};
+    EXPECT_TRUE(CertSetCertificateContextProperty(added, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    CertFreeCertificateContext(added);
+    CertControlStore(store, 0, CERT_STORE_CTRL_COMMIT, nullptr);
+    CertCloseStore(store, 0);
+    run = runDoctor("");
+    EXPECT_NE(run.output.find(
+                  "CN=Agentless of token SN1 is in MY without the key provider information of key " + keyId),
+              std::string::npos)
+        << run.output;
+
+    // Taken out again: the user's own entry is not the agent's to remove.
+    store = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
+    PCCERT_CONTEXT own = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_A,
+                                                    "Agentless", nullptr);
+    ASSERT_NE(own, nullptr);
+    CertDeleteCertificateFromStore(own);
+    CertControlStore(store, 0, CERT_STORE_CTRL_COMMIT, nullptr);
+    CertCloseStore(store, 0);
 }
 
 }  // namespace
