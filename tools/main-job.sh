@@ -3,7 +3,8 @@
 # tools, make a soft token with an RSA key and a certificate for it, register the provider in the
 # build's Wine prefix as an installer would, sign a document through CryptoAPI with
 # "Calyth Cryptographic Provider CSP" and through its CNG key storage provider, and verify the
-# signatures with OpenSSL.
+# signatures with OpenSSL; then put the token's certificate into the user's store with calyth-agent
+# and sign the way applications do, knowing only the certificate's subject.
 # Every step must succeed: the job stops with a non-zero exit code at the first failure.
 #   tools/main-job.sh                  the 64-bit build (preset default, build/)
 #   tools/main-job.sh --preset i686    the 32-bit build (build-i686/), run by Wine's 32-bit side
@@ -57,7 +58,7 @@ install_dependencies() {
 build_programs() {
     step "Build"
     cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset" --target CalythCSP CalythDSCLibrary calyth-token calyth-sign
+    cmake --build --preset "$preset" --target CalythCSP CalythDSCLibrary calyth-token calyth-sign calyth-agent
 }
 
 show_dlls() {
@@ -139,6 +140,23 @@ sign_through_cng() {
     win "$bin/calyth-sign.exe" --cng --container "$key_id" --pin "$pin" --hash sha256 --in "$document" --out "$signature"
 }
 
+propagate_certificates() {
+    step "Certificates where applications look (calyth-agent --once)"
+    # The agent puts the token key's certificate into the user's "MY" store with key provider
+    # information that names the provider and the key's container.
+    win "$bin/calyth-agent.exe" --once
+}
+
+sign_as_application() {
+    step "Signature by an application that knows only the certificate's subject"
+    # calyth-sign --subject finds the certificate in "MY", lets crypt32 acquire its key through the
+    # key provider information and signs with CryptSignMessage: no provider or container named.
+    local document message
+    document=$(winpath "$work/document.txt")
+    message=$(winpath "$work")\\document.app.p7s
+    win "$bin/calyth-sign.exe" --subject "Main Job Signer" --pin "$pin" --hash sha256 --in "$document" --out "$message"
+}
+
 verify_with_openssl() {
     step "Verification with OpenSSL"
     local result
@@ -152,6 +170,10 @@ verify_with_openssl() {
     result=$(openssl dgst -sha256 -verify "$work/key.pub.pem" -signature "$work/document.cng.sig" "$work/document.txt")
     echo "openssl dgst -sha256 -verify (CNG signature): $result"
     [ "$result" = "Verified OK" ] || fail "the CNG signature does not verify"
+    result=$(openssl cms -verify -binary -inform DER -in "$work/document.app.p7s" -content "$work/document.txt" \
+        -CAfile "$work/ca.pem" -purpose any -out /dev/null 2>&1)
+    echo "openssl cms -verify (application's signature through the user's store): $result"
+    [[ $result == *"Verification successful"* ]] || fail "the application's CMS signature does not verify"
 }
 
 install_dependencies
@@ -163,5 +185,7 @@ make_certificate
 register_provider
 sign_through_cryptoapi
 sign_through_cng
+propagate_certificates
+sign_as_application
 verify_with_openssl
-step "Done: signed through CryptoAPI and CNG on the soft token, verified by OpenSSL"
+step "Done: signed through CryptoAPI, CNG and the user's certificate store on the soft token, verified by OpenSSL"
