@@ -27,5 +27,8 @@ int threadFigures(const std::string& storeRoot, const Scale& scale);
 // 5: one idle process, with the device monitor started or with the provider merely loaded; prints
 // the CPU seconds of each window on one line.
 int idleProcess(const std::string& storeRoot, bool withMonitor, int windowSeconds, int windows);
+// 5, the certificate agent: calyth-agent.exe started in the background on the store's one-key token;
+// prints "agent" and the agent process's CPU seconds in each window.
+int idleAgent(const std::string& storeRoot, int windowSeconds, int windows);
 
 }  // namespace bench

@@ -57,9 +57,9 @@ void printRow(const std::string& figure, const Summary& summary, Unit unit, cons
     std::fflush(stdout);
 }
 
-double processCpuSeconds() {
+double processCpuSeconds(HANDLE process) {
     FILETIME created, exited, kernel, user;
-    if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user))
+    if (!GetProcessTimes(process, &created, &exited, &kernel, &user))
         return 0;
     auto seconds = [](const FILETIME& t) {
         return (static_cast<unsigned long long>(t.dwHighDateTime) << 32 | t.dwLowDateTime) / 1e7;

@@ -2,6 +2,8 @@
 // after round, so that other work on a shared machine weighs on both alike.
 #pragma once
 
+#include <windows.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -63,7 +65,7 @@ void printRow(const std::string& figure, const Summary& summary, Unit unit, cons
               bool met);
 
 // Process CPU time (user + kernel) in seconds, and the working set in bytes.
-double processCpuSeconds();
+double processCpuSeconds(HANDLE process = GetCurrentProcess());
 double workingSetBytes();
 
 }  // namespace bench
