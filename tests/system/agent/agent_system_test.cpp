@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "signer.h"
 #include "simulated_user.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
@@ -340,22 +341,11 @@ TEST_F(AgentSystem, AnApplicationThatKnowsOnlyTheSubjectSignsWithTheTokenKeyAndT
     EXPECT_EQ(keySpec, static_cast<DWORD>(AT_SIGNATURE));
 
     for (const char* name : {"first.p7s", "second.p7s"}) {
-        CRYPT_SIGN_MESSAGE_PARA para{};
-        para.cbSize = sizeof para;
-        para.dwMsgEncodingType = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
-        para.pSigningCert = certificate;
-        para.HashAlgorithm.pszObjId = const_cast<char*>(szOID_NIST_sha256);
-        para.cMsgCert = 1;
-        para.rgpMsgCert = &certificate;
-        const BYTE document[] = "sign me\n";
-        const BYTE* parts[] = {document};
-        DWORD sizes[] = {sizeof document - 1};
-        DWORD length = 0;
-        ASSERT_TRUE(CryptSignMessage(&para, TRUE, 1, parts, sizes, nullptr, &length)) << GetLastError();
-        std::vector<unsigned char> message(length);
-        ASSERT_TRUE(CryptSignMessage(&para, TRUE, 1, parts, sizes, message.data(), &length))
-            << GetLastError();
-        message.resize(length);
+        std::vector<unsigned char> message;
+        calythsign::SignError failure;
+        ASSERT_TRUE(calythsign::signWithCertificate(certificate, CALG_SHA_256, false,
+                                                    readFile(file("document.txt")), &message, &failure))
+            << failure.step << " 0x" << std::hex << failure.error;
         writeFile(file(name), message);
         std::string output;
         EXPECT_EQ(runOpenSsl("cms -verify -binary -inform DER -in " + unixPath(file(name)) + " -content " +

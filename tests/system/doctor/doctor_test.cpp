@@ -374,14 +374,11 @@ TEST_F(Doctor, AgentNotStartingAndCertificatesMissingFromTheStoreAreWarningsWith
                    &output),
         0)
         << output;
-    HANDLE file = CreateFileA(der.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    std::vector<unsigned char> bytes(GetFileSize(file, nullptr));
-    DWORD read = 0;
-    ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
-    CloseHandle(file);
+    std::vector<unsigned char> bytes = readFile(der);
     HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
     PCCERT_CONTEXT added = nullptr;
-    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, bytes.data(), read,
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, bytes.data(),
+                                                 static_cast<DWORD>(bytes.size()),
                                                  CERT_STORE_ADD_REPLACE_EXISTING, &added));
     wchar_t container[] = L"00000000000000000000000000000000";
     wchar_t provider[] = L"Calyth Cryptographic Provider CSP";

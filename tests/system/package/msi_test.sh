@@ -56,7 +56,18 @@ installed_version() {
 }
 made_paths=("$drive/windows/system32/CalythCSP.dll" "$drive/windows/syswow64/CalythCSP.dll"
     "$drive/windows/system32/CalythDSCLibrary.dll" "$drive/windows/syswow64/CalythDSCLibrary.dll"
-    "$install_root/calyth-register.exe" "$install_root/calyth-token.exe" "$install_root/CalythDSC/Certificates")
+    "$install_root/calyth-register.exe" "$install_root/calyth-token.exe" "$install_root/calyth-agent.exe"
+    "$install_root/CalythDSC/Certificates")
+run_key='HKLM\Software\Microsoft\Windows\CurrentVersion\Run'
+agent_start() { # the command the Run key starts at logon, "" when none
+    "$wine64" reg query "$run_key" /v 'Calyth Certificate Agent' /reg:64 2>/dev/null | tr -d '\r' |
+        sed -n 's/^ *Calyth Certificate Agent *REG_SZ *//p'
+}
+# True when the user's personal store holds the token certificate (the registry key is its SHA-1).
+in_my_store() {
+    "$wine64" reg query "HKCU\\Software\\Microsoft\\SystemCertificates\\MY\\Certificates\\$thumbprint" >/dev/null 2>&1
+}
+not_in_my_store() { ! in_my_store; }
 
 layout() { # layout <version>
     local path
@@ -67,6 +78,7 @@ layout() { # layout <version>
     check "32-bit view: Type 1" test "$(reg_value 32 Type)" = 0x1
     check "one product entry" test "$(uninstall_entries)" = 1
     check "product version $1" test "$(installed_version)" = "$1"
+    check "certificate agent starts at logon" test "$(agent_start)" = '"C:\Program Files\Quorvik Labs\Calyth\calyth-agent.exe"'
 }
 
 sign() { # sign <calyth-sign.exe copy> <name>: a signature in a new process, judged by OpenSSL
@@ -99,6 +111,16 @@ if [ -n "$signer32" ]; then
     cp "$signer32" "$work/app32/"
     sign "$work/app32/$(basename "$signer32")" install-32bit
 fi
+# A certificate for the key on the token, put into the user's store by the installed agent.
+openssl req -x509 -newkey rsa:2048 -nodes -keyout "$work/ca.key" -subj /CN=MSI-Test-CA -days 30 \
+    -out "$work/ca.pem" 2>/dev/null
+openssl x509 -new -subj /CN=MSI-Test-Signer -force_pubkey "$work/key.pem" -CA "$work/ca.pem" \
+    -CAkey "$work/ca.key" -days 30 -out "$work/signer.pem" 2>/dev/null
+thumbprint=$(openssl x509 -in "$work/signer.pem" -noout -fingerprint -sha1 | sed 's/.*=//; s/://g')
+win "$token" import-cert --serial "$serial" --in "$(winpath "$work/signer.pem")" >/dev/null
+agent_output=$(win "C:\\Program Files\\Quorvik Labs\\Calyth\\calyth-agent.exe" --once || true)
+check "installed calyth-agent --once adds the token certificate" grep -q "^added to MY: CN=MSI-Test-Signer" <<<"$agent_output"
+check "token certificate in the user's store" in_my_store
 # The installed calyth-doctor sees both registrations and both DLLs as an administrator would.
 report=$(win "C:\\Program Files\\Quorvik Labs\\Calyth\\calyth-doctor.exe" || true)
 for bits in 64 32; do
@@ -110,6 +132,7 @@ echo "== upgrade to $(basename "$msi")"
 check "silent upgrade" msiexec_quiet upgrade /i "$(winpath "$msi")" ADDLOCAL=ALL
 layout "$version"
 sign "$work/app/$(basename "$signer")" upgrade
+check "token certificate still in the user's store after the upgrade" in_my_store
 
 echo "== uninstall"
 kept_before=$(cd "$work/store" && find . | sort; find "$temp/Quorvik Labs" | sort)
@@ -119,6 +142,8 @@ check "removed: Program Files/Quorvik Labs" test ! -e "$drive/Program Files/Quor
 check "removed: 64-bit provider key" bash -c "! '$wine64' reg query '$provider_key' /reg:64 >/dev/null 2>&1"
 check "removed: 32-bit provider key" bash -c "! '$wine64' reg query '$provider_key' /reg:32 >/dev/null 2>&1"
 check "removed: product entry" test "$(uninstall_entries)" = 0
+check "removed: the agent's logon start" test -z "$(agent_start)"
+check "removed: the agent's certificate from the user's store (--remove-all)" not_in_my_store
 check "KSP unregistered (DllUnregisterServer)" grep -q "DllUnregisterServer: KSP unregistered successfully" \
     "$temp/Quorvik Labs/calyth-register/"*.LOG
 check "token store and log files kept" test "$kept_before" = "$(cd "$work/store" && find . | sort; find "$temp/Quorvik Labs" | sort)"

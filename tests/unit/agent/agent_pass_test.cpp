@@ -207,6 +207,15 @@ protected:
         CertCloseStore(store, 0);
     }
 
+    // A connected token `serial` with an RSA signature key whose certificate is `der`.
+    CalythKeyPair tokenWithCertifiedKey(const std::string& serial, const Bytes& der) {
+        fake::addToken(serial);
+        CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
+        fake::addKeyPair(serial, pair);
+        fake::token(serial).certificates = {linkedCertificate(der, pair)};
+        return pair;
+    }
+
     tokenview::DeviceFunctions library_;
     DeviceSession session_;
     StoreNames names_;
@@ -310,10 +319,7 @@ TEST_F(AgentPass, UnplugRemovesPlugAgainBringsBackAndTwoTokensGoTheirOwnWays) {
 
 TEST_F(AgentPass, ASecondPassWithNothingChangedWritesNothingAndAddsNothingTwice) {
     Bytes cert = selfSigned("AgentQuiet");
-    fake::addToken("SN-Q");
-    CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
-    fake::addKeyPair("SN-Q", pair);
-    fake::token("SN-Q").certificates = {linkedCertificate(cert, pair)};
+    tokenWithCertifiedKey("SN-Q", cert);
     ASSERT_TRUE(pass().wroteStore);
     FILETIME before = lastWrite(names_.personal);
     Sleep(50);  // the registry's clock must be able to show a later write
@@ -337,10 +343,7 @@ TEST_F(AgentPass, WhatTheUserImportedAndOtherProvidersCertificatesStay) {
     addByHand(otherProvider, "Microsoft Enhanced Cryptographic Provider v1.0");
     // The token's own certificate imported by hand before the agent saw it: it stays the user's.
     addByHand(token, "Calyth Cryptographic Provider CSP", AT_KEYEXCHANGE);
-    fake::addToken("SN-U");
-    CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
-    fake::addKeyPair("SN-U", pair);
-    fake::token("SN-U").certificates = {linkedCertificate(token, pair)};
+    tokenWithCertifiedKey("SN-U", token);
 
     PassResult result = pass();
     EXPECT_EQ(result.added, 0) << allLines(result);
@@ -465,10 +468,7 @@ TEST_F(AgentPass, ACorruptCertificateIsSkippedWithALineAndTheOthersStillGoIn) {
 
 TEST_F(AgentPass, ATokenMissingFromOneDeviceListIsLookedForAgainBeforeItsCertificatesLeave) {
     Bytes cert = selfSigned("AgentFlicker");
-    fake::addToken("SN-F");
-    CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
-    fake::addKeyPair("SN-F", pair);
-    fake::token("SN-F").certificates = {linkedCertificate(cert, pair)};
+    tokenWithCertifiedKey("SN-F", cert);
     ASSERT_EQ(pass().added, 1);
 
     // The next device list leaves the token out, the one after it lists it again.
@@ -498,10 +498,7 @@ TEST_F(AgentPass, ATokenMissingFromOneDeviceListIsLookedForAgainBeforeItsCertifi
 
 TEST_F(AgentPass, ATokenThatDoesNotInitialiseKeepsWhatIsInTheStore) {
     Bytes cert = selfSigned("AgentHeld");
-    fake::addToken("SN-H");
-    CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
-    fake::addKeyPair("SN-H", pair);
-    fake::token("SN-H").certificates = {linkedCertificate(cert, pair)};
+    tokenWithCertifiedKey("SN-H", cert);
     ASSERT_EQ(pass().added, 1);
 
     DeviceSession fresh{&library_, {}};  // a new process: the serial is initialised again
@@ -514,10 +511,7 @@ TEST_F(AgentPass, ATokenThatDoesNotInitialiseKeepsWhatIsInTheStore) {
 
 TEST_F(AgentPass, AChangedKeyUsageUpdatesTheKeyProviderInformation) {
     Bytes cert = selfSigned("AgentUsage");
-    fake::addToken("SN-W");
-    CalythKeyPair pair = keyPair(kSignKey, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048);
-    fake::addKeyPair("SN-W", pair);
-    fake::token("SN-W").certificates = {linkedCertificate(cert, pair)};
+    tokenWithCertifiedKey("SN-W", cert);
     ASSERT_EQ(pass().added, 1);
 
     fake::token("SN-W").keyPairs[0].keyUsage = CALYTH_USAGE_EXCHANGE;
