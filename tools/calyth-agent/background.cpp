@@ -61,7 +61,16 @@ BackgroundExit runInBackground(const tokenview::DeviceFunctions& library, const 
 
 bool stopBackgroundInstance() {
     Handle stop(OpenEventA(EVENT_MODIFY_STATE, FALSE, kStopEventName));
-    return stop && SetEvent(stop.get());
+    if (!stop || !SetEvent(stop.get()))
+        return false;
+    // The instance holds its mutex until it has left its loop.
+    Handle instance(OpenMutexA(SYNCHRONIZE, FALSE, kInstanceMutexName));
+    if (instance) {
+        DWORD waited = WaitForSingleObject(instance.get(), 30000);
+        if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
+            ReleaseMutex(instance.get());
+    }
+    return true;
 }
 
 }  // namespace agent

@@ -24,7 +24,8 @@ enum BackgroundExit { kStopped = 0, kFailed = 1, kAlreadyRunning = 3 };
 // runs in this session.
 BackgroundExit runInBackground(const tokenview::DeviceFunctions& library, const StoreNames& names);
 
-// Signals the instance of this session to stop; false when none runs.
+// Signals the instance of this session to stop and waits until it has (its pass may be under way);
+// false when none runs.
 bool stopBackgroundInstance();
 
 }  // namespace agent

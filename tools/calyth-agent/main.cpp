@@ -32,7 +32,8 @@ const char* kUsage =
     "  (no option)    runs in the background of this session: looks at the tokens every second and\n"
     "                 follows a plug or removal within two seconds; one instance per session\n"
     "  --once         one pass: prints a line per certificate added, removed or kept, then exits\n"
-    "  --remove-all   takes out of both stores every certificate the agent added\n"
+    "  --remove-all   stops the background instance of this session and takes out of both stores\n"
+    "                 every certificate the agent added (what uninstalling does)\n"
     "  --stop         stops the background instance of this session\n"
     "  Exit codes: 0 done, 1 failed (message on standard error), 2 bad command line, 3 another\n"
     "  instance already runs in this session.\n";
@@ -123,8 +124,11 @@ int main(int argc, char** argv) {
     logDebug("calyth-agent " + std::string(option.empty() ? "(background)" : option));
     if (option == "--once")
         return once(names);
-    if (option == "--remove-all")
+    if (option == "--remove-all") {
+        // A background instance of this session would put the certificates back.
+        stopBackgroundInstance();
         return printResult(removeAll(names));
+    }
     if (option == "--stop") {
         if (stopBackgroundInstance())
             return 0;

@@ -105,11 +105,7 @@ bool upToDate(PCCERT_CONTEXT present, const WantedCertificate& wanted, bool pers
     if (markOf(present) != wanted.serial ||
         textProperty(present, CERT_FRIENDLY_NAME_PROP_ID) != wanted.friendlyName)
         return false;
-    if (!personal)
-        return true;
-    KeyProviderInfo info = keyProviderInfo(present);
-    return info.present && info.container == wanted.keyId && info.provider == kProviderName &&
-           info.providerType == wanted.providerType && info.keySpec == wanted.keySpec;
+    return !personal || carriesKeyProviderOf(present, wanted);
 }
 
 std::string describe(const WantedCertificate& wanted) {
@@ -255,6 +251,12 @@ KeyProviderInfo keyProviderInfo(PCCERT_CONTEXT certificate) {
     out.keySpec = info->dwKeySpec;
     out.present = true;
     return out;
+}
+
+bool carriesKeyProviderOf(PCCERT_CONTEXT certificate, const WantedCertificate& wanted) {
+    KeyProviderInfo info = keyProviderInfo(certificate);
+    return info.present && info.container == wanted.keyId && info.provider == kProviderName &&
+           info.providerType == wanted.providerType && info.keySpec == wanted.keySpec;
 }
 
 PassResult applyPlan(const CertificatePlan& plan, const StoreNames& names) {

@@ -60,6 +60,9 @@ struct KeyProviderInfo {
 };
 KeyProviderInfo keyProviderInfo(PCCERT_CONTEXT certificate);
 
+// True when the certificate's key provider information is the one the agent gives `wanted`.
+bool carriesKeyProviderOf(PCCERT_CONTEXT certificate, const WantedCertificate& wanted);
+
 // The personal-store certificate with the same bytes as `wanted`, or null (free it with
 // CertFreeCertificateContext). For checks from outside the agent (calyth-doctor).
 PCCERT_CONTEXT findInPersonalStore(const WantedCertificate& wanted, const StoreNames& names);

@@ -32,12 +32,6 @@ Check startCheck() {
     return makeCheck(name, Verdict::Ok, "starts at every logon: " + program);
 }
 
-bool rightKeyProvider(PCCERT_CONTEXT present, const agent::WantedCertificate& wanted) {
-    agent::KeyProviderInfo info = agent::keyProviderInfo(present);
-    return info.present && info.container == wanted.keyId && info.provider == agent::kProviderName &&
-           info.providerType == wanted.providerType && info.keySpec == wanted.keySpec;
-}
-
 Check storeCheck(const DeviceFunctions& library) {
     const char* name = "Certificates in the user's store";
     if (!library.complete())
@@ -50,7 +44,7 @@ Check storeCheck(const DeviceFunctions& library) {
         PCCERT_CONTEXT present = agent::findInPersonalStore(wanted, names);
         if (!present)
             wrong.push_back(wanted.subject + " of token " + wanted.serial + " is not in MY");
-        else if (!rightKeyProvider(present, wanted))
+        else if (!agent::carriesKeyProviderOf(present, wanted))
             wrong.push_back(wanted.subject + " of token " + wanted.serial +
                             " is in MY without the key provider information of key " + wanted.keyId);
         if (present)
