@@ -76,8 +76,9 @@ PeFile readPeFile(const std::string& path) {
     }
     pe.machine = fileHeader->Machine;
     pe.characteristics = fileHeader->Characteristics;
-    image.setSections(dos.e_lfanew + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + fileHeader->SizeOfOptionalHeader,
-                      fileHeader->NumberOfSections);
+    image.setSections(
+        dos.e_lfanew + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + fileHeader->SizeOfOptionalHeader,
+        fileHeader->NumberOfSections);
 
     const IMAGE_DATA_DIRECTORY& exportDir = directories[IMAGE_DIRECTORY_ENTRY_EXPORT];
     if (exportDir.VirtualAddress != 0) {
