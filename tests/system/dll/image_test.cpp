@@ -145,10 +145,10 @@ protected:
 
 HMODULE ProviderImage::module_ = nullptr;
 
-TEST_F(ProviderImage, IsA64BitDll) {
+TEST_F(ProviderImage, IsADllForTheMachineOfItsBuild) {
     PeFile pe = readPeFile(providerDllPath());
     ASSERT_TRUE(pe.valid);
-    EXPECT_EQ(pe.machine, IMAGE_FILE_MACHINE_AMD64);
+    EXPECT_EQ(pe.machine, sizeof(void*) == 8 ? IMAGE_FILE_MACHINE_AMD64 : IMAGE_FILE_MACHINE_I386);
     EXPECT_TRUE(pe.characteristics & IMAGE_FILE_DLL);
 }
 

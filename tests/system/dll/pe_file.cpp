@@ -58,17 +58,29 @@ PeFile readPeFile(const std::string& path) {
     IMAGE_DOS_HEADER dos;
     if (!image.read(0, &dos) || dos.e_magic != IMAGE_DOS_SIGNATURE)
         return pe;
-    IMAGE_NT_HEADERS64 nt;
-    if (!image.read(dos.e_lfanew, &nt) || nt.Signature != IMAGE_NT_SIGNATURE ||
-        nt.OptionalHeader.Magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC)
+    // PE32+ (64-bit) and PE32 (32-bit) differ in the optional header, where the tables are listed.
+    IMAGE_NT_HEADERS64 nt64;
+    IMAGE_NT_HEADERS32 nt32;
+    const IMAGE_FILE_HEADER* fileHeader = nullptr;
+    const IMAGE_DATA_DIRECTORY* directories = nullptr;
+    if (image.read(dos.e_lfanew, &nt64) && nt64.Signature == IMAGE_NT_SIGNATURE &&
+        nt64.OptionalHeader.Magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC) {
+        fileHeader = &nt64.FileHeader;
+        directories = nt64.OptionalHeader.DataDirectory;
+    } else if (image.read(dos.e_lfanew, &nt32) && nt32.Signature == IMAGE_NT_SIGNATURE &&
+               nt32.OptionalHeader.Magic == IMAGE_NT_OPTIONAL_HDR32_MAGIC) {
+        fileHeader = &nt32.FileHeader;
+        directories = nt32.OptionalHeader.DataDirectory;
+    } else {
         return pe;
-    pe.machine = nt.FileHeader.Machine;
-    pe.characteristics = nt.FileHeader.Characteristics;
+    }
+    pe.machine = fileHeader->Machine;
+    pe.characteristics = fileHeader->Characteristics;
     image.setSections(
-        dos.e_lfanew + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + nt.FileHeader.SizeOfOptionalHeader,
-        nt.FileHeader.NumberOfSections);
+        dos.e_lfanew + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) + fileHeader->SizeOfOptionalHeader,
+        fileHeader->NumberOfSections);
 
-    const IMAGE_DATA_DIRECTORY& exportDir = nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    const IMAGE_DATA_DIRECTORY& exportDir = directories[IMAGE_DIRECTORY_ENTRY_EXPORT];
     if (exportDir.VirtualAddress != 0) {
         IMAGE_EXPORT_DIRECTORY exports;
         if (!image.read(image.offsetOf(exportDir.VirtualAddress), &exports))
@@ -82,7 +94,7 @@ PeFile readPeFile(const std::string& path) {
         }
     }
 
-    const IMAGE_DATA_DIRECTORY& importDir = nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    const IMAGE_DATA_DIRECTORY& importDir = directories[IMAGE_DIRECTORY_ENTRY_IMPORT];
     if (importDir.VirtualAddress != 0) {
         size_t at = image.offsetOf(importDir.VirtualAddress);
         for (;; at += sizeof(IMAGE_IMPORT_DESCRIPTOR)) {

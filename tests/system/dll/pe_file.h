@@ -1,5 +1,5 @@
-// Reads the headers, export names and imported DLL names of a 64-bit PE file from its bytes,
-// without loading it.
+// Reads the headers, export names and imported DLL names of a PE file (64-bit PE32+ or 32-bit
+// PE32) from its bytes, without loading it.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 #include <vector>
 
 struct PeFile {
-    bool valid = false;  // a PE32+ image whose tables could be read
+    bool valid = false;  // a PE32+ or PE32 image whose tables could be read
     uint16_t machine = 0;
     uint16_t characteristics = 0;
     std::vector<std::string> exports;  // in the order of the export name table

@@ -84,13 +84,21 @@ HCRYPTMSG WINAPI switchableCryptMsgOpenToEncode(DWORD encoding, DWORD flags, DWO
 
 }  // namespace
 
-// The import slots the provider's code calls through.
-extern "C" {
-void* __imp_MakeSelfRelativeSD = reinterpret_cast<void*>(&switchableMakeSelfRelativeSD);
-void* __imp_CertGetCertificateChain = reinterpret_cast<void*>(&switchableCertGetCertificateChain);
-void* __imp_CertFreeCertificateChain = reinterpret_cast<void*>(&switchableCertFreeCertificateChain);
-void* __imp_CryptMsgOpenToEncode = reinterpret_cast<void*>(&switchableCryptMsgOpenToEncode);
-}
+// The import slots the provider's code calls through. On x86 a WINAPI function's slot carries the
+// decorated name: a leading underscore and "@" with the bytes of its arguments.
+#if defined(__i386__)
+#define IMPORT_SLOT(name, argumentBytes) __asm__("__imp__" #name "@" #argumentBytes)
+#else
+#define IMPORT_SLOT(name, argumentBytes) __asm__("__imp_" #name)
+#endif
+void* makeSelfRelativeSdSlot IMPORT_SLOT(MakeSelfRelativeSD,
+                                         12) = reinterpret_cast<void*>(&switchableMakeSelfRelativeSD);
+void* certGetCertificateChainSlot IMPORT_SLOT(CertGetCertificateChain, 32) =
+    reinterpret_cast<void*>(&switchableCertGetCertificateChain);
+void* certFreeCertificateChainSlot IMPORT_SLOT(CertFreeCertificateChain, 4) =
+    reinterpret_cast<void*>(&switchableCertFreeCertificateChain);
+void* cryptMsgOpenToEncodeSlot IMPORT_SLOT(CryptMsgOpenToEncode,
+                                           24) = reinterpret_cast<void*>(&switchableCryptMsgOpenToEncode);
 
 namespace {
 

@@ -93,9 +93,10 @@ TEST_F(KeySetPropertiesTest, WindowHandleOnAKeySetsTheProvidersWindow) {
 TEST_F(KeySetPropertiesTest, AShortOrMissingWindowOnAKeyLeavesTheWindow) {
     provider()->window = reinterpret_cast<HWND>(0x55);
     NCRYPT_KEY_HANDLE key = makeEmptyKey();
-    std::vector<BYTE> seven(7, 0x11);
-    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", seven.data(), 7, 0), 0);
-    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", nullptr, 8, 0), 0);
+    // A window handle is pointer-sized: 8 bytes in the 64-bit build, 4 in the 32-bit one.
+    std::vector<BYTE> tooShort(sizeof(HWND) - 1, 0x11);
+    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", tooShort.data(), tooShort.size(), 0), 0);
+    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", nullptr, sizeof(HWND), 0), 0);
     EXPECT_EQ(provider()->window, reinterpret_cast<HWND>(0x55));
     EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
 }

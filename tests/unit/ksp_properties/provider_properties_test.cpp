@@ -188,11 +188,13 @@ TEST_F(ProviderPropertiesTest, WindowHandleTakesTheEightByteValue) {
 
 TEST_F(ProviderPropertiesTest, AShortOrMissingWindowValueClearsTheWindow) {
     provider()->window = windowValue(0x77);
-    std::vector<BYTE> four{1, 2, 3, 4};
-    EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", four.data(), 4, 0), 0);
+    // A window handle is pointer-sized: 8 bytes in the 64-bit build, 4 in the 32-bit one.
+    std::vector<BYTE> tooShort{1, 2, 3, 4, 5, 6, 7};
+    tooShort.resize(sizeof(HWND) - 1);
+    EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", tooShort.data(), tooShort.size(), 0), 0);
     EXPECT_EQ(provider()->window, nullptr);
     provider()->window = windowValue(0x77);
-    EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", nullptr, 8, 0), 0);
+    EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", nullptr, sizeof(HWND), 0), 0);
     EXPECT_EQ(provider()->window, nullptr);
     EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
 }
