@@ -80,13 +80,14 @@ SECURITY_STATUS writeSizedOutput(const void* value, DWORD size, PBYTE pbOutput, 
 
 namespace {
 
-std::vector<unsigned long long> versionPieces(const std::string& text) {
-    std::vector<unsigned long long> pieces;
+// Each piece is a signed whole number: "-1.0.0" is below "2.0.0", not a wrapped-around huge one.
+std::vector<long long> versionPieces(const std::string& text) {
+    std::vector<long long> pieces;
     size_t start = 0;
     for (;;) {
         size_t dot = text.find('.', start);
         std::string piece = text.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-        pieces.push_back(std::strtoull(piece.c_str(), nullptr, 10));
+        pieces.push_back(std::strtoll(piece.c_str(), nullptr, 10));
         if (dot == std::string::npos)
             return pieces;
         start = dot + 1;
@@ -96,8 +97,8 @@ std::vector<unsigned long long> versionPieces(const std::string& text) {
 }  // namespace
 
 bool firmwareAtLeast(const std::string& firmware, const std::string& minimum) {
-    std::vector<unsigned long long> have = versionPieces(firmware);
-    std::vector<unsigned long long> need = versionPieces(minimum);
+    std::vector<long long> have = versionPieces(firmware);
+    std::vector<long long> need = versionPieces(minimum);
     size_t count = std::max(have.size(), need.size());
     have.resize(count, 0);
     need.resize(count, 0);
