@@ -58,13 +58,16 @@ struct KspKey {
 };
 
 // The ppEnumState of KSPEnumKeys. The router releases it through KSPFreeBuffer, which calls free,
-// so it is one malloc'ed block: this header followed by `count` copies of the token's key pairs
-// taken on the first call (the records are plain bytes).
+// so it is one malloc'ed block: this header followed, at KSP_ENUM_KEY_PAIRS_OFFSET, by `count`
+// copies of the token's key pairs taken on the first call. The records are plain bytes, copied in
+// and out with memcpy (kspEnumKeyPairAt), so no array is indexed past a declared bound.
 struct KspEnumState {
     uint64_t index;
     uint64_t count;
-    CalythKeyPair keyPairs[1];  // `count` entries; room for at least one
 };
+
+constexpr size_t KSP_ENUM_KEY_PAIRS_OFFSET =
+    (sizeof(KspEnumState) + alignof(CalythKeyPair) - 1) / alignof(CalythKeyPair) * alignof(CalythKeyPair);
 
 struct KspSecret {
     unsigned char secret[KSP_SECRET_ROOM] = {};
