@@ -47,14 +47,24 @@ bool isEcAlgorithm(int32_t algorithm) {
            algorithm == CALYTH_KEY_EC_P521;
 }
 
+bool copyTokenPublicKey(const CalythKeyPair& keyPair, KspKey* key) {
+    constexpr size_t room = std::min(sizeof keyPair.publicKey, sizeof key->publicKey);
+    if (keyPair.publicKeyLength > 0 && static_cast<uint32_t>(keyPair.publicKeyLength) > room) {
+        logError("KSP: Public key from the token too long for the key object, length=" +
+                 std::to_string(keyPair.publicKeyLength));
+        key->publicKeyLength = 0;
+        return false;
+    }
+    size_t length = boundedLength(keyPair.publicKeyLength, room);
+    std::memcpy(key->publicKey, keyPair.publicKey, length);
+    key->publicKeyLength = static_cast<uint32_t>(length);
+    return true;
+}
+
 void copyTokenKeyData(const CalythKeyPair& keyPair, KspKey* key) {
     std::memcpy(key->keyId, keyPair.keyId, KSP_KEY_ID_LENGTH);
     key->keyIdLength = KSP_KEY_ID_LENGTH;
-    // A device may report any length: the object keeps what fits in both records.
-    size_t publicLength =
-        boundedLength(keyPair.publicKeyLength, std::min(sizeof keyPair.publicKey, sizeof key->publicKey));
-    std::memcpy(key->publicKey, keyPair.publicKey, publicLength);
-    key->publicKeyLength = static_cast<uint32_t>(publicLength);
+    copyTokenPublicKey(keyPair, key);
     size_t linkLength =
         boundedLength(keyPair.objectIdLength, std::min(sizeof keyPair.objectId, sizeof key->linkId));
     std::memcpy(key->linkId, keyPair.objectId, linkLength);

@@ -20,7 +20,9 @@
 #include "token/device_library.h"
 
 constexpr uint32_t KSP_KEY_ID_LENGTH = 16;
-constexpr size_t KSP_PUBLIC_KEY_ROOM = 512;
+// The largest public key the provider's sizes name is an RSA-4096 key as a DER SubjectPublicKeyInfo
+// (550 bytes with a 3-byte exponent); the room leaves some over for a longer exponent.
+constexpr size_t KSP_PUBLIC_KEY_ROOM = 600;
 constexpr size_t KSP_LINK_ID_ROOM = 128;
 constexpr size_t KSP_LABEL_CHARACTERS = 128;
 constexpr size_t KSP_SYMMETRIC_ROOM = 32;
