@@ -12,19 +12,20 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
-#include "csp/device_output.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
 #include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 #include "token/login.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
 #include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
+#include "token/wiped_bytes.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -204,7 +205,7 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
 BOOL decryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD dataLength,
                       DWORD* pdwDataLen) {
     Utils utils;
-    std::vector<unsigned char> output(dataLength);
+    WipedBytes output(dataLength);
     int outputLength = deviceLength(dataLength);
     std::vector<unsigned char> iv = processIv();
     logDebug("CPDecrypt input iv : " + utils.bytesToHex(ivBytes(iv), ivLength(iv)));

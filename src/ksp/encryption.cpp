@@ -13,12 +13,13 @@
 #include <string>
 #include <vector>
 
-#include "csp/device_output.h"
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
 #include "token/sso_retry.h"
+#include "token/wiped_bytes.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -185,7 +186,7 @@ SECURITY_STATUS decryptSymmetric(const KspProvider* provider, const KspKey* key,
 
     // The plaintext is never longer than the ciphertext: cbInput bytes of room, passed as such.
     int room = deviceLength(cbInput);
-    std::vector<unsigned char> plain(static_cast<size_t>(room));
+    WipedBytes plain(static_cast<size_t>(room));
     int plainLength = room;
     int result = calyth_decryptSymetric(provider->serial.c_str(), pbInput, room, plain.data(), &plainLength,
                                         iv.bytes(), iv.length(), key->symmetricKey, symmetricLength(key),

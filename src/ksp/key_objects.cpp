@@ -246,7 +246,10 @@ SECURITY_STATUS deleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey) 
 
 SECURITY_STATUS freeKey(NCRYPT_KEY_HANDLE hKey) {
     logDebug("KSPFreeKey");
-    delete kspKeyFrom(hKey);
+    KspKey* key = kspKeyFrom(hKey);
+    if (key != nullptr)
+        SecureZeroMemory(key->symmetricKey, sizeof key->symmetricKey);
+    delete key;
     return KSP_SUCCESS;
 }
 

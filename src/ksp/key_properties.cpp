@@ -129,7 +129,8 @@ SECURITY_STATUS setCertificate(const KspProvider* provider, const KspKey* key, c
             "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY too large, cbInput=" + std::to_string(cbInput));
     if (!kspPasswordCheck(provider))
         return kspFail(KSP_NTE_FAIL, "KSPSetKeyProperty: password validation failed for certificate import");
-    int32_t result = storeKeyCertificate(provider, key, devicePassword(provider), pbInput, cbInput);
+    WipedText password{devicePassword(provider)};
+    int32_t result = storeKeyCertificate(provider, key, password.text, pbInput, cbInput);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Import certificate failed: " + std::to_string(result));
     logDebug("KSP: Certificate stored successfully");
