@@ -323,6 +323,8 @@ TEST_F(KeyLifecycleTest, AnExceptionFromTheDeviceStaysInsideTheProvider) {
     };
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
     EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unexpected failure"));
+    // A fresh key: the first one was settled to code 2 before the device call.
+    handle = createKey(L"RSA");
     fake::hooks().generateKeyPair = [](const char*, const char*, CalythKeyPair*) -> int {
         throw std::bad_alloc();
     };
