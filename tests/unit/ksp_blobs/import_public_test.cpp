@@ -270,14 +270,15 @@ TEST_F(KspImportPublicTest, CoordinateLengthIsNotHeldToTheCurve) {
 }
 
 TEST_F(KspImportPublicTest, PointLongerThanTheKeyObjectHoldsIsNotSupported) {
-    // 2 x 256 + 1 bytes do not fit the object's 512-byte field; 255 still does.
+    // 2 x cbKey + 1 bytes: one coordinate byte more than the object's field holds is refused.
+    const DWORD fits = static_cast<DWORD>((KSP_PUBLIC_KEY_ROOM - 1) / 2);
     NCRYPT_KEY_HANDLE key;
-    ASSERT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, 255, pattern(510, 1)), &key), 0);
-    EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 511u);
+    ASSERT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, fits, pattern(2 * fits, 1)), &key), 0);
+    EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 2 * fits + 1);
     testsupport::clearLog();
-    EXPECT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, 256, pattern(512, 1)), &key),
+    EXPECT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, fits + 1, pattern(2 * fits + 2, 1)), &key),
               KSP_NTE_NOT_SUPPORTED);
-    expectRefused("KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=256");
+    expectRefused("KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=" + std::to_string(fits + 1));
 }
 
 TEST_F(KspImportPublicTest, LegacyBlobBecomesADerPublicKey) {
@@ -346,9 +347,10 @@ TEST_F(KspImportPublicTest, LegacyBlobOfAnOddSizeIsNotSupported) {
 }
 
 TEST_F(KspImportPublicTest, Legacy4096BitKeyIsImportedExportedAndReportedWithItsDer) {
-    Bytes modulus = modulusOf(512);
+    Bytes modulus = modulusOf(512);  // little-endian, as the blob carries it
+    Bytes bigEndian(modulus.rbegin(), modulus.rend());
     Utils utils;
-    Bytes der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(modulus.data(), 512), "010001");
+    Bytes der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(bigEndian.data(), 512), "010001");
     ASSERT_GT(der.size(), 512u);
     NCRYPT_KEY_HANDLE key;
     ASSERT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 4096, 65537, modulus), &key), 0);
