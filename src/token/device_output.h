@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include <malloc.h>
+
 #include <cstddef>
 #include <cstdlib>
 
@@ -21,9 +23,14 @@ struct DeviceOutput {
     // The length to copy from: 0 when no block came back or the library reported a negative length.
     size_t size() const { return bytes != nullptr && length > 0 ? static_cast<size_t>(length) : 0; }
 
+    // Zeroes the whole block as the heap allocated it, whatever length the library reported: a
+    // reported length may be shorter or longer than the block.
     void release() {
-        if (bytes != nullptr)
-            SecureZeroMemory(bytes, size());
+        if (bytes != nullptr) {
+            size_t room = _msize(bytes);
+            if (room != static_cast<size_t>(-1))
+                SecureZeroMemory(bytes, room);
+        }
         std::free(bytes);
         bytes = nullptr;
         length = 0;
