@@ -38,14 +38,6 @@ void* __imp_CreateEventA = reinterpret_cast<void*>(&switchableCreateEventA);
 
 namespace {
 
-size_t monitorPolls() {
-    size_t count = 0;
-    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
-        if (call.threadId != GetCurrentThreadId())
-            ++count;
-    return count;
-}
-
 class MonitorWithoutEvent : public AccessTest {
 protected:
     void SetUp() override {

@@ -29,15 +29,6 @@ protected:
     }
 };
 
-// Calls of the monitor thread only (the test thread makes none here, but be exact).
-size_t monitorPolls() {
-    size_t count = 0;
-    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
-        if (call.threadId != GetCurrentThreadId())
-            ++count;
-    return count;
-}
-
 std::vector<std::string> monitorLines() {
     std::vector<std::string> out;
     for (const std::string& entry : logEntries())
