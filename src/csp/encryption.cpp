@@ -12,29 +12,31 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
-#include "csp/device_output.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
 #include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 #include "token/login.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
 #include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
+#include "token/wiped_bytes.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
 namespace {
 
-const unsigned char* ivBytes() {
-    return g_ivBuffer.empty() ? nullptr : g_ivBuffer.data();
+// The process-wide IV as the operation copied it when it started.
+const unsigned char* ivBytes(const std::vector<unsigned char>& iv) {
+    return iv.empty() ? nullptr : iv.data();
 }
-int ivLength() {
-    return static_cast<int>(g_ivBuffer.size());
+int ivLength(const std::vector<unsigned char>& iv) {
+    return static_cast<int>(iv.size());
 }
 
 bool isSymmetricKey(const KEY_HANDLE* key) {
@@ -42,8 +44,7 @@ bool isSymmetricKey(const KEY_HANDLE* key) {
 }
 
 // CBC when a process-wide IV is set, ECB otherwise; the AES size follows the key length.
-bool symmetricEncryptionType(int keyLength, EncryptionType* type) {
-    bool cbc = !g_ivBuffer.empty();
+bool symmetricEncryptionType(int keyLength, bool cbc, EncryptionType* type) {
     switch (keyLength) {
         case 16:
             *type = cbc ? ENCRYPTION_AES_128_CBC : ENCRYPTION_AES_128_ECB;
@@ -61,15 +62,16 @@ BOOL encryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
                       DWORD* pdwDataLen, DWORD cbBufLen) {
     int keyLength = key->symmetricKeyLength;
     logDebug("CPEncrypt: symmetric encryption, keyLen=" + std::to_string(keyLength));
+    std::vector<unsigned char> iv = processIv();
     EncryptionType type{};
-    if (!symmetricEncryptionType(keyLength, &type))
+    if (!symmetricEncryptionType(keyLength, !iv.empty(), &type))
         return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
                              "CPEncrypt: unsupported symmetric key length: " + std::to_string(keyLength));
 
     DeviceOutput output;
     int result = calyth_encrypt_aes(context->serialNumber.c_str(), type, key->symmetricKey, keyLength, pbData,
-                                    deviceLength(dataLength), &output.bytes, &output.length, false, ivBytes(),
-                                    ivLength(), nullptr, 0, context->deviceContext);
+                                    deviceLength(dataLength), &output.bytes, &output.length, false,
+                                    ivBytes(iv), ivLength(iv), nullptr, 0, context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
                              "CPEncrypt: symmetric encryption failed: " + std::to_string(result));
@@ -203,12 +205,13 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
 BOOL decryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD dataLength,
                       DWORD* pdwDataLen) {
     Utils utils;
-    std::vector<unsigned char> output(dataLength);
+    WipedBytes output(dataLength);
     int outputLength = deviceLength(dataLength);
-    logDebug("CPDecrypt input iv : " + utils.bytesToHex(ivBytes(), ivLength()));
+    std::vector<unsigned char> iv = processIv();
+    logDebug("CPDecrypt input iv : " + utils.bytesToHex(ivBytes(iv), ivLength(iv)));
     logDebug("CPDecrypt input key : " + utils.bytesToHex(key->symmetricKey, key->symmetricKeyLength));
     int result = calyth_decryptSymetric(context->serialNumber.c_str(), pbData, deviceLength(dataLength),
-                                        output.data(), &outputLength, ivBytes(), ivLength(),
+                                        output.data(), &outputLength, ivBytes(iv), ivLength(iv),
                                         key->symmetricKey, key->symmetricKeyLength, context->deviceContext);
     if (result != 0)
         return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),

@@ -51,6 +51,9 @@ inline KEY_HANDLE* allocateKeyHandle() {
     return key;
 }
 
+// The AES material of an imported key is zeroed first.
 inline void freeKeyHandle(KEY_HANDLE* key) {
+    if (key != nullptr)
+        SecureZeroMemory(key->symmetricKey, sizeof key->symmetricKey);
     std::free(key);
 }

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
-#include "csp/device_output.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
@@ -22,6 +21,8 @@
 #include "token/aes_key_transfer.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
+#include "token/secret_text.h"
 #include "token/token_table.h"
 #include "util/capi_blobs.h"
 #include "util/encoding.h"
@@ -126,12 +127,12 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     const BYTE* body = pbData + kCapiBlobBodyOffset;
     Bytes littleEndian(body, body + dataLength);
     Bytes bigEndian(littleEndian.rbegin(), littleEndian.rend());
-    std::string pin = getValidatedPin(context->serialNumber);
+    WipedText pin{getValidatedPin(context->serialNumber)};
 
     DeviceOutput plain;
-    if (decryptWithToken(context, unwrapKey, pin, bigEndian, &plain) != 0) {
+    if (decryptWithToken(context, unwrapKey, pin.text, bigEndian, &plain) != 0) {
         logError("SIMPLEBLOB decryption failed");
-        if (decryptWithToken(context, unwrapKey, pin, littleEndian, &plain) != 0)
+        if (decryptWithToken(context, unwrapKey, pin.text, littleEndian, &plain) != 0)
             return failWithError(static_cast<DWORD>(NTE_FAIL),
                                  "SIMPLEBLOB decryption failed (both orderings)");
     }
@@ -177,9 +178,11 @@ enum class TokenAesResult { Stored, Refused, TooLong, NoMemory };
 
 TokenAesResult importAesKeyToToken(const CspContext* context, const unsigned char* bytes, int length,
                                    int32_t type, ALG_ID aiKeyAlg, HCRYPTKEY* phKey) {
-    CalythSymmetricKey record{};
-    switch (storeAesKeyOnToken(context->serialNumber, getValidatedPin(context->serialNumber), bytes, length,
-                               type, context->deviceContext, &record)) {
+    WipedSymmetricKey stored;
+    const CalythSymmetricKey& record = stored.record;
+    WipedText pin{getValidatedPin(context->serialNumber)};
+    switch (storeAesKeyOnToken(context->serialNumber, pin.text, bytes, length, type, context->deviceContext,
+                               &stored.record)) {
         case AesStoreResult::TooLong:
             return TokenAesResult::TooLong;
         case AesStoreResult::Refused:

@@ -191,7 +191,7 @@ void setIv(const KEY_HANDLE* key, const BYTE* pbData) {
                                                             : 0;
     if (length == 0 || pbData == nullptr)
         return;
-    g_ivBuffer.assign(pbData, pbData + length);
+    setProcessIv(pbData, length);
 }
 
 BOOL setKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {

@@ -13,12 +13,13 @@
 #include <string>
 #include <vector>
 
-#include "csp/device_output.h"
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
 #include "token/sso_retry.h"
+#include "token/wiped_bytes.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -41,16 +42,17 @@ EncryptionType aesEncryptionType(const KspKey* key) {
     return aes128 ? ENCRYPTION_AES_128_CBC : ENCRYPTION_AES_256_CBC;
 }
 
-// CBC uses the IV shared with the CryptoAPI side; ECB none.
+// CBC uses the IV shared with the CryptoAPI side, copied when the operation starts; ECB none.
 struct IvArgument {
-    const unsigned char* bytes = nullptr;
-    int length = 0;
+    std::vector<unsigned char> copy;
+    const unsigned char* bytes() const { return copy.empty() ? nullptr : copy.data(); }
+    int length() const { return static_cast<int>(copy.size()); }
 };
 
 IvArgument ivFor(const KspKey* key) {
-    if (isEcb(key) || g_ivBuffer.empty())
+    if (isEcb(key))
         return {};
-    return {g_ivBuffer.data(), static_cast<int>(g_ivBuffer.size())};
+    return {processIv()};
 }
 
 SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
@@ -59,10 +61,10 @@ SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key,
     IvArgument iv = ivFor(key);
     // Runs for a size query too: the length is the library's to tell.
     DeviceOutput output;
-    int result =
-        calyth_encrypt_aes(provider->serial.c_str(), aesEncryptionType(key), key->symmetricKey,
-                           symmetricLength(key), pbInput, deviceLength(cbInput), &output.bytes,
-                           &output.length, false, iv.bytes, iv.length, nullptr, 0, provider->deviceContext);
+    int result = calyth_encrypt_aes(provider->serial.c_str(), aesEncryptionType(key), key->symmetricKey,
+                                    symmetricLength(key), pbInput, deviceLength(cbInput), &output.bytes,
+                                    &output.length, false, iv.bytes(), iv.length(), nullptr, 0,
+                                    provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: " + std::to_string(result));
 
@@ -179,16 +181,16 @@ SECURITY_STATUS decryptSymmetric(const KspProvider* provider, const KspKey* key,
     logDebug(isEcb(key) ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
     IvArgument iv = ivFor(key);
     Utils utils;
-    logDebug("KSP: Decrypt input iv : " + utils.bytesToHex(iv.bytes, iv.length));
+    logDebug("KSP: Decrypt input iv : " + utils.bytesToHex(iv.bytes(), iv.length()));
     logDebug("KSP: Decrypt input key : " + utils.bytesToHex(key->symmetricKey, symmetricLength(key)));
 
     // The plaintext is never longer than the ciphertext: cbInput bytes of room, passed as such.
     int room = deviceLength(cbInput);
-    std::vector<unsigned char> plain(static_cast<size_t>(room));
+    WipedBytes plain(static_cast<size_t>(room));
     int plainLength = room;
-    int result =
-        calyth_decryptSymetric(provider->serial.c_str(), pbInput, room, plain.data(), &plainLength, iv.bytes,
-                               iv.length, key->symmetricKey, symmetricLength(key), provider->deviceContext);
+    int result = calyth_decryptSymetric(provider->serial.c_str(), pbInput, room, plain.data(), &plainLength,
+                                        iv.bytes(), iv.length(), key->symmetricKey, symmetricLength(key),
+                                        provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: " + std::to_string(result));
 

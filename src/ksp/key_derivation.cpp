@@ -14,6 +14,7 @@
 #include "ksp/kdf_parameters.h"
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
+#include "token/wiped_bytes.h"
 
 namespace {
 
@@ -37,21 +38,23 @@ KdfHash kdfHash(const std::wstring& name) {
     return {CALYTH_HASH_SHA256, 32};
 }
 
-std::vector<unsigned char> hashInput(const KspSecret* secret, LPCWSTR pwszKDF,
-                                     const KdfParameters& parameters) {
-    std::vector<unsigned char> input;
-    if (sameWide(pwszKDF, kConcatKdf)) {
-        input = parameters.algorithmId;
-        input.insert(input.end(), parameters.partyUInfo.begin(), parameters.partyUInfo.end());
-    }
+// Written into one allocation of the final size, so that no copy of the secret is left behind in a
+// block the vector outgrew.
+void hashInput(const KspSecret* secret, LPCWSTR pwszKDF, const KdfParameters& parameters, WipedBytes* input) {
+    bool concat = sameWide(pwszKDF, kConcatKdf);
     size_t length = fieldLength(secret->secret, secret->length);
-    input.insert(input.end(), secret->secret, secret->secret + length);
-    return input;
+    input->bytes.reserve((concat ? parameters.algorithmId.size() + parameters.partyUInfo.size() : 0) +
+                         length);
+    if (concat) {
+        input->bytes.insert(input->bytes.end(), parameters.algorithmId.begin(), parameters.algorithmId.end());
+        input->bytes.insert(input->bytes.end(), parameters.partyUInfo.begin(), parameters.partyUInfo.end());
+    }
+    input->bytes.insert(input->bytes.end(), secret->secret, secret->secret + length);
 }
 
 // The digest through calyth_initHash / calyth_updateHash / calyth_finalHash; 0 or a status.
-SECURITY_STATUS deviceHash(const KspProvider* provider, const KdfHash& hash,
-                           const std::vector<unsigned char>& input, std::vector<unsigned char>* digest) {
+SECURITY_STATUS deviceHash(const KspProvider* provider, const KdfHash& hash, const WipedBytes& input,
+                           WipedBytes* digest) {
     std::string serial = provider != nullptr ? provider->serial : std::string();
     void* context = provider != nullptr ? provider->deviceContext : nullptr;
     void* hashHandle = nullptr;
@@ -64,7 +67,7 @@ SECURITY_STATUS deviceHash(const KspProvider* provider, const KdfHash& hash,
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR,
                        "KSPDeriveKey: calyth_updateHash failed, ret=" + std::to_string(result));
-    digest->assign(hash.size, 0);
+    digest->bytes.assign(hash.size, 0);
     int length = static_cast<int>(hash.size);
     result = calyth_finalHash(hashHandle, digest->data(), &length, context);
     if (result != CALYTH_OK)
@@ -92,14 +95,15 @@ SECURITY_STATUS deriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
     // unusable argument.
     if (!readKdfParameters(pParameterList, &parameters))
         return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPDeriveKey: invalid parameter");
-    std::vector<unsigned char> input = hashInput(secret, pwszKDF, parameters);
+    // Both zeroed on every way out, failures included.
+    WipedBytes input;
+    hashInput(secret, pwszKDF, parameters, &input);
     if (input.size() > INT_MAX)
         return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPDeriveKey: invalid parameter");
 
     KdfHash hash = kdfHash(parameters.hashName);
-    std::vector<unsigned char> digest;
+    WipedBytes digest;
     SECURITY_STATUS status = deviceHash(provider, hash, input, &digest);
-    SecureZeroMemory(input.data(), input.size());
     if (status != KSP_SUCCESS)
         return status;
 
@@ -111,7 +115,6 @@ SECURITY_STATUS deriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
         std::memcpy(pbDerivedKey, digest.data(), length);
         logDebug("KSPDeriveKey: derived " + std::to_string(length) + " bytes");
     }
-    SecureZeroMemory(digest.data(), digest.size());
     return status;
 }
 

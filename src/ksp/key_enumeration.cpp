@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -30,16 +31,23 @@ namespace {
 KspEnumState* newEnumState(const KspProvider* provider) {
     std::vector<CalythKeyPair> keyPairs =
         calyth_getKeyPairList(provider->serial.c_str(), provider->deviceContext);
-    size_t room = std::max<size_t>(keyPairs.size(), 1);
-    size_t bytes = offsetof(KspEnumState, keyPairs) + room * sizeof(CalythKeyPair);
-    auto* state = static_cast<KspEnumState*>(std::malloc(bytes));
-    if (state == nullptr)
+    size_t bytes = KSP_ENUM_KEY_PAIRS_OFFSET + keyPairs.size() * sizeof(CalythKeyPair);
+    auto* block = static_cast<unsigned char*>(std::malloc(bytes));
+    if (block == nullptr)
         return nullptr;
-    state->index = 0;
-    state->count = keyPairs.size();
+    auto* state = new (block) KspEnumState{0, keyPairs.size()};
     if (!keyPairs.empty())
-        std::memcpy(state->keyPairs, keyPairs.data(), keyPairs.size() * sizeof(CalythKeyPair));
+        std::memcpy(block + KSP_ENUM_KEY_PAIRS_OFFSET, keyPairs.data(),
+                    keyPairs.size() * sizeof(CalythKeyPair));
     return state;
+}
+
+// A copy of the state's key pair at `index` (below its count).
+CalythKeyPair keyPairAt(const KspEnumState* state, uint64_t index) {
+    CalythKeyPair keyPair;
+    const auto* block = reinterpret_cast<const unsigned char*>(state);
+    std::memcpy(&keyPair, block + KSP_ENUM_KEY_PAIRS_OFFSET + index * sizeof(CalythKeyPair), sizeof keyPair);
+    return keyPair;
 }
 
 // One malloc'ed block holding the record and both strings, so that the KSPFreeBuffer the router
@@ -81,7 +89,7 @@ SECURITY_STATUS enumKeys(NCRYPT_PROV_HANDLE hProvider, NCryptKeyName** ppKeyName
         return KSP_NTE_NO_MORE_ITEMS;
     }
 
-    const CalythKeyPair& keyPair = state->keyPairs[state->index];
+    const CalythKeyPair keyPair = keyPairAt(state, state->index);
     std::string name = keyIdHex(keyPair);
     NCryptKeyName* keyName =
         newKeyName(wideText(name), eccAlgorithmName(keyPair.keySizeCode, keyPair.keyUsage),

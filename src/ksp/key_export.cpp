@@ -35,7 +35,8 @@ BlobForm blobForm(LPCWSTR pszBlobType) {
 }
 
 // Reads the public key of a key object that holds none from the token's key list (first pair with
-// the same identifier); the object keeps it for later calls. No match leaves it empty.
+// the same identifier); the object keeps it for later calls. No match, or a public key too long for
+// the object, leaves it empty.
 void refillPublicKey(const KspProvider* provider, KspKey* key) {
     if (key->publicKeyLength != 0)
         return;
@@ -44,9 +45,7 @@ void refillPublicKey(const KspProvider* provider, KspKey* key) {
     const CalythKeyPair* keyPair = findKeyPairById(keyPairs, key->keyId);
     if (keyPair == nullptr)
         return;
-    size_t length = boundedLength(keyPair->publicKeyLength, KSP_PUBLIC_KEY_ROOM);
-    std::memcpy(key->publicKey, keyPair->publicKey, length);
-    key->publicKeyLength = static_cast<uint32_t>(length);
+    copyTokenPublicKey(*keyPair, key);
 }
 
 void putWord(std::vector<unsigned char>* blob, size_t offset, uint32_t value) {

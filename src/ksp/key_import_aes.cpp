@@ -12,12 +12,12 @@
 #include <cstring>
 #include <string>
 
-#include "csp/device_output.h"
 #include "ksp/key_import_blobs.h"
 #include "ksp/ksp_common.h"
 #include "log/log.h"
 #include "token/aes_key_transfer.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 #include "token/key_lookup.h"
 #include "util/cng_blobs.h"
 
@@ -38,10 +38,12 @@ SECURITY_STATUS storeOnToken(const KspProvider* provider, const unsigned char* b
     std::unique_ptr<KspKey> key = newImportedKey();
     if (!key)
         return KSP_NTE_NO_MEMORY;
-    CalythSymmetricKey record{};
+    WipedSymmetricKey stored;
+    const CalythSymmetricKey& record = stored.record;
+    WipedText password{devicePassword(provider)};
     // Bytes too long for the device record are refused as the token would refuse them.
-    if (storeAesKeyOnToken(provider->serial, devicePassword(provider), bytes, length, type,
-                           provider->deviceContext, &record) != AesStoreResult::Stored)
+    if (storeAesKeyOnToken(provider->serial, password.text, bytes, length, type, provider->deviceContext,
+                           &stored.record) != AesStoreResult::Stored)
         return kspFail(KSP_NTE_BAD_TYPE, texts.refused);
 
     std::memcpy(key->keyId, record.keyId, KSP_KEY_ID_LENGTH);
@@ -114,7 +116,7 @@ SECURITY_STATUS importTransportBlob(const KspProvider* provider, NCRYPT_KEY_HAND
     logDebug("KSP: Input key id : " + keyIdHex(importKey->keyId));
 
     DeviceOutput plain;
-    std::string password = devicePassword(provider);
+    WipedText password{devicePassword(provider)};
     if (calyth_decrypt(provider->serial.c_str(), importKey->keyId, password.c_str(), pbData,
                        deviceLength(cbData), &plain.bytes, &plain.length, importKey->tokenFlag != 0,
                        provider->deviceContext) != 0)

@@ -131,7 +131,7 @@ SECURITY_STATUS importLegacyRsaPublicBlob(const BYTE* pbData, DWORD cbData, NCRY
         return kspFail(KSP_NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     Bytes der = buildRsaSubjectPublicKeyInfo(
         utils.bytesToHex(modulus.data(), static_cast<int>(modulus.size())), exponentHex);
-    // A 4096-bit key's DER (about 550 bytes) does not fit the object's 512-byte public key field.
+    // The room holds an RSA-4096 key's DER; only an exponent far longer than any real one is refused.
     if (der.size() > KSP_PUBLIC_KEY_ROOM)
         return kspFail(KSP_NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
 

@@ -201,6 +201,9 @@ SECURITY_STATUS finalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey
     SECURITY_STATUS status = settleAlgorithm(key, &settled);
     if (status != KSP_SUCCESS)
         return status;
+    // Settled before the token is asked: a failed generation leaves the key with its code and length.
+    key->algorithm = settled.algorithm;
+    key->bits = settled.bits;
 
     // The key name stays with the object: the token's label for the new pair is left empty.
     CalythKeyPair request{};
@@ -213,9 +216,6 @@ SECURITY_STATUS finalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey
         calyth_generateKeyPair(provider->serial.c_str(), password.c_str(), &request, provider->deviceContext);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Key generation failed: " + std::to_string(result));
-    // Settled only now, so that a failed generation leaves the key as it was for another try.
-    key->algorithm = settled.algorithm;
-    key->bits = settled.bits;
     copyTokenKeyData(request, key);
     key->finalized = 1;
     logDebug("KSP: Key finalized successfully");
@@ -246,7 +246,10 @@ SECURITY_STATUS deleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey) 
 
 SECURITY_STATUS freeKey(NCRYPT_KEY_HANDLE hKey) {
     logDebug("KSPFreeKey");
-    delete kspKeyFrom(hKey);
+    KspKey* key = kspKeyFrom(hKey);
+    if (key != nullptr)
+        SecureZeroMemory(key->symmetricKey, sizeof key->symmetricKey);
+    delete key;
     return KSP_SUCCESS;
 }
 

@@ -129,7 +129,8 @@ SECURITY_STATUS setCertificate(const KspProvider* provider, const KspKey* key, c
             "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY too large, cbInput=" + std::to_string(cbInput));
     if (!kspPasswordCheck(provider))
         return kspFail(KSP_NTE_FAIL, "KSPSetKeyProperty: password validation failed for certificate import");
-    int32_t result = storeKeyCertificate(provider, key, devicePassword(provider), pbInput, cbInput);
+    WipedText password{devicePassword(provider)};
+    int32_t result = storeKeyCertificate(provider, key, password.text, pbInput, cbInput);
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Import certificate failed: " + std::to_string(result));
     logDebug("KSP: Certificate stored successfully");
@@ -215,7 +216,7 @@ DWORD expectedIvLength(const KspKey* key) {
 // The IV is process-wide, shared with the CryptoAPI side: the last one set is used by every CBC call.
 SECURITY_STATUS setIv(const KspKey* key, const BYTE* pbInput, DWORD cbInput) {
     if (pbInput == nullptr || cbInput == 0) {
-        g_ivBuffer.clear();
+        clearProcessIv();
         logDebug("KSP: IV cleared");
         return KSP_SUCCESS;
     }
@@ -223,7 +224,7 @@ SECURITY_STATUS setIv(const KspKey* key, const BYTE* pbInput, DWORD cbInput) {
     if (expected != 0 && cbInput != expected)
         return kspFail(KSP_NTE_INVALID_PARAMETER, "KSP: IV size mismatch: got " + std::to_string(cbInput) +
                                                       ", expected " + std::to_string(expected));
-    g_ivBuffer.assign(pbInput, pbInput + cbInput);
+    setProcessIv(pbInput, cbInput);
     logDebug("KSP: IV set, size: " + std::to_string(cbInput));
     return KSP_SUCCESS;
 }

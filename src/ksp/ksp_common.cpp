@@ -47,14 +47,24 @@ bool isEcAlgorithm(int32_t algorithm) {
            algorithm == CALYTH_KEY_EC_P521;
 }
 
+bool copyTokenPublicKey(const CalythKeyPair& keyPair, KspKey* key) {
+    constexpr size_t room = std::min(sizeof keyPair.publicKey, sizeof key->publicKey);
+    if (keyPair.publicKeyLength > 0 && static_cast<uint32_t>(keyPair.publicKeyLength) > room) {
+        logError("KSP: Public key from the token too long for the key object, length=" +
+                 std::to_string(keyPair.publicKeyLength));
+        key->publicKeyLength = 0;
+        return false;
+    }
+    size_t length = boundedLength(keyPair.publicKeyLength, room);
+    std::memcpy(key->publicKey, keyPair.publicKey, length);
+    key->publicKeyLength = static_cast<uint32_t>(length);
+    return true;
+}
+
 void copyTokenKeyData(const CalythKeyPair& keyPair, KspKey* key) {
     std::memcpy(key->keyId, keyPair.keyId, KSP_KEY_ID_LENGTH);
     key->keyIdLength = KSP_KEY_ID_LENGTH;
-    // A device may report any length: the object keeps what fits in both records.
-    size_t publicLength =
-        boundedLength(keyPair.publicKeyLength, std::min(sizeof keyPair.publicKey, sizeof key->publicKey));
-    std::memcpy(key->publicKey, keyPair.publicKey, publicLength);
-    key->publicKeyLength = static_cast<uint32_t>(publicLength);
+    copyTokenPublicKey(keyPair, key);
     size_t linkLength =
         boundedLength(keyPair.objectIdLength, std::min(sizeof keyPair.objectId, sizeof key->linkId));
     std::memcpy(key->linkId, keyPair.objectId, linkLength);
@@ -80,13 +90,14 @@ SECURITY_STATUS writeSizedOutput(const void* value, DWORD size, PBYTE pbOutput, 
 
 namespace {
 
-std::vector<unsigned long long> versionPieces(const std::string& text) {
-    std::vector<unsigned long long> pieces;
+// Each piece is a signed whole number: "-1.0.0" is below "2.0.0", not a wrapped-around huge one.
+std::vector<long long> versionPieces(const std::string& text) {
+    std::vector<long long> pieces;
     size_t start = 0;
     for (;;) {
         size_t dot = text.find('.', start);
         std::string piece = text.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-        pieces.push_back(std::strtoull(piece.c_str(), nullptr, 10));
+        pieces.push_back(std::strtoll(piece.c_str(), nullptr, 10));
         if (dot == std::string::npos)
             return pieces;
         start = dot + 1;
@@ -96,8 +107,8 @@ std::vector<unsigned long long> versionPieces(const std::string& text) {
 }  // namespace
 
 bool firmwareAtLeast(const std::string& firmware, const std::string& minimum) {
-    std::vector<unsigned long long> have = versionPieces(firmware);
-    std::vector<unsigned long long> need = versionPieces(minimum);
+    std::vector<long long> have = versionPieces(firmware);
+    std::vector<long long> need = versionPieces(minimum);
     size_t count = std::max(have.size(), need.size());
     have.resize(count, 0);
     need.resize(count, 0);

@@ -47,9 +47,13 @@ bool sameWide(LPCWSTR text, const wchar_t* name);
 bool isEcAlgorithm(int32_t algorithm);
 
 // Copies what the token stores for a key pair into a key object: identifier (length 16), public
-// key, link identifier, label and token flag; the reserved word becomes 0. Lengths are bounded by
-// the object's fields. Algorithm, usage and length are the caller's affair.
+// key, link identifier, label and token flag; the reserved word becomes 0. Link identifier and label
+// are bounded by the object's fields; a public key too long for its field is refused (below).
+// Algorithm, usage and length are the caller's affair.
 void copyTokenKeyData(const CalythKeyPair& keyPair, KspKey* key);
+// The key pair's public key into the key object. One longer than the object's field is refused, not
+// cut short: logged, and the object keeps no public key (false).
+bool copyTokenPublicKey(const CalythKeyPair& keyPair, KspKey* key);
 
 // The size rule of every output: *pcbResult = size; a null output is a size query (success); a
 // shorter output gives NTE_BUFFER_TOO_SMALL without a log line and without writing; else the value

@@ -20,7 +20,9 @@
 #include "token/device_library.h"
 
 constexpr uint32_t KSP_KEY_ID_LENGTH = 16;
-constexpr size_t KSP_PUBLIC_KEY_ROOM = 512;
+// The largest public key the provider's sizes name is an RSA-4096 key as a DER SubjectPublicKeyInfo
+// (550 bytes with a 3-byte exponent); the room leaves some over for a longer exponent.
+constexpr size_t KSP_PUBLIC_KEY_ROOM = 600;
 constexpr size_t KSP_LINK_ID_ROOM = 128;
 constexpr size_t KSP_LABEL_CHARACTERS = 128;
 constexpr size_t KSP_SYMMETRIC_ROOM = 32;
@@ -58,13 +60,16 @@ struct KspKey {
 };
 
 // The ppEnumState of KSPEnumKeys. The router releases it through KSPFreeBuffer, which calls free,
-// so it is one malloc'ed block: this header followed by `count` copies of the token's key pairs
-// taken on the first call (the records are plain bytes).
+// so it is one malloc'ed block: this header followed, at KSP_ENUM_KEY_PAIRS_OFFSET, by `count`
+// copies of the token's key pairs taken on the first call. The records are plain bytes, copied in
+// and out with memcpy (kspEnumKeyPairAt), so no array is indexed past a declared bound.
 struct KspEnumState {
     uint64_t index;
     uint64_t count;
-    CalythKeyPair keyPairs[1];  // `count` entries; room for at least one
 };
+
+constexpr size_t KSP_ENUM_KEY_PAIRS_OFFSET =
+    (sizeof(KspEnumState) + alignof(CalythKeyPair) - 1) / alignof(CalythKeyPair) * alignof(CalythKeyPair);
 
 struct KspSecret {
     unsigned char secret[KSP_SECRET_ROOM] = {};

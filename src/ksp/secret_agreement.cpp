@@ -8,9 +8,9 @@
 #include <cstring>
 #include <string>
 
-#include "csp/device_output.h"
 #include "ksp/ksp_common.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 
 namespace {
 

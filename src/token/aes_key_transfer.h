@@ -3,10 +3,12 @@
 // token AES key.
 #pragma once
 
+#include <windows.h>
+
 #include <string>
 
-#include "csp/device_output.h"
 #include "token/device_library.h"
+#include "token/device_output.h"
 
 // How calyth_decrypt_aes is told which key-encryption key to use: the CryptoAPI side names it by
 // its 16-byte identifier, the CNG side by its reference field (referenceLength bytes).
@@ -19,6 +21,16 @@ bool unwrapWithTokenKek(const std::string& serial, void* deviceContext, const un
                         int wrappedLength, KekNaming naming, CalythSymmetricKey* kek, DeviceOutput* plain);
 
 enum class AesStoreResult { Stored, Refused, TooLong };
+
+// A record that carries plain key bytes to the token, zeroed when it goes out of scope.
+struct WipedSymmetricKey {
+    CalythSymmetricKey record{};
+
+    WipedSymmetricKey() = default;
+    WipedSymmetricKey(const WipedSymmetricKey&) = delete;
+    WipedSymmetricKey& operator=(const WipedSymmetricKey&) = delete;
+    ~WipedSymmetricKey() { SecureZeroMemory(&record, sizeof record); }
+};
 
 // Fills a zeroed record with the key bytes, their length and `type` and hands it to
 // calyth_importAesKey with the PIN; on Stored *record holds what the token filled in (identifier,

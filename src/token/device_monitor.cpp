@@ -115,6 +115,15 @@ void pollOnce() {
     }
 }
 
+// One polling period, cut short when a stop is requested. Without the wake event (the system
+// refused to create it) a plain sleep: a wait on no handle returns at once, and the thread would
+// poll the device list and take the table's mutex without pause.
+void pauseBetweenPolls() {
+    HANDLE event = wakeEvent();
+    if (event == nullptr || WaitForSingleObject(event, kPollIntervalMs) == WAIT_FAILED)
+        Sleep(kPollIntervalMs);
+}
+
 void runMonitor() {
     logDebug("Device monitor thread started.");
     g_monitorRunning = true;
@@ -124,7 +133,7 @@ void runMonitor() {
     }
     for (;;) {
         pollOnce();
-        WaitForSingleObject(wakeEvent(), kPollIntervalMs);
+        pauseBetweenPolls();
         if (g_monitorStopRequested) {
             endMonitorThread();
             return;
@@ -153,6 +162,14 @@ MonitorStopAtUnload g_stopAtUnload;
 void startDeviceMonitor() {
     bool expected = false;
     if (!g_monitorRunning.compare_exchange_strong(expected, true)) {
+        // After a stop whose wait ran out, the thread still runs with the stop request pending: it
+        // goes on as the monitor rather than a second one starting beside it. Should it be past its
+        // last check already, it ends and the next start makes a new one.
+        if (g_monitorStopRequested) {
+            if (HANDLE event = g_wakeEvent.load())
+                ResetEvent(event);
+            g_monitorStopRequested = false;
+        }
         logDebug("Monitor thread already running, not starting again.");
         return;
     }
@@ -187,6 +204,7 @@ void stopDeviceMonitor() {
     if (HANDLE event = g_wakeEvent.load())
         SetEvent(event);
     HANDLE thread = g_monitorThread.load();
+    bool threadLivesOn = false;
     if (thread != nullptr) {
         if (GetCurrentThreadId() == g_monitorThreadId.load()) {
             // The monitor itself is detaching the library on its way out.
@@ -195,10 +213,15 @@ void stopDeviceMonitor() {
                 if (g_monitorThread.compare_exchange_strong(thread, nullptr))
                     CloseHandle(thread);
                 logDebug("Monitor thread joined (stopDeviceMonitor).");
+            } else {
+                // Held up in a device call beyond the wait: the thread is still the monitor and
+                // clears the flag itself when it ends, so that no start runs a second one meanwhile.
+                threadLivesOn = true;
             }
         }
     }
-    g_monitorRunning = false;
+    if (!threadLivesOn)
+        g_monitorRunning = false;
 }
 
 bool isDeviceMonitorRunning() {

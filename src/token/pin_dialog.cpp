@@ -1,5 +1,7 @@
 #include "token/pin_dialog.h"
 
+#include <mutex>
+
 #include "log/log.h"
 #include "register/module_instance.h"
 #include "resource.h"
@@ -7,8 +9,19 @@
 
 namespace {
 
-// The text of the last dialog. Shared by every thread that shows the dialog, unguarded.
+// The text of the last dialog, shared by every thread that shows the dialog: the last writer wins.
+// The lock guards its three uses (emptied when a dialog is shown, written or wiped by a dialog's
+// Login or Cancel, copied out afterwards) and is never held while a dialog runs.
+std::mutex g_enteredPasswordMutex;
 std::string g_enteredPassword;
+
+// Wipes the text and, when given, puts `text` in its place.
+void replaceEnteredPassword(const char* text) {
+    std::lock_guard<std::mutex> lock(g_enteredPasswordMutex);
+    wipeText(&g_enteredPassword);
+    if (text != nullptr)
+        g_enteredPassword = text;
+}
 
 constexpr int kPasswordBufferSize = 256;
 constexpr int kMinimumPinLength = 4;
@@ -24,7 +37,7 @@ bool acceptableLength(int length) {
 
 int showPasswordDialog() {
     logDebug("Password dialog show window");
-    wipeText(&g_enteredPassword);
+    replaceEnteredPassword(nullptr);
     logDebug("Password dialog show window before");
     INT_PTR result = DialogBoxParamA(g_moduleInstance, MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
                                      passwordDialogProc, 0);
@@ -36,6 +49,7 @@ int showPasswordDialog() {
 }
 
 std::string getEnteredPassword() {
+    std::lock_guard<std::mutex> lock(g_enteredPasswordMutex);
     return g_enteredPassword;
 }
 
@@ -50,12 +64,11 @@ INT_PTR CALLBACK passwordDialogProc(HWND dialog, UINT message, WPARAM wParam, LP
             if (id == IDOK) {
                 char buffer[kPasswordBufferSize] = {};
                 GetDlgItemTextA(dialog, IDC_USER_PIN, buffer, kPasswordBufferSize);
-                wipeText(&g_enteredPassword);
-                g_enteredPassword = buffer;
+                replaceEnteredPassword(buffer);
                 SecureZeroMemory(buffer, sizeof buffer);
                 EndDialog(dialog, 0);
             } else if (id == IDCANCEL) {
-                wipeText(&g_enteredPassword);
+                replaceEnteredPassword(nullptr);
                 EndDialog(dialog, 0);
             } else if (id == IDC_USER_PIN) {
                 if (notification == EN_CHANGE) {

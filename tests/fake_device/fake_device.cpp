@@ -5,6 +5,7 @@
 #include <bcrypt.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -174,11 +175,20 @@ int signatureLengthOf(const CalythKeyPair& kp) {
     }
 }
 
-unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
+std::atomic<HandedOutObserver> g_handedOutObserver{nullptr};
+
+unsigned char* mallocCopy(const char* function, const std::vector<unsigned char>& bytes) {
     auto* p = static_cast<unsigned char*>(std::malloc(bytes.empty() ? 1 : bytes.size()));
     if (!bytes.empty())
         std::memcpy(p, bytes.data(), bytes.size());
+    if (HandedOutObserver observer = g_handedOutObserver.load())
+        observer(function, p, bytes.size());
     return p;
+}
+
+void announceIv(const unsigned char* iv, int ivLength) {
+    if (hooks().symmetricIv)
+        hooks().symmetricIv(iv, ivLength);
 }
 
 }  // namespace
@@ -195,6 +205,10 @@ void reset() {
     s.hooks = Hooks{};
     s.nextKeyNumber = 1;
     s.callsUnderProviderMutex.clear();
+}
+
+void setHandedOutObserver(HandedOutObserver observer) {
+    g_handedOutObserver = observer;
 }
 
 Token& addToken(const std::string& serial) {
@@ -770,7 +784,7 @@ int calyth_decrypt(const char* serial, const unsigned char* keyId, const char* p
     std::vector<unsigned char> plain(data, data + dataLength);
     for (unsigned char& b : plain)
         b ^= kRsaFakeMask;
-    *output = mallocCopy(plain);
+    *output = mallocCopy("calyth_decrypt", plain);
     *outputLength = dataLength;
     return 0;
 }
@@ -786,6 +800,7 @@ int calyth_encrypt_aes(const char* serial, EncryptionType type, const unsigned c
                 bytesArg(aad, aadLength), num(aadLength)},
                &forced))
         return forced;
+    announceIv(iv, ivLength);
     if (hooks().encryptAes)
         return hooks().encryptAes(serial, type, key, keyLength, data, dataLength, output, outputLength);
     if (!key || keyLength <= 0 || !output || !outputLength || (dataLength > 0 && !data))
@@ -793,7 +808,7 @@ int calyth_encrypt_aes(const char* serial, EncryptionType type, const unsigned c
     std::vector<unsigned char> out(data, data + dataLength);
     for (size_t i = 0; i < out.size(); ++i)
         out[i] ^= key[i % keyLength];
-    *output = mallocCopy(out);
+    *output = mallocCopy("calyth_encrypt_aes", out);
     *outputLength = dataLength;
     return 0;
 }
@@ -814,7 +829,7 @@ int calyth_decrypt_aes(const char* serial, const unsigned char* keyReference, in
     // "Unwrapping" drops the 8-byte integrity block in front.
     if (!data || dataLength < 16 || !output || !outputLength)
         return 1;
-    *output = mallocCopy(std::vector<unsigned char>(data + 8, data + dataLength));
+    *output = mallocCopy("calyth_decrypt_aes", std::vector<unsigned char>(data + 8, data + dataLength));
     *outputLength = dataLength - 8;
     return 0;
 }
@@ -828,6 +843,7 @@ int calyth_decryptSymetric(const char* serial, const unsigned char* data, int da
                 bytesArg(iv, ivLength), num(ivLength), bytesArg(key, keyLength), num(keyLength)},
                &forced))
         return forced;
+    announceIv(iv, ivLength);
     if (hooks().decryptSymetric)
         return hooks().decryptSymetric(serial, data, dataLength, output, outputLength, key, keyLength);
     if (!key || keyLength <= 0 || !output || !outputLength || *outputLength < dataLength)
@@ -852,7 +868,8 @@ int calyth_ecdhDerive(const char* serial, const unsigned char* keyId, const char
     if (!peerPoint || peerPointLength < 3 || peerPoint[0] != 0x04 || !secret || !secretLength)
         return 1;
     int coordinate = (peerPointLength - 1) / 2;
-    *secret = mallocCopy(std::vector<unsigned char>(peerPoint + 1, peerPoint + 1 + coordinate));
+    *secret = mallocCopy("calyth_ecdhDerive",
+                         std::vector<unsigned char>(peerPoint + 1, peerPoint + 1 + coordinate));
     *secretLength = coordinate;
     return 0;
 }

@@ -84,11 +84,20 @@ struct Hooks {
     // Runs after every recorded call, on the calling thread, before the call does its work (e.g.
     // to unplug a token in the middle of an operation).
     std::function<void(const Call& call)> afterCall;
+    // calyth_encrypt_aes and calyth_decryptSymetric: runs on the calling thread with the IV exactly
+    // as the provider handed it over (pointer and length), before the call does its work.
+    std::function<void(const unsigned char* iv, int ivLength)> symmetricIv;
 };
 
 // Resets everything: no tokens, no calls, no forced results, no hooks, no registered files or
 // certificate details.
 void reset();
+
+// Every block the fake allocates and hands over through an `unsigned char**` output (calyth_decrypt,
+// calyth_encrypt_aes, calyth_decrypt_aes, calyth_ecdhDerive) is announced here with the function's
+// name, before the call returns; tests/fake_device/freed_buffers.h follows them to their free.
+using HandedOutObserver = void (*)(const char* function, const void* block, size_t size);
+void setHandedOutObserver(HandedOutObserver observer);
 
 // Adds a connected token (label "FAKE-TOKEN", firmware "2.1.0") and returns it for changes.
 // Tokens are listed by calyth_getConnectedDeviceList in the order they were added.

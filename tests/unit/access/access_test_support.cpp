@@ -16,6 +16,14 @@ size_t otherThreadsCalling(const std::string& function, const std::vector<unsign
     return threads.size();
 }
 
+size_t monitorPolls() {
+    size_t count = 0;
+    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
+        if (call.threadId != GetCurrentThreadId())
+            ++count;
+    return count;
+}
+
 std::vector<std::string> serialsOf(const std::string& function) {
     std::vector<std::string> out;
     for (const fake::Call& call : fake::callsTo(function))

@@ -19,6 +19,10 @@ namespace access_test {
 // polling thread, when the listed threads are the test's own).
 size_t otherThreadsCalling(const std::string& function, const std::vector<unsigned long>& known);
 
+// The device monitor's polls: calls of calyth_getConnectedDeviceList from threads other than the
+// calling one (the test thread makes none in the monitor's tests, but be exact).
+size_t monitorPolls();
+
 // The serials of the recorded calls of one device function.
 std::vector<std::string> serialsOf(const std::string& function);
 

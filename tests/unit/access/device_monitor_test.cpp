@@ -13,22 +13,21 @@ using ::testing::ElementsAre;
 
 namespace {
 
+// Holding the monitor up in a device call. Process-wide, since the monitor may still be in the hook
+// when a failed assertion ends a test; the tear-down lets it go.
+HANDLE g_release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+std::atomic<bool> g_holdUp{false};
+std::atomic<int> g_heldUp{0};
+
 class DeviceMonitor : public AccessTest {
 protected:
     void TearDown() override {
+        g_holdUp = false;
+        SetEvent(g_release);
         stopDeviceMonitor();
         AccessTest::TearDown();
     }
 };
-
-// Calls of the monitor thread only (the test thread makes none here, but be exact).
-size_t monitorPolls() {
-    size_t count = 0;
-    for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
-        if (call.threadId != GetCurrentThreadId())
-            ++count;
-    return count;
-}
 
 std::vector<std::string> monitorLines() {
     std::vector<std::string> out;
@@ -198,4 +197,42 @@ TEST_F(DeviceMonitor, AStopRightAfterTheStartEndsTheThread) {
     EXPECT_EQ(logCount("DEBUG:Device monitor thread stopped."), 5u);
     EXPECT_EQ(logCount("DEBUG:Monitor thread joined (stopDeviceMonitor)."), 5u);
     EXPECT_FALSE(isDeviceMonitorRunning());
+}
+
+// A stop whose wait ran out (the monitor was held up in a device call) leaves the thread alive; a
+// later start must not run a second monitor beside it.
+
+TEST_F(DeviceMonitor, AStartAfterAStopThatTimedOutRunsNoSecondMonitor) {
+    ASSERT_NE(g_release, nullptr);
+    ResetEvent(g_release);
+    g_heldUp = 0;
+    const DWORD testThread = GetCurrentThreadId();
+    fake::hooks().afterCall = [testThread](const fake::Call& call) {
+        if (call.function == "calyth_getConnectedDeviceList" && call.threadId != testThread && g_holdUp) {
+            ++g_heldUp;
+            WaitForSingleObject(g_release, 30000);
+        }
+    };
+    startDeviceMonitor();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 1; }, 15000));
+    g_holdUp = true;
+    ASSERT_TRUE(waitUntil([] { return g_heldUp >= 1; }, 15000));
+
+    stopDeviceMonitor();  // waits its bounded time and gives up: the thread is still in the call
+    EXPECT_FALSE(logHas("DEBUG:Monitor thread joined (stopDeviceMonitor)."));
+    startDeviceMonitor();
+    g_holdUp = false;
+    SetEvent(g_release);
+
+    // Three more polls: one thread makes them all.
+    fake::clearCalls();
+    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 3; }, 15000));
+    EXPECT_EQ(otherThreadsCalling("calyth_getConnectedDeviceList", {testThread}), 1u);
+    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_EQ(logCount("DEBUG:Device monitor thread started."), 1u);
+    EXPECT_TRUE(isDeviceMonitorRunning());
+
+    stopDeviceMonitor();
+    EXPECT_FALSE(isDeviceMonitorRunning());
+    EXPECT_TRUE(logHas("DEBUG:Monitor thread joined (stopDeviceMonitor)."));
 }

@@ -59,7 +59,7 @@ unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
 void KeysTest::SetUp() {
     fake::reset();
     resetTokenTableForTests();
-    g_ivBuffer.clear();
+    clearProcessIv();
     fake::addToken("SN1");
     context_.serialNumber = "SN1";
     context_.initialized = true;

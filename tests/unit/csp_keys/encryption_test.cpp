@@ -219,9 +219,9 @@ TEST_F(EncryptTest, AesTypeFollowsKeyLengthAndTheIv) {
                                                            {32, true, "2"}, {32, false, "6"}};
     for (const auto& [keyLength, withIv, type] : cases) {
         if (withIv)
-            g_ivBuffer = counting(16, 0x90);
+            setProcessIv(counting(16, 0x90));
         else
-            g_ivBuffer.clear();
+            clearProcessIv();
         KEY_HANDLE* key = aesKey(keyLength);
         fake::clearCalls();
         std::vector<unsigned char> buffer(64, 0x01);
@@ -236,7 +236,7 @@ TEST_F(EncryptTest, AesTypeFollowsKeyLengthAndTheIv) {
 }
 
 TEST_F(EncryptTest, AesCallCarriesKeyDataAndNoTokenFlag) {
-    g_ivBuffer = counting(16, 0x90);
+    setProcessIv(counting(16, 0x90));
     KEY_HANDLE* key = aesKey(24);
     std::vector<unsigned char> plain = counting(10, 0x70);
     std::vector<unsigned char> buffer(plain);
@@ -460,7 +460,7 @@ TEST_F(DecryptTest, ContextAndKeyAreChecked) {
 TEST_F(DecryptTest, AesDecryptionUsesTheKeyAndIvWithoutAPinCheck) {
     clearValidatedPin("SN1");
     context_.silent = true;
-    g_ivBuffer = counting(16, 0x90);
+    setProcessIv(counting(16, 0x90));
     KEY_HANDLE* key = aesKey(16);
     std::vector<unsigned char> cipher = counting(20, 0x30);
     std::vector<unsigned char> buffer(cipher);

@@ -244,23 +244,23 @@ TEST_F(KeyParamTest, IvIsCopiedForAes256AndTripleDesSessionKeysOnly) {
 
     KEY_HANDLE* rsa = keyHandleFrom(keyFor(kExchangeId, AT_KEYEXCHANGE));
     EXPECT_TRUE(CPSetKeyParam(prov(), handleOf(rsa), KP_IV, iv.data(), 0));
-    EXPECT_TRUE(g_ivBuffer.empty());
+    EXPECT_TRUE(processIv().empty());
 
     KEY_HANDLE* aes256 = newKey();
     aes256->algId = 10;
     EXPECT_TRUE(CPSetKeyParam(prov(), handleOf(aes256), KP_IV, iv.data(), 0));
-    EXPECT_EQ(g_ivBuffer, iv);
+    EXPECT_EQ(processIv(), iv);
 
     KEY_HANDLE* tripleDes = newKey();
     tripleDes->algId = 11;
     std::vector<unsigned char> iv8 = bytesOf({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
     EXPECT_TRUE(CPSetKeyParam(prov(), handleOf(tripleDes), KP_IV, iv8.data(), 0));
-    EXPECT_EQ(g_ivBuffer, bytesOf({1, 2, 3, 4, 5, 6, 7, 8})) << "the 8 bytes replace the earlier IV";
+    EXPECT_EQ(processIv(), bytesOf({1, 2, 3, 4, 5, 6, 7, 8})) << "the 8 bytes replace the earlier IV";
 
     KEY_HANDLE* aes128 = newKey();
     aes128->algId = 8;
     EXPECT_TRUE(CPSetKeyParam(prov(), handleOf(aes128), KP_IV, iv.data(), 0));
-    EXPECT_EQ(g_ivBuffer, bytesOf({1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(processIv(), bytesOf({1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
 TEST_F(KeyParamTest, SetKeyParamChecksContextThenKey) {

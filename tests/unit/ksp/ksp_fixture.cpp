@@ -27,7 +27,7 @@ std::vector<std::string> logLinesAt(const std::string& level) {
 void KspTest::SetUp() {
     fake::reset();
     resetTokenTableForTests();
-    g_ivBuffer.clear();
+    clearProcessIv();
     fake::addToken("SN1");
     fake::addKeyPair("SN1",
                      fake::makeKeyPair(kRsaSignId, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_2048, "rsa-sign"));

@@ -297,9 +297,9 @@ TEST_F(KspExportTest, KeyMissingFromTheTokenHasNoPublicKey) {
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 2u) << "no match leaves the length at 0";
 }
 
-TEST_F(KspExportTest, TokenLengthsOutsideTheObjectFieldAreBounded) {
+TEST_F(KspExportTest, TokenPublicKeysLongerThanTheObjectFieldAreRefusedNotCut) {
     CalythKeyPair oversized = fake::makeKeyPair("2A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2A", 1, CALYTH_KEY_RSA_4096);
-    oversized.publicKeyLength = 1000;
+    oversized.publicKeyLength = static_cast<int32_t>(KSP_PUBLIC_KEY_ROOM + 1);
     fake::addKeyPair("SN1", oversized);
     CalythKeyPair negative = fake::makeKeyPair("3B3B3B3B3B3B3B3B3B3B3B3B3B3B3B3B", 1, CALYTH_KEY_RSA_2048);
     negative.publicKeyLength = -5;
@@ -307,15 +307,47 @@ TEST_F(KspExportTest, TokenLengthsOutsideTheObjectFieldAreBounded) {
 
     NCRYPT_KEY_HANDLE big = makeEmptyKey();
     std::memcpy(kspKeyFrom(big)->keyId, oversized.keyId, 16);
-    Bytes blob;
-    ASSERT_EQ(exportBlob(big, L"RSAPUBLICBLOB", &blob), 0);
-    EXPECT_EQ(blob.size(), 27u + 512u);
+    DWORD size = 0;
+    EXPECT_EQ(KSPExportKey(provider_, big, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
+              KSP_NTE_BAD_KEY);
+    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Public key from the token too long for the key object, length=" +
+                                        std::to_string(KSP_PUBLIC_KEY_ROOM + 1)));
+    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No public key data available for export"));
+    EXPECT_EQ(kspKeyFrom(big)->publicKeyLength, 0u);
 
     NCRYPT_KEY_HANDLE none = makeEmptyKey();
     std::memcpy(kspKeyFrom(none)->keyId, negative.keyId, 16);
-    DWORD size = 0;
     EXPECT_EQ(KSPExportKey(provider_, none, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
+}
+
+// A token RSA-4096 key stored as DER (550 bytes) is kept whole by opening and by the refill.
+TEST_F(KspExportTest, ATokenRsa4096KeyKeepsItsWholeDer) {
+    const std::string id = "4C4C4C4C4C4C4C4C4C4C4C4C4C4C4C4C";
+    CalythKeyPair pair = fake::makeKeyPair(id, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_4096);
+    Bytes der = buildRsaSubjectPublicKeyInfo(fake::hex(pair.publicKey, 512), "010001");
+    ASSERT_GT(der.size(), 512u);
+    std::memcpy(pair.publicKey, der.data(), der.size());
+    pair.publicKeyLength = static_cast<int32_t>(der.size());
+    fake::addKeyPair("SN1", pair);
+
+    NCRYPT_KEY_HANDLE opened = openKey(id);
+    ASSERT_EQ(kspKeyFrom(opened)->publicKeyLength, der.size());
+    DWORD bits = 0;
+    DWORD size = 0;
+    ASSERT_EQ(KSPGetKeyProperty(provider_, opened, L"Length", reinterpret_cast<PBYTE>(&bits), sizeof bits,
+                                &size, 0),
+              0);
+    EXPECT_EQ(bits, 4096u);
+    Bytes blob;
+    ASSERT_EQ(exportBlob(opened, L"RSAPUBLICBLOB", &blob), 0);
+    EXPECT_EQ(Bytes(blob.begin() + 27, blob.end()), der);
+
+    NCRYPT_KEY_HANDLE refilled = makeEmptyKey();
+    std::memcpy(kspKeyFrom(refilled)->keyId, pair.keyId, 16);
+    ASSERT_EQ(exportBlob(refilled, L"CAPIPUBLICBLOB", &blob), 0);
+    EXPECT_EQ(Bytes(blob.begin() + 20, blob.end()), Bytes(der.rbegin(), der.rend()));
+    EXPECT_TRUE(logLinesAt("ERROR").empty());
 }
 
 TEST_F(KspExportTest, RsaKeyAskedForAnEccBlobFailsOnItsFirstByteBeforeTheAlgorithmCheck) {

@@ -348,7 +348,7 @@ TEST_F(KspImportAesTest, TransportKeyTakesTheSymmetricEncryptionPath) {
     for (unsigned char& b : encrypted)
         b ^= fake::kRsaFakeMask;
     ASSERT_EQ(import(L"OpaqueTransport", encrypted, &key, makeKey(kRsaExchangeId)), 0);
-    g_ivBuffer.assign(16, 0x0F);
+    setProcessIv(std::vector<unsigned char>(16, 0x0F));
     Bytes input = pattern(32, 0x30);
     DWORD size = 0;
     EXPECT_EQ(KSPEncrypt(provider_, key, input.data(), 32, nullptr, nullptr, 0, &size, 0), 0);

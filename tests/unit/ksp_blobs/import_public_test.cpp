@@ -159,11 +159,13 @@ TEST_F(KspImportPublicTest, Rsa1536IsNotSupportedAfterTheLayoutChecks) {
 }
 
 TEST_F(KspImportPublicTest, ModulusLongerThanTheKeyObjectHoldsIsNotSupported) {
-    // BitLength and cbModulus are not compared; 513 bytes do not fit the object's 512-byte field.
+    // BitLength and cbModulus are not compared; one byte more than the object's field is refused.
+    const size_t tooLong = KSP_PUBLIC_KEY_ROOM + 1;
     NCRYPT_KEY_HANDLE key;
-    EXPECT_EQ(import(L"RSAPUBLICBLOB", rsaPublicBlob(0x31415352, 4096, kExponent, modulusOf(513)), &key),
+    EXPECT_EQ(import(L"RSAPUBLICBLOB", rsaPublicBlob(0x31415352, 4096, kExponent, modulusOf(tooLong)), &key),
               KSP_NTE_NOT_SUPPORTED);
-    expectRefused("KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long, cbModulus=513");
+    expectRefused("KSPImportKey: BCRYPT_RSAPUBLIC_BLOB modulus too long, cbModulus=" +
+                  std::to_string(tooLong));
 }
 
 TEST_F(KspImportPublicTest, ExponentAndModulusAreTakenFromTheirOwnPlaces) {
@@ -268,14 +270,15 @@ TEST_F(KspImportPublicTest, CoordinateLengthIsNotHeldToTheCurve) {
 }
 
 TEST_F(KspImportPublicTest, PointLongerThanTheKeyObjectHoldsIsNotSupported) {
-    // 2 x 256 + 1 bytes do not fit the object's 512-byte field; 255 still does.
+    // 2 x cbKey + 1 bytes: one coordinate byte more than the object's field holds is refused.
+    const DWORD fits = static_cast<DWORD>((KSP_PUBLIC_KEY_ROOM - 1) / 2);
     NCRYPT_KEY_HANDLE key;
-    ASSERT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, 255, pattern(510, 1)), &key), 0);
-    EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 511u);
+    ASSERT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, fits, pattern(2 * fits, 1)), &key), 0);
+    EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 2 * fits + 1);
     testsupport::clearLog();
-    EXPECT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, 256, pattern(512, 1)), &key),
+    EXPECT_EQ(import(L"ECCPUBLICBLOB", eccPublicBlob(0x31534345, fits + 1, pattern(2 * fits + 2, 1)), &key),
               KSP_NTE_NOT_SUPPORTED);
-    expectRefused("KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=256");
+    expectRefused("KSPImportKey: BCRYPT_ECCPUBLIC_BLOB point too long, cbKey=" + std::to_string(fits + 1));
 }
 
 TEST_F(KspImportPublicTest, LegacyBlobBecomesADerPublicKey) {
@@ -343,14 +346,39 @@ TEST_F(KspImportPublicTest, LegacyBlobOfAnOddSizeIsNotSupported) {
     EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public exponent : 010001"));
 }
 
-TEST_F(KspImportPublicTest, Legacy4096BitKeyDoesNotFitTheKeyObject) {
-    // Its DER (550 bytes) is longer than the object's 512-byte public key field.
+TEST_F(KspImportPublicTest, Legacy4096BitKeyIsImportedExportedAndReportedWithItsDer) {
+    Bytes modulus = modulusOf(512);  // little-endian, as the blob carries it
+    Bytes bigEndian(modulus.rbegin(), modulus.rend());
+    Utils utils;
+    Bytes der = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(bigEndian.data(), 512), "010001");
+    ASSERT_GT(der.size(), 512u);
     NCRYPT_KEY_HANDLE key;
-    EXPECT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 4096, 65537, modulusOf(512)), &key),
-              KSP_NTE_NOT_SUPPORTED);
-    EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{"KSP: Unsupported RSA key size"});
-    ASSERT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 3072, 65537, modulusOf(384)), &key), 0);
-    EXPECT_EQ(kspKeyFrom(key)->algorithm, CALYTH_KEY_RSA_3072);
+    ASSERT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 4096, 65537, modulus), &key), 0);
+    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Legacy RSA public key imported successfully"));
+    EXPECT_EQ(kspKeyFrom(key)->algorithm, CALYTH_KEY_RSA_4096);
+    EXPECT_EQ(
+        Bytes(kspKeyFrom(key)->publicKey, kspKeyFrom(key)->publicKey + kspKeyFrom(key)->publicKeyLength),
+        der);
+
+    DWORD bits = 0;
+    DWORD size = 0;
+    ASSERT_EQ(
+        KSPGetKeyProperty(provider_, key, L"Length", reinterpret_cast<PBYTE>(&bits), sizeof bits, &size, 0),
+        0);
+    EXPECT_EQ(bits, 4096u);
+
+    // Export hands the stored bytes on as they stand: the DER is the modulus of both forms.
+    ASSERT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0), 0);
+    Bytes blob(size);
+    ASSERT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, blob.data(), size, &size, 0), 0);
+    ASSERT_EQ(blob.size(), 27 + der.size());
+    EXPECT_EQ(Bytes(blob.begin() + 27, blob.end()), der);
+    ASSERT_EQ(KSPExportKey(provider_, key, 0, L"CAPIPUBLICBLOB", nullptr, nullptr, 0, &size, 0), 0);
+    Bytes legacy(size);
+    ASSERT_EQ(KSPExportKey(provider_, key, 0, L"CAPIPUBLICBLOB", nullptr, legacy.data(), size, &size, 0), 0);
+    ASSERT_EQ(legacy.size(), 20 + der.size());
+    EXPECT_EQ(Bytes(legacy.begin() + 20, legacy.end()), Bytes(der.rbegin(), der.rend()));
 }
 
 }  // namespace

@@ -251,13 +251,13 @@ TEST_F(Decrypt, FailedRecheckAfterExpiryIsNteFail) {
 // Symmetric keys.
 
 TEST_F(Decrypt, CbcDecryptsWithTheSharedIvIntoARoomOfCbInput) {
-    g_ivBuffer.assign(16, 0x0A);
+    setProcessIv(std::vector<unsigned char>(16, 0x0A));
     NCRYPT_KEY_HANDLE key = aesKey(16, KSP_CHAINING_CBC);
     GuardedBuffer buffer(48);
     EXPECT_EQ(decrypt(key, buffer, NCRYPT_SILENT_FLAG), KSP_SUCCESS);
     fake::Call call = onlyCall("calyth_decryptSymetric");
     EXPECT_EQ(call.serial, "SN1");
-    EXPECT_EQ(call.args, (std::vector<std::string>{fake::hex(input), "48", "48", fake::hex(g_ivBuffer), "16",
+    EXPECT_EQ(call.args, (std::vector<std::string>{fake::hex(input), "48", "48", fake::hex(processIv()), "16",
                                                    fake::hex(aes), "16"}));
     std::vector<unsigned char> expected(input);
     for (size_t i = 0; i < expected.size(); ++i)
@@ -274,7 +274,7 @@ TEST_F(Decrypt, CbcDecryptsWithTheSharedIvIntoARoomOfCbInput) {
 }
 
 TEST_F(Decrypt, EcbPassesNoIv) {
-    g_ivBuffer.assign(16, 0x0A);
+    setProcessIv(std::vector<unsigned char>(16, 0x0A));
     GuardedBuffer buffer(48);
     EXPECT_EQ(decrypt(aesKey(32, KSP_CHAINING_ECB), buffer), KSP_SUCCESS);
     fake::Call call = onlyCall("calyth_decryptSymetric");

@@ -102,14 +102,14 @@ TEST_F(Encrypt, MissingInputIsAnInvalidParameterEvenForASizeQuery) {
 // Symmetric keys.
 
 TEST_F(Encrypt, TwentyFourByteKeyInCbcAsksForTypeTwoWithTheSharedIv) {
-    g_ivBuffer = keyBytes(16);
+    setProcessIv(keyBytes(16));
     NCRYPT_KEY_HANDLE key = aesKey(24, KSP_CHAINING_CBC);
     GuardedBuffer buffer(64);
     EXPECT_EQ(encrypt(key, buffer), KSP_SUCCESS);
     fake::Call call = onlyCall("calyth_encrypt_aes");
     EXPECT_EQ(call.serial, "SN1");
     EXPECT_EQ(call.args, (std::vector<std::string>{"2", fake::hex(aes), "24", fake::hex(input), "40", "false",
-                                                   fake::hex(g_ivBuffer), "16", "null", "0"}));
+                                                   fake::hex(processIv()), "16", "null", "0"}));
     EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric encrypt CBC mode"));
 }
 
@@ -120,7 +120,7 @@ TEST_F(Encrypt, SixteenByteKeyInCbcIsTypeOne) {
 }
 
 TEST_F(Encrypt, EcbPassesNoIv) {
-    g_ivBuffer = keyBytes(16);
+    setProcessIv(keyBytes(16));
     GuardedBuffer buffer(64);
     EXPECT_EQ(encrypt(aesKey(16, KSP_CHAINING_ECB), buffer), KSP_SUCCESS);
     EXPECT_EQ(encrypt(aesKey(32, KSP_CHAINING_ECB), buffer), KSP_SUCCESS);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "crypto_test_support.h"
 #include "token/token_table.h"
 
@@ -223,6 +225,19 @@ TEST_F(SignHash, PssOnFirmwareTwoPointZeroPasses) {
         EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_SUCCESS) << firmware;
     }
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 3u);
+}
+
+// The pieces are signed numbers: a negative major version is below 2, not a huge one.
+TEST_F(SignHash, PssOnFirmwareWithANegativePieceIsNotSupported) {
+    storeValidatedPin("SN1", "1234");
+    for (const char* firmware : {"-1.0.0", "2.-1", "1.-5.9"}) {
+        fake::clearCalls();
+        provider()->firmware = firmware;
+        GuardedBuffer buffer(256);
+        EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_NTE_NOT_SUPPORTED) << firmware;
+        EXPECT_TRUE(hasLogLine("ERROR", std::string("KSPSignHash: PSS not supported on firmware ") + firmware));
+        EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u) << firmware;
+    }
 }
 
 TEST_F(SignHash, PssOnATokenWithoutFirmwareTextIsNotSupported) {

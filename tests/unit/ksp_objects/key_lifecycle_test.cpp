@@ -257,19 +257,38 @@ TEST_F(KeyLifecycleTest, AGenerationFailureIsAnInternalError) {
     EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Key finalized successfully"));
 }
 
-TEST_F(KeyLifecycleTest, AFailedGenerationLeavesTheKeyReadyForAnotherTry) {
+// The key object is settled before the token is asked: after a failed RSA generation it reads
+// 2048 bits, and a second finalise meets its now non-zero, non-curve code.
+TEST_F(KeyLifecycleTest, AFailedRsaGenerationLeavesTheKeySettled) {
+    makeProvider();
+    storeValidatedPin("SN1", "1234");
+    NCRYPT_KEY_HANDLE handle = createKey(L"RSA");
+    fake::failNext("calyth_generateKeyPair", 12);
+    ASSERT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
+
+    DWORD length = 0;
+    DWORD size = 0;
+    ASSERT_EQ(KSPGetKeyProperty(provider_, handle, L"Length", reinterpret_cast<PBYTE>(&length), sizeof length,
+                                &size, 0),
+              0);
+    EXPECT_EQ(length, 2048u);
+    EXPECT_EQ(keyOf(handle)->algorithm, CALYTH_KEY_RSA_2048);
+    EXPECT_EQ(keyOf(handle)->finalized, 0);
+}
+
+TEST_F(KeyLifecycleTest, ASecondFinalizeAfterAFailedRsaGenerationIsNotSupported) {
     makeProvider();
     storeValidatedPin("SN1", "1234");
     NCRYPT_KEY_HANDLE handle = createKey(L"RSA");
     keyOf(handle)->bits = 1536;
     fake::failNext("calyth_generateKeyPair", 12);
     ASSERT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_EQ(keyOf(handle)->algorithm, 0);
-    EXPECT_EQ(keyOf(handle)->bits, 1536u);
-    ASSERT_EQ(KSPFinalizeKey(provider_, handle, 0), 0);
-    EXPECT_EQ(keyOf(handle)->algorithm, CALYTH_KEY_RSA_2048);
-    EXPECT_EQ(keyOf(handle)->finalized, 1);
-    EXPECT_EQ(myCallsTo("calyth_generateKeyPair").size(), 2u);
+    EXPECT_EQ(keyOf(handle)->bits, 1536u) << "an unoffered length is kept as given";
+
+    EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_NOT_SUPPORTED);
+    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=2"));
+    EXPECT_EQ(keyOf(handle)->finalized, 0);
+    EXPECT_EQ(myCallsTo("calyth_generateKeyPair").size(), 1u);
 }
 
 TEST_F(KeyLifecycleTest, SingleSignOnPassesThePinCheckWithAnEmptyPin) {
@@ -304,6 +323,8 @@ TEST_F(KeyLifecycleTest, AnExceptionFromTheDeviceStaysInsideTheProvider) {
     };
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
     EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unexpected failure"));
+    // A fresh key: the first one was settled to code 2 before the device call.
+    handle = createKey(L"RSA");
     fake::hooks().generateKeyPair = [](const char*, const char*, CalythKeyPair*) -> int {
         throw std::bad_alloc();
     };

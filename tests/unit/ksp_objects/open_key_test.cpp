@@ -250,7 +250,7 @@ TEST_F(OpenKeyTest, TheLegacyKeySpecDoesNotOverrideTheName) {
     EXPECT_EQ(keyOf(handle)->usage, CALYTH_USAGE_SIGNATURE);
 }
 
-TEST_F(OpenKeyTest, AnOversizedPublicKeyIsCutToTheObjectsField) {
+TEST_F(OpenKeyTest, AnOversizedPublicKeyIsRefusedNotCut) {
     CalythKeyPair big = fake::makeKeyPair(kOtherTokenId, CALYTH_USAGE_SIGNATURE, CALYTH_KEY_RSA_4096);
     for (size_t i = 0; i < sizeof big.publicKey; ++i)
         big.publicKey[i] = static_cast<unsigned char>(i * 7 + 1);
@@ -260,9 +260,10 @@ TEST_F(OpenKeyTest, AnOversizedPublicKeyIsCutToTheObjectsField) {
     NCRYPT_KEY_HANDLE handle = 0;
     ASSERT_EQ(open(kOtherTokenId, &handle), 0);
     KspKey* key = keyOf(handle);
-    EXPECT_EQ(key->publicKeyLength, 512u);
-    EXPECT_EQ(std::memcmp(key->publicKey, big.publicKey, 512), 0);
-    // The field that follows the public key in the object is untouched.
+    EXPECT_EQ(key->publicKeyLength, 0u);
+    EXPECT_TRUE(
+        hasLogLine("ERROR", "KSP: Public key from the token too long for the key object, length=1024"));
+    // The rest of the record is taken as usual.
     EXPECT_EQ(key->linkIdLength, static_cast<uint32_t>(big.objectIdLength));
     EXPECT_EQ(std::memcmp(key->linkId, big.objectId, key->linkIdLength), 0);
 }

@@ -225,52 +225,52 @@ TEST_F(KeySetPropertiesTest, AnIvOfTheAesBlockSizeIsTaken) {
     for (size_t i = 0; i < iv.size(); ++i)
         iv[i] = static_cast<BYTE>(0x40 + i);
     EXPECT_EQ(setKeyProperty(symmetricKey(16), L"IV", iv), 0);
-    EXPECT_EQ(g_ivBuffer, iv);
+    EXPECT_EQ(processIv(), iv);
     EXPECT_TRUE(hasLogLine("DEBUG", "KSP: IV set, size: 16"));
     std::vector<BYTE> other(16, 0x99);
     EXPECT_EQ(setKeyProperty(symmetricKey(32), L"IV", other), 0);
-    EXPECT_EQ(g_ivBuffer, other);
+    EXPECT_EQ(processIv(), other);
 }
 
 TEST_F(KeySetPropertiesTest, ATwelveByteIvOnAnAesKeyFailsAndKeepsThePreviousIv) {
     std::vector<BYTE> previous(16, 0x31);
-    g_ivBuffer = previous;
+    setProcessIv(previous);
     EXPECT_EQ(setKeyProperty(symmetricKey(16), L"IV", std::vector<BYTE>(12, 0x77)),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(g_ivBuffer, previous);
+    EXPECT_EQ(processIv(), previous);
     EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 12, expected 16"));
     EXPECT_EQ(setKeyProperty(symmetricKey(32), L"IV", std::vector<BYTE>(8, 0x77)), KSP_NTE_INVALID_PARAMETER);
     EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 8, expected 16"));
-    EXPECT_EQ(g_ivBuffer, previous);
+    EXPECT_EQ(processIv(), previous);
 }
 
 TEST_F(KeySetPropertiesTest, ATripleDesKeyWantsAnEightByteIv) {
     EXPECT_EQ(setKeyProperty(symmetricKey(24), L"IV", std::vector<BYTE>(16, 1)), KSP_NTE_INVALID_PARAMETER);
     EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 16, expected 8"));
     EXPECT_EQ(setKeyProperty(symmetricKey(24), L"IV", std::vector<BYTE>(8, 2)), 0);
-    EXPECT_EQ(g_ivBuffer, std::vector<BYTE>(8, 2));
+    EXPECT_EQ(processIv(), std::vector<BYTE>(8, 2));
 }
 
 TEST_F(KeySetPropertiesTest, OnATokenKeyPairAnyIvLengthIsTaken) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     EXPECT_EQ(setKeyProperty(key, L"IV", std::vector<BYTE>(5, 3)), 0);
-    EXPECT_EQ(g_ivBuffer, std::vector<BYTE>(5, 3));
+    EXPECT_EQ(processIv(), std::vector<BYTE>(5, 3));
     EXPECT_EQ(setKeyProperty(key, L"IV", std::vector<BYTE>(40, 4)), 0);
-    EXPECT_EQ(g_ivBuffer, std::vector<BYTE>(40, 4));
+    EXPECT_EQ(processIv(), std::vector<BYTE>(40, 4));
     // Other key lengths are not checked either.
     EXPECT_EQ(setKeyProperty(symmetricKey(20), L"IV", std::vector<BYTE>(3, 5)), 0);
-    EXPECT_EQ(g_ivBuffer, std::vector<BYTE>(3, 5));
+    EXPECT_EQ(processIv(), std::vector<BYTE>(3, 5));
 }
 
 TEST_F(KeySetPropertiesTest, AnEmptyIvClearsTheProcessWideIv) {
     NCRYPT_KEY_HANDLE key = symmetricKey(16);
-    g_ivBuffer.assign(16, 0x22);
+    setProcessIv(std::vector<unsigned char>(16, 0x22));
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"IV", nullptr, 16, 0), 0);
-    EXPECT_TRUE(g_ivBuffer.empty());
-    g_ivBuffer.assign(16, 0x22);
+    EXPECT_TRUE(processIv().empty());
+    setProcessIv(std::vector<unsigned char>(16, 0x22));
     std::vector<BYTE> some(16, 1);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"IV", some.data(), 0, 0), 0);
-    EXPECT_TRUE(g_ivBuffer.empty());
+    EXPECT_TRUE(processIv().empty());
     EXPECT_THAT(logLinesAt("DEBUG"),
                 ElementsAre("KSPSetKeyProperty", "KSP: IV cleared", "KSPSetKeyProperty", "KSP: IV cleared"));
 }
@@ -278,7 +278,7 @@ TEST_F(KeySetPropertiesTest, AnEmptyIvClearsTheProcessWideIv) {
 TEST_F(KeySetPropertiesTest, TheLastIvSetFromAnyKeyIsTheOneHeld) {
     EXPECT_EQ(setKeyProperty(symmetricKey(16), L"IV", std::vector<BYTE>(16, 0xA1)), 0);
     EXPECT_EQ(setKeyProperty(symmetricKey(24), L"IV", std::vector<BYTE>(8, 0xB2)), 0);
-    EXPECT_EQ(g_ivBuffer, std::vector<BYTE>(8, 0xB2));
+    EXPECT_EQ(processIv(), std::vector<BYTE>(8, 0xB2));
 }
 
 // ---- PIN ----
