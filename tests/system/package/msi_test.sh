@@ -132,7 +132,7 @@ echo "== upgrade to $(basename "$msi")"
 check "silent upgrade" msiexec_quiet upgrade /i "$(winpath "$msi")" ADDLOCAL=ALL
 layout "$version"
 sign "$work/app/$(basename "$signer")" upgrade
-check "token certificate still in the user's store after the upgrade" in_my_store
+check "token certificate in the user's store after the upgrade (calyth-agent --once of the new package)" in_my_store
 
 echo "== uninstall"
 kept_before=$(cd "$work/store" && find . | sort; find "$temp/Quorvik Labs" | sort)
