@@ -250,7 +250,7 @@ TEST_F(AgentPass, EachKeysCertificateGoesIntoMyWithTheKeyProviderInformationOfIt
         const Bytes* der;
         const char* keyId;
         DWORD type;
-        DWORD spec;
+        DWORD keySpec;
         const char* friendly;
     } expected[] = {
         {&signCert, kSignKey, PROV_RSA_FULL, AT_SIGNATURE, "AgentSign (Work token)"},
@@ -264,7 +264,7 @@ TEST_F(AgentPass, EachKeysCertificateGoesIntoMyWithTheKeyProviderInformationOfIt
         EXPECT_EQ(entry->keyProvider.provider, "Calyth Cryptographic Provider CSP") << e.friendly;
         EXPECT_EQ(entry->keyProvider.container, e.keyId) << e.friendly;
         EXPECT_EQ(entry->keyProvider.providerType, e.type) << e.friendly;
-        EXPECT_EQ(entry->keyProvider.keySpec, e.spec) << e.friendly;
+        EXPECT_EQ(entry->keyProvider.keySpec, e.keySpec) << e.friendly;
         EXPECT_EQ(entry->friendlyName, e.friendly);
         EXPECT_EQ(entry->description, "Added by calyth-agent from token SN-A");
     }
