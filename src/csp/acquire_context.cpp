@@ -11,6 +11,7 @@
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/device_library_loading.h"
 #include "token/device_monitor.h"
 #include "token/token_table.h"
 
@@ -86,6 +87,13 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR pszContainer, DWORD dwFl
             logDebug("CPAcquireContext: CRYPT_DELETEKEYSET, return TRUE");
             *phProv = 0;
             return TRUE;
+        }
+
+        // Verify-only contexts too: hashing and random numbers go to the device library as well.
+        if (!deviceLibraryAvailable()) {
+            logError("CPAcquireContext: device library not available, return FALSE");
+            SetLastError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
+            return FALSE;
         }
 
         std::unique_ptr<CspContext> context(new (std::nothrow) CspContext());

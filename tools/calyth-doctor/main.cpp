@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
     checkCryptoApiRegistration(&report, &providerDll);
     checkKeyStorageProvider(&report, providerDll);
     DeviceFunctions library;
-    checkDeviceLibrary(&report, &library);
+    checkDeviceLibrary(&report, providerDll, &library);
     checkLog(&report);
     checkTokens(&report, library);
     if (signTest) {
