@@ -14,6 +14,7 @@ packages=(
     openssl                                              # independent checks of keys and signatures
     ccache clang-format                                  # faster rebuilds, formatting
     clang libfuzzer-14-dev llvm libgcrypt20-dev          # native fuzz targets (tools/fuzz.sh)
+    clang-tidy                                           # static analysis (tools/analyse.sh); clang: tools/ci-checks.sh
 )
 
 installed() {

@@ -145,7 +145,7 @@ BOOL WINAPI CPReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
         logDebug("CPReleaseContext");
         if (dwFlags != 0) {
             char flags[16];
-            std::snprintf(flags, sizeof flags, "%08X", static_cast<unsigned>(dwFlags));
+            (void)std::snprintf(flags, sizeof flags, "%08X", static_cast<unsigned>(dwFlags));
             logError(std::string("CPReleaseContext: invalid dwFlags=0x") + flags);
             SetLastError(static_cast<DWORD>(NTE_BAD_FLAGS));
             return FALSE;
