@@ -63,21 +63,6 @@ std::vector<std::string> loadedDeviceLibraries() {
     return found;
 }
 
-LONG registerProviderAt(const std::string& image) {
-    HKEY key = nullptr;
-    LONG status = RegCreateKeyExA(HKEY_LOCAL_MACHINE, kProviderKey, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                  KEY_SET_VALUE, nullptr, &key, nullptr);
-    if (status != ERROR_SUCCESS)
-        return status;
-    DWORD type = PROV_RSA_FULL;
-    status = RegSetValueExA(key, "Image Path", 0, REG_SZ, reinterpret_cast<const BYTE*>(image.c_str()),
-                            static_cast<DWORD>(image.size() + 1));
-    if (status == ERROR_SUCCESS)
-        status = RegSetValueExA(key, "Type", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&type), sizeof type);
-    RegCloseKey(key);
-    return status;
-}
-
 class PlantedLibrary : public TokenStoreTest {};
 
 TEST_F(PlantedLibrary, TheTestBedPlantsADifferentLibraryBesideTheHost) {
