@@ -16,6 +16,7 @@ packages=(
     wixl msitools osslsigncode                           # the installer, its contents, signatures
     ccache clang-format                                  # faster rebuilds, formatting
     clang libfuzzer-14-dev llvm libgcrypt20-dev          # native fuzz targets (tools/fuzz.sh)
+    clang-tidy                                           # static analysis (tools/analyse.sh); clang: tools/ci-checks.sh
 )
 
 installed() {

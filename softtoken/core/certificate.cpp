@@ -43,8 +43,8 @@ std::string timeText(const FILETIME& time) {
     if (!FileTimeToSystemTime(&time, &utc))
         return "";
     char text[32];
-    std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", utc.wYear, utc.wMonth, utc.wDay,
-                  utc.wHour, utc.wMinute, utc.wSecond);
+    (void)std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", utc.wYear, utc.wMonth, utc.wDay,
+                        utc.wHour, utc.wMinute, utc.wSecond);
     return text;
 }
 

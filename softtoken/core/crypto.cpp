@@ -400,7 +400,7 @@ int ecdhSharedSecret(const PrivateKey& key, const unsigned char* peer, int peerL
     Bytes value = stripLeadingZeros(point.data(), point.size());
     if (value.size() != 2 * half + 1 || value[0] != 0x04)
         return kCryptoFailure;
-    secret.assign(value.begin() + 1, value.begin() + 1 + half);
+    secret.assign(value.data() + 1, value.data() + 1 + half);
     return kOk;
 }
 

@@ -49,7 +49,7 @@ bool pinMatches(const PinRecord& record, const std::string& pin) {
         return false;
     unsigned char difference = 0;
     for (size_t i = 0; i < derived.size(); ++i)
-        difference |= derived[i] ^ record.hash[i];
+        difference = static_cast<unsigned char>(difference | (derived[i] ^ record.hash[i]));
     if (difference != 0)
         return false;
     std::lock_guard<std::mutex> guard(cacheMutex);

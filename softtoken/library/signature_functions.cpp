@@ -20,7 +20,7 @@ bool pssOffered(const std::string& firmware) {
         size_t end = firmware.find('.', position);
         std::string text =
             firmware.substr(position, end == std::string::npos ? std::string::npos : end - position);
-        int value = text.empty() ? 0 : std::atoi(text.c_str());
+        long value = text.empty() ? 0 : std::strtol(text.c_str(), nullptr, 10);
         if (value != piece)
             return value > piece;
         position = end == std::string::npos ? firmware.size() : end + 1;

@@ -11,6 +11,7 @@
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "token/device_library_loading.h"
 #include "token/device_monitor.h"
 #include "token/token_table.h"
 
@@ -88,6 +89,13 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, LPCSTR pszContainer, DWORD dwFl
             return TRUE;
         }
 
+        // Verify-only contexts too: hashing and random numbers go to the device library as well.
+        if (!deviceLibraryAvailable()) {
+            logError("CPAcquireContext: device library not available, return FALSE");
+            SetLastError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
+            return FALSE;
+        }
+
         std::unique_ptr<CspContext> context(new (std::nothrow) CspContext());
         if (!context) {
             logError("CPAcquireContext: failed to allocate CSP context, return FALSE");
@@ -137,7 +145,7 @@ BOOL WINAPI CPReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
         logDebug("CPReleaseContext");
         if (dwFlags != 0) {
             char flags[16];
-            std::snprintf(flags, sizeof flags, "%08X", static_cast<unsigned>(dwFlags));
+            (void)std::snprintf(flags, sizeof flags, "%08X", static_cast<unsigned>(dwFlags));
             logError(std::string("CPReleaseContext: invalid dwFlags=0x") + flags);
             SetLastError(static_cast<DWORD>(NTE_BAD_FLAGS));
             return FALSE;

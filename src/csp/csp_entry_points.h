@@ -8,7 +8,7 @@
 // The table the operating system hands to CPAcquireContext. mingw's wincrypt.h declares it only
 // for targets older than Windows XP; the provider only checks the pointer for null.
 #if !defined(NTDDI_VERSION) || NTDDI_VERSION >= NTDDI_WINXP
-typedef struct _VTableProvStruc {
+typedef struct VTableProvStruc {
     DWORD Version;
     FARPROC FuncVerifyImage;
     FARPROC FuncReturnhWnd;

@@ -258,6 +258,7 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH /*hHash*/, BO
                       BYTE* pbData, DWORD* pdwDataLen, DWORD cbBufLen) {
     logDebug("CPEncrypt");
     return runEntryPoint("CPEncrypt",
+                         // NOLINTNEXTLINE(concurrency-mt-unsafe): this file's encrypt, not POSIX encrypt()
                          [&] { return encrypt(hProv, hKey, dwFlags, pbData, pdwDataLen, cbBufLen); });
 }
 

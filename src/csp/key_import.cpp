@@ -59,7 +59,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& 
     switch (parseCapiRsaPublicKey(pbData, cbData, &parsed)) {
         case CapiPublicKeyResult::BadMagic: {
             char actual[16];
-            std::snprintf(actual, sizeof actual, "%x", parsed.magic);
+            (void)std::snprintf(actual, sizeof actual, "%x", parsed.magic);
             return failWithError(
                 static_cast<DWORD>(NTE_BAD_DATA),
                 std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);

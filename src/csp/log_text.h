@@ -10,15 +10,15 @@
 // Eight upper-case hexadecimal digits, as "%08X" writes them.
 inline std::string hex8Text(uint32_t value) {
     char text[16];
-    std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(value));
+    (void)std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(value));
     return text;
 }
 
 // A pointer in upper-case hexadecimal without leading zeros.
 inline std::string pointerHexText(const void* pointer) {
     char text[32];
-    std::snprintf(text, sizeof text, "%llX",
-                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer)));
+    (void)std::snprintf(text, sizeof text, "%llX",
+                        static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer)));
     return text;
 }
 

@@ -14,6 +14,7 @@ namespace {
 BOOL setClientWindow(CspContext* context, const BYTE* pbData) {
     HWND window = nullptr;
     if (pbData != nullptr)
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the value is the window handle itself
         std::memcpy(&window, pbData, sizeof window);
     context->clientWindow = window;
     return TRUE;

@@ -239,6 +239,7 @@ SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
                                   DWORD cbInput, VOID* /*pPaddingInfo*/, PBYTE pbOutput, DWORD cbOutput,
                                   DWORD* pcbResult, DWORD dwFlags) {
     return runKspOperation("KSPEncrypt", [&] {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this file's encrypt, not POSIX encrypt()
         return encrypt(hProvider, hKey, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
     });
 }

@@ -73,11 +73,11 @@ SECURITY_STATUS exportEccPublicBlob(const KspKey* key, PBYTE pbOutput, DWORD cbO
         return kspFail(KSP_NTE_NOT_SUPPORTED, "KSPExportKey: key is not ECC");
 
     auto cbKey = static_cast<uint32_t>((stored - 1) / 2);
-    DWORD size = sizeof(BCRYPT_ECCKEY_BLOB) + 2 * cbKey;
+    DWORD size = static_cast<DWORD>(sizeof(BCRYPT_ECCKEY_BLOB)) + 2 * cbKey;
     std::vector<unsigned char> blob(size);
     putWord(&blob, 0, eccMagic(key->algorithm, key->usage));
     putWord(&blob, 4, cbKey);
-    std::memcpy(blob.data() + sizeof(BCRYPT_ECCKEY_BLOB), key->publicKey + 1, 2 * cbKey);
+    std::memcpy(blob.data() + sizeof(BCRYPT_ECCKEY_BLOB), key->publicKey + 1, 2 * size_t{cbKey});
     SECURITY_STATUS status = writeSizedOutput(blob.data(), size, pbOutput, cbOutput, pcbResult);
     if (status == KSP_NTE_BUFFER_TOO_SMALL)
         return kspFail(

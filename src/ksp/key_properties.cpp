@@ -139,8 +139,10 @@ SECURITY_STATUS setCertificate(const KspProvider* provider, const KspKey* key, c
 
 // Unlike the provider-level set, a missing or short value leaves the window as it is.
 SECURITY_STATUS setWindow(KspProvider* provider, const BYTE* pbInput, DWORD cbInput) {
+    // NOLINTBEGIN(bugprone-sizeof-expression): the value is the window handle itself
     if (pbInput != nullptr && cbInput >= sizeof provider->window)
         std::memcpy(&provider->window, pbInput, sizeof provider->window);
+    // NOLINTEND(bugprone-sizeof-expression)
     return KSP_SUCCESS;
 }
 

@@ -16,6 +16,7 @@
 #include "ksp/ksp_objects.h"
 #include "log/log.h"
 #include "token/device_library.h"
+#include "token/device_library_loading.h"
 #include "token/device_monitor.h"
 #include "token/token_table.h"
 
@@ -47,6 +48,8 @@ SECURITY_STATUS openProvider(NCRYPT_PROV_HANDLE* phProvider) {
     logDebug("KSPOpenProvider");
     if (phProvider == nullptr)
         return kspFail(KSP_NTE_INVALID_PARAMETER, "KSPOpenProvider: phProvider is null");
+    if (!deviceLibraryAvailable())
+        return kspFail(KSP_NTE_PROVIDER_DLL_FAIL, "KSPOpenProvider: device library not available");
     std::unique_ptr<KspProvider> provider(new (std::nothrow) KspProvider{});
     if (!provider)
         return kspFail(KSP_NTE_NO_MEMORY, "KSPOpenProvider: failed to allocate provider");

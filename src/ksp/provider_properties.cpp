@@ -68,8 +68,10 @@ SECURITY_STATUS setProviderProperty(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszPro
     if (sameWide(pszProperty, NCRYPT_WINDOW_HANDLE_PROPERTY)) {
         // Unlike the key-level set, a missing or short value clears the window.
         HWND window = nullptr;
+        // NOLINTBEGIN(bugprone-sizeof-expression): the value is the window handle itself
         if (pbInput != nullptr && cbInput >= sizeof window)
             std::memcpy(&window, pbInput, sizeof window);
+        // NOLINTEND(bugprone-sizeof-expression)
         provider->window = window;
         return KSP_SUCCESS;
     }

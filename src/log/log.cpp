@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <fstream>
 #include <vector>
@@ -51,7 +50,7 @@ int getLogLevel() {
     }
     // Only the first byte counts, read as a signed byte: a REG_DWORD 259 reads as 3 and a
     // REG_SZ "3" as 51 (so the default), a first byte 0xFF as -1.
-    int level = static_cast<signed char>(data[0]);
+    int level = data[0] > 127 ? data[0] - 256 : data[0];
     return level <= LOG_LEVEL_DEBUG ? level : LOG_LEVEL_ERROR;
 }
 
@@ -91,7 +90,7 @@ std::string getProcessName() {
 int createLogFolder(const char* path) {
     try {
         char buffer[1024];
-        std::snprintf(buffer, sizeof buffer, "%s", path);
+        (void)std::snprintf(buffer, sizeof buffer, "%s", path);  // a longer path is cut, as before
         // Stops after the first folder it actually creates: on a fresh machine the first log
         // call makes only "Quorvik Labs", the second the process folder, and lines are written
         // from the third call on. Existing folders make CreateDirectoryA fail and the walk go on.
@@ -124,9 +123,12 @@ void writeLog(int32_t level, const std::string& message) {
         appendBounded(path, sizeof path, "/");
         std::string folders = path;
 
-        char date[64];
-        std::time_t now = std::time(nullptr);
-        std::strftime(date, sizeof date, "%Y-%m-%d", std::localtime(&now));
+        // GetLocalTime, not localtime: no buffer shared between threads, no null result.
+        SYSTEMTIME today;
+        GetLocalTime(&today);
+        char date[16];
+        (void)std::snprintf(date, sizeof date, "%04d-%02d-%02d", today.wYear, today.wMonth,  // always fits
+                            today.wDay);
         appendBounded(path, sizeof path, date);
         appendBounded(path, sizeof path, ".LOG");
 
@@ -143,8 +145,8 @@ void writeLog(int32_t level, const std::string& message) {
             SYSTEMTIME t;
             GetLocalTime(&t);
             char stamp[64];
-            std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ", t.wDay, t.wMonth, t.wHour,
-                          t.wMinute, t.wSecond, t.wMilliseconds);
+            (void)std::snprintf(stamp, sizeof stamp, "%02d/%02d::%02d:%02d:%02d:%03d-> ",  // always fits
+                                t.wDay, t.wMonth, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
             // One buffer, one flush: concurrent writers rely on append mode alone.
             std::string line = std::string(stamp) + "->" + tagOf(level) + message + "\n";
             file.write(line.data(), static_cast<std::streamsize>(line.size()));

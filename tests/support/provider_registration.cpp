@@ -16,12 +16,15 @@ std::string providerImagePath() {
 }
 
 LONG registerProvider() {
+    return registerProviderAt(providerImagePath());
+}
+
+LONG registerProviderAt(const std::string& image) {
     HKEY key = nullptr;
     LONG status = RegCreateKeyExA(HKEY_LOCAL_MACHINE, kProviderKey, 0, nullptr, REG_OPTION_NON_VOLATILE,
                                   KEY_SET_VALUE, nullptr, &key, nullptr);
     if (status != ERROR_SUCCESS)
         return status;
-    std::string image = providerImagePath();
     DWORD type = PROV_RSA_FULL;
     status = RegSetValueExA(key, "Image Path", 0, REG_SZ, reinterpret_cast<const BYTE*>(image.c_str()),
                             static_cast<DWORD>(image.size() + 1));

@@ -23,6 +23,8 @@ std::string providerImagePath();
 // Writes HKLM\<kProviderKey> with "Image Path" (REG_SZ, providerImagePath()) and "Type"
 // (REG_DWORD 1, PROV_RSA_FULL). Answers the registry status.
 LONG registerProvider();
+// The same with another image path.
+LONG registerProviderAt(const std::string& image);
 // Reads back the registered image path and type; false when the key or a value is missing.
 bool readRegistration(std::string* imagePath, DWORD* type);
 

@@ -34,7 +34,9 @@ void checkKeyStorageProvider(Report* report, const std::string& providerDll);
 
 // CalythDSCLibrary.dll where the loader finds it, with all its functions; *library is loaded when
 // the check passed.
-void checkDeviceLibrary(Report* report, DeviceFunctions* library);
+// Looks for the device library beside the registered provider (providerDll), or in the system
+// folder when no provider was found.
+void checkDeviceLibrary(Report* report, const std::string& providerDll, DeviceFunctions* library);
 
 // The log level as the provider reads it, the log folder and today's log files.
 void checkLog(Report* report);

@@ -7,32 +7,23 @@ namespace {
 
 constexpr const char* kName = "Device library";
 
-std::string whereFound(const std::string& path) {
-    std::string folder = folderOf(path);
-    if (sameTextIgnoringCase(folder, systemFolder()))
-        return "in the system folder, where every application finds it";
-    if (sameTextIgnoringCase(folder, programFolder()))
-        return "beside calyth-doctor.exe: applications in other folders find it only in the system folder, "
-               "beside themselves or on PATH";
-    return "on PATH or in the Windows folder";
-}
-
 }  // namespace
 
-void checkDeviceLibrary(Report* report, DeviceFunctions* library) {
+void checkDeviceLibrary(Report* report, const std::string& providerDll, DeviceFunctions* library) {
+    // The provider loads the library from its own folder only, never through the loader's search.
+    const std::string folder = (providerDll.empty() ? systemFolder() : folderOf(providerDll)) + "\\";
     DWORD error = 0;
     std::vector<std::string> missing;
-    if (!loadDeviceFunctions(library, &error, &missing)) {
-        Check check = makeCheck(
-            kName, Verdict::Fail,
-            error == ERROR_BAD_EXE_FORMAT
-                ? "CalythDSCLibrary.dll is found but is not a 64-bit DLL"
-                : "CalythDSCLibrary.dll is not found where the loader looks: " + describeError(error),
-            "install the token maker's device library package (it puts CalythDSCLibrary.dll "
-            "in the system folder " +
-                systemFolder() + "); without it the provider does not load at all");
-        check.facts.push_back("looked beside calyth-doctor.exe (" + programFolder() + "), in " +
-                              systemFolder() + ", the Windows folder and on PATH");
+    if (!loadDeviceFunctions(folder, library, &error, &missing)) {
+        Check check =
+            makeCheck(kName, Verdict::Fail,
+                      error == ERROR_BAD_EXE_FORMAT
+                          ? "CalythDSCLibrary.dll is found but is not a 64-bit DLL"
+                          : "CalythDSCLibrary.dll is not found beside the provider: " + describeError(error),
+                      "install the token maker's device library package (it puts CalythDSCLibrary.dll "
+                      "beside CalythCSP.dll in the system folder " +
+                          systemFolder() + "); without it the provider does not open");
+        check.facts.push_back("looked in " + folder);
         report->push_back(check);
         return;
     }
@@ -40,7 +31,6 @@ void checkDeviceLibrary(Report* report, DeviceFunctions* library) {
     std::string version = fileVersionText(library->path);
     check.facts.push_back("file: " + library->path + ", " + sizeText(fileSize(library->path)) +
                           (version.empty() ? "" : ", version " + version));
-    check.facts.push_back("found " + whereFound(library->path));
     if (!missing.empty()) {
         std::string names;
         for (const std::string& name : missing)

@@ -24,12 +24,12 @@ long long fileSize(const std::string& path) {
 
 std::string sizeText(long long bytes) {
     char text[32];
-    if (bytes >= 1024 * 1024)
-        std::snprintf(text, sizeof text, "%.1f MB", bytes / (1024.0 * 1024.0));
+    if (bytes >= 1024LL * 1024)
+        (void)std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / (1024.0 * 1024.0));
     else if (bytes >= 1024)
-        std::snprintf(text, sizeof text, "%lld KB", bytes / 1024);
+        (void)std::snprintf(text, sizeof text, "%lld KB", bytes / 1024);
     else
-        std::snprintf(text, sizeof text, "%lld bytes", bytes);
+        (void)std::snprintf(text, sizeof text, "%lld bytes", bytes);
     return text;
 }
 
@@ -70,9 +70,11 @@ std::string expandEnvironment(const std::string& text) {
 }
 
 std::string todayText() {
-    std::time_t now = std::time(nullptr);
+    // GetLocalTime, not localtime: no buffer shared between threads, no null result.
+    SYSTEMTIME today;
+    GetLocalTime(&today);
     char text[16] = {};
-    std::strftime(text, sizeof text, "%Y-%m-%d", std::localtime(&now));
+    (void)std::snprintf(text, sizeof text, "%04d-%02d-%02d", today.wYear, today.wMonth, today.wDay);
     return text;
 }
 

@@ -46,7 +46,7 @@ std::string storedValue(bool* present, DWORD* type) {
                std::string(reinterpret_cast<char*>(data), strnlen(reinterpret_cast<char*>(data), size)) +
                "\"";
     char hex[4];
-    std::snprintf(hex, sizeof hex, "%02X", data[0]);
+    (void)std::snprintf(hex, sizeof hex, "%02X", data[0]);
     return text + "starting with byte " + hex;
 }
 

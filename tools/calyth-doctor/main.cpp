@@ -37,7 +37,7 @@ const char* kUsage =
     "               signature key of the connected tokens\n";
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "calyth-doctor: %s\n\n%s", message.c_str(), kUsage);
+    (void)std::fprintf(stderr, "calyth-doctor: %s\n\n%s", message.c_str(), kUsage);
     return 2;
 }
 
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
 
     // The provider loaded by the checks prints its own log troubles on standard output; they must
     // not mix with the report (the JSON above all).
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
     int savedOutput = _dup(1);
     int discard = _open("NUL", _O_WRONLY);
     if (discard >= 0)
@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
     checkCryptoApiRegistration(&report, &providerDll);
     checkKeyStorageProvider(&report, providerDll);
     DeviceFunctions library;
-    checkDeviceLibrary(&report, &library);
+    checkDeviceLibrary(&report, providerDll, &library);
     checkLog(&report);
     checkTokens(&report, library);
     checkCertificateAgent(&report, library);
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
     // The PIN is not needed any more; nothing below may show it.
     SecureZeroMemory(&signRequest.pin[0], signRequest.pin.size());
 
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
     if (savedOutput >= 0)
         _dup2(savedOutput, 1);
     if (json)

@@ -135,8 +135,8 @@ std::string fileVersionText(const std::string& path) {
                        &length) &&
         length >= sizeof *translation) {
         char key[64];
-        std::snprintf(key, sizeof key, "\\StringFileInfo\\%04x%04x\\FileDescription", translation->language,
-                      translation->codePage);
+        (void)std::snprintf(key, sizeof key, "\\StringFileInfo\\%04x%04x\\FileDescription",
+                            translation->language, translation->codePage);
         char* description = nullptr;
         if (VerQueryValueA(data.data(), key, reinterpret_cast<void**>(&description), &length) &&
             description && *description)

@@ -146,10 +146,9 @@ Check checkView(const View& view, const Registration& registration, std::string*
             DWORD error = GetLastError();
             check.verdict = Verdict::Fail;
             check.detail = path + " does not load: " + describeError(error);
-            check.remedy = error == ERROR_MOD_NOT_FOUND
-                               ? "a DLL it needs is missing: usually the device library CalythDSCLibrary.dll "
-                                 "(see the device library check below)"
-                               : "reinstall the provider";
+            // The device library is delay-loaded: a missing one does not stop the load.
+            check.remedy = error == ERROR_MOD_NOT_FOUND ? "a system DLL it needs is missing: repair Windows"
+                                                        : "reinstall the provider";
             return check;
         }
         FreeLibrary(module);

@@ -39,7 +39,7 @@ std::string jsonString(const std::string& text) {
             out += static_cast<char>(c);
         } else if (c < 0x20) {
             char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            (void)std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
             out += escaped;
         } else {
             out += static_cast<char>(c);
@@ -68,34 +68,35 @@ Check makeCheck(const std::string& name, Verdict verdict, const std::string& det
 }
 
 void printText(const Report& report, FILE* out) {
-    std::fprintf(out, "calyth-doctor %s: Calyth Cryptographic Provider CSP on this machine\n\n",
-                 CALYTH_VERSION_TEXT);
+    (void)std::fprintf(out, "calyth-doctor %s: Calyth Cryptographic Provider CSP on this machine\n\n",
+                       CALYTH_VERSION_TEXT);
     for (const Check& check : report) {
-        std::fprintf(out, "%s %s: %s\n", verdictTag(check.verdict), check.name.c_str(), check.detail.c_str());
+        (void)std::fprintf(out, "%s %s: %s\n", verdictTag(check.verdict), check.name.c_str(),
+                           check.detail.c_str());
         for (const std::string& fact : check.facts)
-            std::fprintf(out, "         %s\n", fact.c_str());
+            (void)std::fprintf(out, "         %s\n", fact.c_str());
         if (!check.remedy.empty() && (check.verdict == Verdict::Fail || check.verdict == Verdict::Warn))
-            std::fprintf(out, "         what to do: %s\n", check.remedy.c_str());
+            (void)std::fprintf(out, "         what to do: %s\n", check.remedy.c_str());
     }
-    std::fprintf(out, "\n%zu checks: %zu ok, %zu warn, %zu failed, %zu skipped\n", report.size(),
-                 countOf(report, Verdict::Ok), countOf(report, Verdict::Warn), countOf(report, Verdict::Fail),
-                 countOf(report, Verdict::Skip));
+    (void)std::fprintf(out, "\n%zu checks: %zu ok, %zu warn, %zu failed, %zu skipped\n", report.size(),
+                       countOf(report, Verdict::Ok), countOf(report, Verdict::Warn),
+                       countOf(report, Verdict::Fail), countOf(report, Verdict::Skip));
 }
 
 void printJson(const Report& report, FILE* out) {
-    std::fprintf(out, "{\n  \"tool\": \"calyth-doctor\",\n  \"version\": %s,\n  \"checks\": [",
-                 jsonString(CALYTH_VERSION_TEXT).c_str());
+    (void)std::fprintf(out, "{\n  \"tool\": \"calyth-doctor\",\n  \"version\": %s,\n  \"checks\": [",
+                       jsonString(CALYTH_VERSION_TEXT).c_str());
     for (size_t i = 0; i < report.size(); ++i) {
         const Check& check = report[i];
-        std::fprintf(out, "%s\n    {\"check\": %s, \"verdict\": %s, \"detail\": %s, \"facts\": [",
-                     i ? "," : "", jsonString(check.name).c_str(),
-                     jsonString(verdictWord(check.verdict)).c_str(), jsonString(check.detail).c_str());
+        (void)std::fprintf(out, "%s\n    {\"check\": %s, \"verdict\": %s, \"detail\": %s, \"facts\": [",
+                           i ? "," : "", jsonString(check.name).c_str(),
+                           jsonString(verdictWord(check.verdict)).c_str(), jsonString(check.detail).c_str());
         for (size_t f = 0; f < check.facts.size(); ++f)
-            std::fprintf(out, "%s%s", f ? ", " : "", jsonString(check.facts[f]).c_str());
-        std::fprintf(out, "], \"remedy\": %s}", jsonString(check.remedy).c_str());
+            (void)std::fprintf(out, "%s%s", f ? ", " : "", jsonString(check.facts[f]).c_str());
+        (void)std::fprintf(out, "], \"remedy\": %s}", jsonString(check.remedy).c_str());
     }
-    std::fprintf(out, "\n  ],\n  \"failed\": %zu,\n  \"warnings\": %zu\n}\n", countOf(report, Verdict::Fail),
-                 countOf(report, Verdict::Warn));
+    (void)std::fprintf(out, "\n  ],\n  \"failed\": %zu,\n  \"warnings\": %zu\n}\n",
+                       countOf(report, Verdict::Fail), countOf(report, Verdict::Warn));
 }
 
 int exitCode(const Report& report) {
@@ -104,7 +105,7 @@ int exitCode(const Report& report) {
 
 std::string describeError(DWORD code) {
     char hex[16];
-    std::snprintf(hex, sizeof hex, "0x%08lX", static_cast<unsigned long>(code));
+    (void)std::snprintf(hex, sizeof hex, "0x%08lX", static_cast<unsigned long>(code));
     char text[512] = {};
     DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code,
                                   0, text, sizeof text, nullptr);

@@ -62,7 +62,7 @@ bool writeFile(const std::string& path, const Bytes& bytes) {
 }
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "calyth-sign: %s\n\n%s", message.c_str(), kUsage);
+    (void)std::fprintf(stderr, "calyth-sign: %s\n\n%s", message.c_str(), kUsage);
     return 2;
 }
 
@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
 
     Bytes document;
     if (!readFile(values["--in"], &document)) {
-        std::fprintf(stderr, "calyth-sign: cannot read '%s'\n", values["--in"].c_str());
+        (void)std::fprintf(stderr, "calyth-sign: cannot read '%s'\n", values["--in"].c_str());
         return 1;
     }
     Bytes output;
@@ -149,12 +149,12 @@ int main(int argc, char** argv) {
                  : signHash(request, document, &output, &failure);
     }
     if (!ok) {
-        std::fprintf(stderr, "calyth-sign: %s failed: 0x%08lX\n", failure.step.c_str(),
-                     static_cast<unsigned long>(failure.error));
+        (void)std::fprintf(stderr, "calyth-sign: %s failed: 0x%08lX\n", failure.step.c_str(),
+                           static_cast<unsigned long>(failure.error));
         return 1;
     }
     if (!writeFile(values["--out"], output)) {
-        std::fprintf(stderr, "calyth-sign: cannot write '%s'\n", values["--out"].c_str());
+        (void)std::fprintf(stderr, "calyth-sign: cannot write '%s'\n", values["--out"].c_str());
         return 1;
     }
     std::printf("%s: %u bytes (%s, %s) written to %s\n",

@@ -38,15 +38,16 @@ const Command* findCommand(const std::string& name) {
 }
 
 void printOverview(FILE* out) {
-    std::fprintf(out,
-                 "usage: calyth-token [--store FOLDER] COMMAND [OPTIONS]\n"
-                 "       calyth-token COMMAND --help\n"
-                 "       calyth-token --version\n\n"
-                 "Manages the soft tokens that CalythDSCLibrary.dll serves. The store is FOLDER, else\n"
-                 "the environment variable CALYTH_TOKEN_STORE, else Calyth\\SoftToken under the user's\n"
-                 "local application data.\n\ncommands:\n");
+    (void)std::fprintf(
+        out,
+        "usage: calyth-token [--store FOLDER] COMMAND [OPTIONS]\n"
+        "       calyth-token COMMAND --help\n"
+        "       calyth-token --version\n\n"
+        "Manages the soft tokens that CalythDSCLibrary.dll serves. The store is FOLDER, else\n"
+        "the environment variable CALYTH_TOKEN_STORE, else Calyth\\SoftToken under the user's\n"
+        "local application data.\n\ncommands:\n");
     for (const Command* c : allCommands())
-        std::fprintf(out, "  %-14s %s\n", c->name, c->summary);
+        (void)std::fprintf(out, "  %-14s %s\n", c->name, c->summary);
 }
 
 bool isHelp(const std::string& word) {
@@ -81,7 +82,7 @@ int main(int argc, char** argv) {
     }
     const Command* command = findCommand(words[0]);
     if (!command) {
-        std::fprintf(stderr, "calyth-token: unknown command '%s'\n\n", words[0].c_str());
+        (void)std::fprintf(stderr, "calyth-token: unknown command '%s'\n\n", words[0].c_str());
         printOverview(stderr);
         return 2;
     }
@@ -96,13 +97,14 @@ int main(int argc, char** argv) {
         softtoken::ensureCryptoReady();
         return command->run(parseArguments(*command, words));
     } catch (const UsageError& e) {
-        std::fprintf(stderr, "calyth-token %s: %s\n\nusage: %s\n", command->name, e.what(), command->usage);
+        (void)std::fprintf(stderr, "calyth-token %s: %s\n\nusage: %s\n", command->name, e.what(),
+                           command->usage);
         return 2;
     } catch (const CommandError& e) {
-        std::fprintf(stderr, "calyth-token %s: %s\n", command->name, e.what());
+        (void)std::fprintf(stderr, "calyth-token %s: %s\n", command->name, e.what());
         return 1;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "calyth-token %s: %s\n", command->name, e.what());
+        (void)std::fprintf(stderr, "calyth-token %s: %s\n", command->name, e.what());
         return 1;
     }
 }

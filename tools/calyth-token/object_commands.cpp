@@ -129,8 +129,8 @@ int runExportPubkey(const Arguments& a) {
     std::string content = a.has("--der") ? std::string(der.begin(), der.end()) : toPem(der, "PUBLIC KEY");
     if (a.has("--out"))
         writeOutputFile(a.value("--out"), content);
-    else
-        std::fwrite(content.data(), 1, content.size(), stdout);
+    else if (std::fwrite(content.data(), 1, content.size(), stdout) != content.size())
+        return 1;  // a closed or full standard output loses the key: say so in the exit code
     return 0;
 }
 

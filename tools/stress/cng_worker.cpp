@@ -54,7 +54,7 @@ void signAndDecrypt(Run& run, ThreadState& thread, cngtest::CngClient& client, N
             completed(run, thread);
     }
     thread.step = "Encrypt";
-    Bytes plain(message.begin(), message.begin() + std::min<size_t>(message.size(), 32));
+    Bytes plain(message.data(), message.data() + std::min<size_t>(message.size(), 32));
     Bytes cipher;
     status = client.encrypt(provider, key, plain, nullptr, &cipher, NCRYPT_PAD_PKCS1_FLAG);
     if (status) {

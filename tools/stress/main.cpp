@@ -122,7 +122,7 @@ void watchdog(Run& run, std::vector<ThreadState>& threads) {
             std::printf("  %-8s in %-32s %ld operations, last one %llu s ago\n", thread.name.c_str(),
                         thread.step.load(), thread.operations.load(),
                         (now - thread.lastOperationTick) / 1000);
-        std::fflush(stdout);
+        (void)std::fflush(stdout);  // the process ends next: nothing to do when the report is lost
         TerminateProcess(GetCurrentProcess(), 3);
     }
 }
@@ -249,7 +249,7 @@ void completed(Run& run, ThreadState& thread) {
 
 void failed(Run& run, const char* call, unsigned long code) {
     char text[128];
-    std::snprintf(text, sizeof text, "%s 0x%lx", call, code);
+    (void)std::snprintf(text, sizeof text, "%s 0x%lx", call, code);  // call names are short; cut at worst
     std::lock_guard<std::mutex> lock(run.tally.failuresMutex);
     ++run.tally.failures[text];
 }
@@ -284,6 +284,13 @@ bool verifiesOutside(HCRYPTPROV system, const Token& token, const Bytes& message
 }  // namespace stress
 
 int main(int argc, char** argv) {
-    int seconds = argc > 1 ? std::atoi(argv[1]) : 60;
-    return stress::runStress(seconds > 0 ? seconds : 60);
+    // Anything but a whole number of seconds from 1 to a day runs the default minute.
+    long seconds = 60;
+    if (argc > 1) {
+        char* end = nullptr;
+        seconds = std::strtol(argv[1], &end, 10);
+        if (end == argv[1] || *end != '\0' || seconds < 1 || seconds > 24 * 3600)
+            seconds = 60;
+    }
+    return stress::runStress(static_cast<int>(seconds));
 }

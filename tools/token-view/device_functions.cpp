@@ -22,8 +22,10 @@ bool DeviceFunctions::complete() const {
            decryptSymetric && ecdhDerive && generateRamdomNumber;
 }
 
-bool loadDeviceFunctions(DeviceFunctions* library, DWORD* error, std::vector<std::string>* missing) {
-    HMODULE module = LoadLibraryA("CalythDSCLibrary.dll");
+bool loadDeviceFunctions(const std::string& folder, DeviceFunctions* library, DWORD* error,
+                         std::vector<std::string>* missing) {
+    HMODULE module = LoadLibraryExA((folder + "CalythDSCLibrary.dll").c_str(), nullptr,
+                                    LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
     if (!module) {
         *error = GetLastError();
         return false;

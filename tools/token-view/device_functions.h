@@ -48,8 +48,9 @@ struct DeviceFunctions {
 
 constexpr int kDeviceFunctionCount = 27;
 
-// LoadLibrary("CalythDSCLibrary.dll") with the loader's search order. False with *error set when it
-// does not load; otherwise the functions it lacks are named in *missing.
-bool loadDeviceFunctions(DeviceFunctions* library, DWORD* error, std::vector<std::string>* missing);
+// Loads <folder>CalythDSCLibrary.dll by its full path, as the provider does from its own folder.
+// False with *error set when it does not load; otherwise the functions it lacks are named in *missing.
+bool loadDeviceFunctions(const std::string& folder, DeviceFunctions* library, DWORD* error,
+                         std::vector<std::string>* missing);
 
 }  // namespace tokenview

@@ -43,10 +43,10 @@ Bytes concat(Bytes a, const Bytes& b) {
 class Ecdh : public CngSystemTest, public ::testing::WithParamInterface<Curve> {
 protected:
     // An OpenSSL peer key on the curve; its uncompressed point goes into an ECCPUBLICBLOB.
-    Bytes peerBlob(const std::string& peerKeyPath) {
+    Bytes peerBlob(const std::string& peerPemPath) {
         std::string der = testsupport::tempPath("peer_public.der");
         std::string output;
-        EXPECT_EQ(testsupport::runOpenSsl("pkey -in " + testsupport::unixPath(peerKeyPath) +
+        EXPECT_EQ(testsupport::runOpenSsl("pkey -in " + testsupport::unixPath(peerPemPath) +
                                               " -pubout -outform DER -out " + testsupport::unixPath(der),
                                           &output),
                   0)
@@ -67,12 +67,12 @@ protected:
     }
 
     // What OpenSSL computes from the peer's side with the token key's public key.
-    Bytes opensslSecret(const std::string& peerKeyPath, const std::string& tokenKeyId) {
+    Bytes opensslSecret(const std::string& peerPemPath, const std::string& keyId) {
         std::string tokenPem =
-            testsupport::exportPublicKey(kSerial, tokenKeyId, testsupport::tempPath("token_public.pem"));
+            testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath("token_public.pem"));
         EXPECT_FALSE(tokenPem.empty());
         std::string output;
-        EXPECT_EQ(testsupport::runOpenSsl("pkeyutl -derive -inkey " + testsupport::unixPath(peerKeyPath) +
+        EXPECT_EQ(testsupport::runOpenSsl("pkeyutl -derive -inkey " + testsupport::unixPath(peerPemPath) +
                                               " -peerkey " + testsupport::unixPath(tokenPem) + " -out " +
                                               unixTemp("z.bin"),
                                           &output),
@@ -160,8 +160,8 @@ TEST_P(Ecdh, ConcatDerivationHashesAlgorithmIdPartyUAndSecret) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Curves, Ecdh, ::testing::ValuesIn(kCurves),
-                         [](const ::testing::TestParamInfo<Curve>& info) {
-                             return std::string(info.param.tokenType);
+                         [](const ::testing::TestParamInfo<Curve>& testInfo) {
+                             return std::string(testInfo.param.tokenType);
                          });
 
 }  // namespace

@@ -33,7 +33,7 @@ void startLog();
 
 // A provider opened through the client on a key; both handles freed at the end of the scope.
 struct OpenedKey {
-    explicit OpenedKey(cngtest::CngClient& client) : client(client) {}
+    explicit OpenedKey(cngtest::CngClient& clientOfKey) : client(clientOfKey) {}
     ~OpenedKey();
     OpenedKey(const OpenedKey&) = delete;
     OpenedKey& operator=(const OpenedKey&) = delete;

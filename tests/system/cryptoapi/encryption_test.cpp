@@ -231,8 +231,8 @@ TEST_P(EncryptionPerPadding, ExportedBlobImportedAgainEncryptsForTheToken) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Paddings, EncryptionPerPadding, ::testing::ValuesIn(kPaddings),
-                         [](const ::testing::TestParamInfo<PaddingCase>& info) {
-                             return std::string(info.param.name);
+                         [](const ::testing::TestParamInfo<PaddingCase>& testInfo) {
+                             return std::string(testInfo.param.name);
                          });
 
 TEST_F(Encryption, ShortBufferIsRefusedWithMoreDataAndTheNeededSize) {

@@ -123,8 +123,8 @@ INSTANTIATE_TEST_SUITE_P(Hashes, SigningPerHash,
                          ::testing::Values(HashCase{CALG_SHA1, "sha1"}, HashCase{CALG_SHA_256, "sha256"},
                                            HashCase{CALG_SHA_384, "sha384"},
                                            HashCase{CALG_SHA_512, "sha512"}),
-                         [](const ::testing::TestParamInfo<HashCase>& info) {
-                             return std::string(info.param.opensslName);
+                         [](const ::testing::TestParamInfo<HashCase>& testInfo) {
+                             return std::string(testInfo.param.opensslName);
                          });
 
 TEST_F(Signing, SizeQueryAnswers256) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "calyth_version.h"
+#include "device_functions.h"
 #include "pe_file.h"
 #include "provider_exports.h"
 #include "resource.h"
@@ -175,6 +176,27 @@ TEST_F(ProviderImage, ImportsNoCompilerRuntimeDll) {
         EXPECT_EQ(name.find("libgcc"), std::string::npos) << dll;
         EXPECT_EQ(name.find("libwinpthread"), std::string::npos) << dll;
     }
+}
+
+TEST_F(ProviderImage, DelayImportsEveryDeviceFunctionAndImportsNoneAtLoad) {
+    // The device library is named in the delay-import table, never in the import table that the
+    // loader resolves through its search order (which looks beside the host program first).
+    PeFile pe = readPeFile(providerDllPath());
+    ASSERT_TRUE(pe.valid);
+    for (const std::string& dll : pe.imports)
+        EXPECT_NE(lower(dll), "calythdsclibrary.dll");
+    std::vector<std::string> expected;
+    for (const char* const* name = kDeviceFunctions; *name; ++name)
+        expected.push_back(*name);
+    ASSERT_EQ(expected.size(), 27u);
+    int found = 0;
+    for (const auto& [dll, functions] : pe.delayImports) {
+        if (lower(dll) != "calythdsclibrary.dll")
+            continue;
+        ++found;
+        EXPECT_THAT(functions, ::testing::UnorderedElementsAreArray(expected));
+    }
+    EXPECT_EQ(found, 1);
 }
 
 TEST_F(ProviderImage, PinDialogTemplateIsExactlyTheVerifyUserPinDialog) {

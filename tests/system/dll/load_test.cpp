@@ -1,10 +1,13 @@
-// A real load of CalythCSP.dll, imports resolved against CalythDSCLibrary.dll beside it, as a host
-// application loads the provider.
+// A real load of CalythCSP.dll as a host application loads the provider; the device library is
+// delay-loaded from beside it when a front-end first opens.
 #include <windows.h>
+
+#include <wincrypt.h>
 
 #include <gtest/gtest.h>
 #include <string>
 
+#include "csp/csp_entry_points.h"
 #include "pe_file.h"
 #include "provider_exports.h"
 #include "support/test_support.h"
@@ -26,15 +29,32 @@ TEST(ProviderLoad, LoadsFindsEveryExportAndUnloads) {
     std::printf("%d exports found\n", count);
 }
 
-TEST(ProviderLoad, DeviceLibraryIsLoadedWithTheProviderWhenImported) {
-    PeFile pe = readPeFile(providerDllPath());
-    ASSERT_TRUE(pe.valid);
-    bool importsDevice = false;
-    for (const std::string& dll : pe.imports)
-        importsDevice = importsDevice || _stricmp(dll.c_str(), "CalythDSCLibrary.dll") == 0;
+TEST(ProviderLoad, DeviceLibraryIsLoadedOnlyWhenAFrontEndOpens) {
+    // Loading does nothing: the device library is delay-loaded from the provider's folder when a
+    // front-end opens.
     HMODULE module = LoadLibraryA(providerDllPath().c_str());
     ASSERT_NE(module, nullptr);
-    EXPECT_EQ(GetModuleHandleA("CalythDSCLibrary.dll") != nullptr, importsDevice);
+    EXPECT_EQ(GetModuleHandleA("CalythDSCLibrary.dll"), nullptr);
+    using AcquireFn = BOOL(WINAPI*)(HCRYPTPROV*, LPCSTR, DWORD, PVTableProvStruc);
+    auto acquire =
+        reinterpret_cast<AcquireFn>(reinterpret_cast<void*>(GetProcAddress(module, "CPAcquireContext")));
+    ASSERT_NE(acquire, nullptr);
+    VTableProvStruc table = {};
+    table.Version = 3;
+    HCRYPTPROV context = 0;
+    ASSERT_TRUE(acquire(&context, nullptr, CRYPT_VERIFYCONTEXT, &table)) << std::hex << GetLastError();
+    HMODULE device = GetModuleHandleA("CalythDSCLibrary.dll");
+    ASSERT_NE(device, nullptr);
+    char devicePath[MAX_PATH] = {};
+    GetModuleFileNameA(device, devicePath, sizeof devicePath);
+    const std::string provider = providerDllPath();
+    EXPECT_STRCASEEQ(devicePath,
+                     (provider.substr(0, provider.find_last_of('\\') + 1) + "CalythDSCLibrary.dll").c_str());
+    using ReleaseFn = BOOL(WINAPI*)(HCRYPTPROV, DWORD);
+    auto release =
+        reinterpret_cast<ReleaseFn>(reinterpret_cast<void*>(GetProcAddress(module, "CPReleaseContext")));
+    ASSERT_NE(release, nullptr);
+    EXPECT_TRUE(release(context, 0));
     FreeLibrary(module);
 }
 

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <cstring>
 
 #include "support/test_support.h"
@@ -104,6 +105,32 @@ PeFile readPeFile(const std::string& path) {
             if (descriptor.Name == 0)
                 break;
             pe.imports.push_back(image.text(image.offsetOf(descriptor.Name)));
+        }
+    }
+    // Delay-import descriptors (ImgDelayDescr, 32 bytes): attributes, then the RVAs of the DLL
+    // name, its module handle, its address table and its name table. The directory's size bounds
+    // them (GNU ld puts no empty descriptor after the last).
+    const IMAGE_DATA_DIRECTORY& delayDir =
+        nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT];
+    if (delayDir.VirtualAddress != 0) {
+        size_t at = image.offsetOf(delayDir.VirtualAddress);
+        for (size_t end = at + delayDir.Size; at + 8 * sizeof(uint32_t) <= end; at += 8 * sizeof(uint32_t)) {
+            uint32_t descriptor[8];
+            if (!image.read(at, &descriptor))
+                return pe;
+            if (descriptor[1] == 0)
+                break;
+            std::vector<std::string> functions;
+            for (size_t thunk = image.offsetOf(descriptor[4]);; thunk += sizeof(uint64_t)) {
+                uint64_t entry = 0;
+                if (!image.read(thunk, &entry))
+                    return pe;
+                if (entry == 0)
+                    break;
+                // IMAGE_IMPORT_BY_NAME: a 16-bit hint, then the name.
+                functions.push_back(image.text(image.offsetOf(static_cast<uint32_t>(entry)) + 2));
+            }
+            pe.delayImports.emplace_back(image.text(image.offsetOf(descriptor[1])), functions);
         }
     }
     pe.valid = true;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct PeFile {
@@ -12,6 +13,8 @@ struct PeFile {
     uint16_t characteristics = 0;
     std::vector<std::string> exports;  // in the order of the export name table
     std::vector<std::string> imports;  // DLL names of the import directory
+    // DLL names of the delay-import directory, each with the function names it imports.
+    std::vector<std::pair<std::string, std::vector<std::string>>> delayImports;
 };
 
 PeFile readPeFile(const std::string& path);

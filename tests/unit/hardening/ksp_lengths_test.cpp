@@ -80,8 +80,8 @@ TEST_F(KspLengths, AesOutputLengthsAreHeldToTheirBuffers) {
     EXPECT_TRUE(untouchedFrom(output, 0));
 
     fake::hooks().decryptSymetric = [](const char*, const unsigned char*, int dataLength,
-                                       unsigned char* output, int* outputLength, const unsigned char*, int) {
-        std::memset(output, 0x55, dataLength);
+                                       unsigned char* plain, int* outputLength, const unsigned char*, int) {
+        std::memset(plain, 0x55, dataLength);
         *outputLength = 100000;
         return 0;
     };

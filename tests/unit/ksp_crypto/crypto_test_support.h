@@ -17,7 +17,8 @@ constexpr DWORD kUnsetResult = 0xDEADBEEF;
 
 // A caller's output buffer of `room` bytes followed by a guard zone that must stay untouched.
 struct GuardedBuffer {
-    explicit GuardedBuffer(size_t room, size_t guard = 64) : room(room), bytes(room + guard, kGuardByte) {}
+    explicit GuardedBuffer(size_t roomBytes, size_t guard = 64)
+        : room(roomBytes), bytes(roomBytes + guard, kGuardByte) {}
     PBYTE data() { return bytes.data(); }
     DWORD size() const { return static_cast<DWORD>(room); }
     bool guardIntact() const {

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# The checks beside the tests: everything built a second time with clang for the same mingw-w64
+# target (preset clang, warnings are errors), then the static analysis (tools/analyse.sh). Exits
+# non-zero on any compiler warning or analyser finding. tools/run-tests.sh runs it before the tests
+# unless CALYTH_SKIP_CHECKS=1.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${CALYTH_BUILD_JOBS:-$(nproc)}
+started=$(date +%s)
+cmake --preset clang >/dev/null
+if ! cmake --build --preset clang --parallel "$jobs"; then
+    echo "ci-checks: the clang build FAILED (a warning is an error there)"
+    exit 1
+fi
+built=$(date +%s)
+echo "ci-checks: clang build without warnings in $(( built - started )) s"
+tools/analyse.sh build-clang
+echo "ci-checks: all checks passed in $(( $(date +%s) - started )) s"
