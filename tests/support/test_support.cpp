@@ -375,19 +375,34 @@ void clearLog() {
 }
 
 bool logContains(const std::string& text) {
-    return readLog().find(text) != std::string::npos;
+    return logSubstringCount(text) != 0;
 }
 
-bool logHasLine(const std::string& level, const std::string& message) {
+size_t logSubstringCount(const std::string& text) {
+    std::istringstream in(readLog());
+    std::string line;
+    size_t count = 0;
+    while (std::getline(in, line))
+        if (line.find(text) != std::string::npos)
+            ++count;
+    return count;
+}
+
+size_t logLineCount(const std::string& level, const std::string& message) {
     std::string tag = "->" + level + " ::=>";
     std::istringstream in(readLog());
     std::string line;
+    size_t count = 0;
     while (std::getline(in, line)) {
         size_t at = line.find(tag);
         if (at != std::string::npos && line.compare(at + tag.size(), std::string::npos, message) == 0)
-            return true;
+            ++count;
     }
-    return false;
+    return count;
+}
+
+bool logHasLine(const std::string& level, const std::string& message) {
+    return logLineCount(level, message) != 0;
 }
 
 std::vector<unsigned char> readFile(const std::string& path) {

@@ -1,6 +1,7 @@
 // Helpers shared by the test programs.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,10 +32,13 @@ std::vector<std::string> logMessagesAt(const std::string& level);
 void makeLogFolders();
 // Empties today's log file.
 void clearLog();
-// True when some line of the log holds `text`.
+// Two ways to read the log, named for how they match:
+// substring: lines that hold `text` anywhere (a prefix, a value);
 bool logContains(const std::string& text);
-// True when some line of the log was written at `level` ("DEBUG", "ERROR") with exactly `message`.
+size_t logSubstringCount(const std::string& text);
+// whole line: lines written at `level` ("DEBUG", "ERROR") whose message is exactly `message`.
 bool logHasLine(const std::string& level, const std::string& message);
+size_t logLineCount(const std::string& level, const std::string& message);
 
 std::vector<unsigned char> readFile(const std::string& path);
 bool pathExists(const std::string& path);
