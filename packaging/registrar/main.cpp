@@ -1,14 +1,16 @@
 // calyth-register.exe: the installer's way to reach the provider's own CNG registration (wixl has
 // no self-registration). "register <dll> [ui level]" loads the provider and calls
 // DllRegisterServer, "unregister <dll> [ui level]" DllUnregisterServer; the exit code is 0 on
-// success. When the provider cannot load because no device library CalythDSCLibrary.dll is
-// found, registration is left for later: the installation goes on with a warning (a message box
-// only when the installer shows a full user interface, UI level 5).
+// success. The provider loads and registers without its device library (it opens
+// CalythDSCLibrary.dll from its own folder when a front-end first opens), so a library missing
+// there is only a warning after registering (a message box only when the installer shows a full
+// user interface, UI level 5): the token maker's package may come later.
 #include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "calyth_version.h"
 
@@ -16,12 +18,20 @@ namespace {
 
 constexpr int kFullUiLevel = 5;
 
+bool deviceLibraryBeside(const char* dll) {
+    std::string library(dll);
+    size_t separator = library.find_last_of("\\/");
+    library = (separator == std::string::npos ? std::string() : library.substr(0, separator + 1)) +
+              "CalythDSCLibrary.dll";
+    return GetFileAttributesA(library.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 void warnNoDeviceLibrary(const char* dll, int uiLevel) {
     char text[1024];
-    std::snprintf(text, sizeof text,
-                  "CalythDSCLibrary.dll, the token's device library, was not found, so %s cannot load "
-                  "yet. Install the token maker's device library, then run: regsvr32 \"%s\"",
-                  dll, dll);
+    (void)std::snprintf(text, sizeof text,
+                        "CalythDSCLibrary.dll, the token's device library, is not beside %s, so the "
+                        "provider cannot open a token yet. Install the token maker's device library.",
+                        dll);
     std::fprintf(stderr, "calyth-register: warning: %s\n", text);
     if (uiLevel >= kFullUiLevel)
         MessageBoxA(nullptr, text, "Calyth", MB_OK | MB_ICONWARNING);
@@ -46,14 +56,7 @@ int main(int argc, char** argv) {
 
     HMODULE module = LoadLibraryExA(dll, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (!module) {
-        const DWORD error = GetLastError();
-        if (error == ERROR_MOD_NOT_FOUND && GetFileAttributesA(dll) != INVALID_FILE_ATTRIBUTES) {
-            // Without the provider loaded there is nothing to unregister either.
-            if (registering)
-                warnNoDeviceLibrary(dll, uiLevel);
-            return 0;
-        }
-        std::fprintf(stderr, "calyth-register: cannot load %s (error %lu)\n", dll, error);
+        std::fprintf(stderr, "calyth-register: cannot load %s (error %lu)\n", dll, GetLastError());
         return 1;
     }
     typedef HRESULT(WINAPI * RegistrationFn)();
@@ -67,5 +70,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf("calyth-register: %s %s\n", registering ? "registered" : "unregistered", dll);
+    if (registering && !deviceLibraryBeside(dll))
+        warnNoDeviceLibrary(dll, uiLevel);
     return 0;
 }

@@ -57,8 +57,10 @@ int fail(const std::string& message) {
 bool loadLibrary(tokenview::DeviceFunctions* library, std::string* problem) {
     DWORD error = 0;
     std::vector<std::string> missing;
-    if (!tokenview::loadDeviceFunctions(library, &error, &missing)) {
-        *problem = "the device library CalythDSCLibrary.dll cannot be loaded (error " +
+    // The library the provider uses: the one beside the registered CalythCSP.dll.
+    const std::string folder = tokenview::deviceLibraryFolder(tokenview::registeredProviderDll());
+    if (!tokenview::loadDeviceFunctions(folder, library, &error, &missing)) {
+        *problem = "the device library CalythDSCLibrary.dll cannot be loaded from " + folder + " (error " +
                    std::to_string(error) + "): install the token maker's package";
         return false;
     }

@@ -15,6 +15,7 @@ using tokenview::DeviceFunctions;
 using tokenview::kDeviceFunctionCount;
 using tokenview::keyAlgorithm;
 using tokenview::keyUsageText;
+using tokenview::deviceLibraryFolder;
 using tokenview::loadDeviceFunctions;
 using tokenview::readToken;
 using tokenview::TokenCertificate;

@@ -11,7 +11,7 @@ constexpr const char* kName = "Device library";
 
 void checkDeviceLibrary(Report* report, const std::string& providerDll, DeviceFunctions* library) {
     // The provider loads the library from its own folder only, never through the loader's search.
-    const std::string folder = (providerDll.empty() ? systemFolder() : folderOf(providerDll)) + "\\";
+    const std::string folder = deviceLibraryFolder(providerDll);
     DWORD error = 0;
     std::vector<std::string> missing;
     if (!loadDeviceFunctions(folder, library, &error, &missing)) {

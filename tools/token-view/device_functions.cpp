@@ -22,6 +22,25 @@ bool DeviceFunctions::complete() const {
            decryptSymetric && ecdhDerive && generateRamdomNumber;
 }
 
+std::string deviceLibraryFolder(const std::string& providerDll) {
+    size_t separator = providerDll.find_last_of("\\/");
+    if (separator != std::string::npos)
+        return providerDll.substr(0, separator + 1);
+    char system[MAX_PATH] = {};
+    GetSystemDirectoryA(system, MAX_PATH);
+    return std::string(system) + "\\";
+}
+
+std::string registeredProviderDll() {
+    char image[MAX_PATH] = {};
+    DWORD size = sizeof image;
+    // RegGetValueA expands a REG_EXPAND_SZ path, as the loader of a provider does.
+    LSTATUS status = RegGetValueA(
+        HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft\\Cryptography\\Defaults\\Provider\\Calyth Cryptographic Provider CSP",
+        "Image Path", RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ, nullptr, image, &size);
+    return status == ERROR_SUCCESS ? std::string(image) : std::string();
+}
+
 bool loadDeviceFunctions(const std::string& folder, DeviceFunctions* library, DWORD* error,
                          std::vector<std::string>* missing) {
     HMODULE module = LoadLibraryExA((folder + "CalythDSCLibrary.dll").c_str(), nullptr,

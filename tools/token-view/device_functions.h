@@ -48,6 +48,12 @@ struct DeviceFunctions {
 
 constexpr int kDeviceFunctionCount = 27;
 
+// The folder the provider opens the device library from: that of `providerDll` (the registered
+// CalythCSP.dll), or the system folder when none is registered. Ends in a backslash.
+std::string deviceLibraryFolder(const std::string& providerDll);
+// The "Image Path" of the CryptoAPI registration in this process's registry view, "" when none.
+std::string registeredProviderDll();
+
 // Loads <folder>CalythDSCLibrary.dll by its full path, as the provider does from its own folder.
 // False with *error set when it does not load; otherwise the functions it lacks are named in *missing.
 bool loadDeviceFunctions(const std::string& folder, DeviceFunctions* library, DWORD* error,

@@ -241,12 +241,16 @@ TEST_F(AgentSystem, CommandLineMistakesAndAMissingDeviceLibraryGetAMessageAndAnE
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(has(help, "--remove-all")) << help.output;
 
+    // The agent takes the device library from beside the registered provider, as the provider
+    // does, never from its own folder (which holds one here).
     std::string folder = tempFolder() + "agent-without-library\\";
     CreateDirectoryA(folder.c_str(), nullptr);
-    ASSERT_TRUE(CopyFileA(agentPath().c_str(), agentPath(folder).c_str(), FALSE));
-    AgentRun once = agent("--once", agentPath(folder));
+    ASSERT_EQ(registerProviderAt(folder + "CalythCSP.dll"), ERROR_SUCCESS);
+    AgentRun once = agent("--once");
+    ASSERT_EQ(registerProvider(), ERROR_SUCCESS);
     EXPECT_EQ(once.exitCode, 1) << once.output;
-    EXPECT_TRUE(has(once, "calyth-agent: the device library CalythDSCLibrary.dll cannot be loaded"))
+    EXPECT_TRUE(has(once, "calyth-agent: the device library CalythDSCLibrary.dll cannot be loaded from " +
+                              folder + " (error 126)"))
         << once.output;
 
     AgentRun stop = agent("--stop");
@@ -328,10 +332,10 @@ TEST_F(AgentSystem, AnApplicationThatKnowsOnlyTheSubjectSignsWithTheTokenKeyAndT
     writeFile(file("document.txt"), std::vector<unsigned char>{'s', 'i', 'g', 'n', ' ', 'm', 'e', '\n'});
 
     access_test::SimulatedUser user({access_test::enterPin(kPin)});
-    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
-    ASSERT_NE(store, nullptr);
+    HCERTSTORE userStore = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
+    ASSERT_NE(userStore, nullptr);
     PCCERT_CONTEXT certificate = CertFindCertificateInStore(
-        store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_A, "AgentApplication", nullptr);
+        userStore, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_A, "AgentApplication", nullptr);
     ASSERT_NE(certificate, nullptr);
     HCRYPTPROV_OR_NCRYPT_KEY_HANDLE key = 0;
     DWORD keySpec = 0;
@@ -361,7 +365,7 @@ TEST_F(AgentSystem, AnApplicationThatKnowsOnlyTheSubjectSignsWithTheTokenKeyAndT
     if (mustFree)
         CryptReleaseContext(key, 0);
     CertFreeCertificateContext(certificate);
-    CertCloseStore(store, 0);
+    CertCloseStore(userStore, 0);
 }
 
 }  // namespace

@@ -110,8 +110,9 @@ PeFile readPeFile(const std::string& path) {
     // Delay-import descriptors (ImgDelayDescr, 32 bytes): attributes, then the RVAs of the DLL
     // name, its module handle, its address table and its name table. The directory's size bounds
     // them (GNU ld puts no empty descriptor after the last).
-    const IMAGE_DATA_DIRECTORY& delayDir =
-        nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT];
+    const IMAGE_DATA_DIRECTORY& delayDir = directories[IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT];
+    // A name table entry is as wide as a pointer of the image.
+    const size_t thunkSize = fileHeader == &nt64.FileHeader ? sizeof(uint64_t) : sizeof(uint32_t);
     if (delayDir.VirtualAddress != 0) {
         size_t at = image.offsetOf(delayDir.VirtualAddress);
         for (size_t end = at + delayDir.Size; at + 8 * sizeof(uint32_t) <= end; at += 8 * sizeof(uint32_t)) {
@@ -121,10 +122,13 @@ PeFile readPeFile(const std::string& path) {
             if (descriptor[1] == 0)
                 break;
             std::vector<std::string> functions;
-            for (size_t thunk = image.offsetOf(descriptor[4]);; thunk += sizeof(uint64_t)) {
+            for (size_t thunk = image.offsetOf(descriptor[4]);; thunk += thunkSize) {
                 uint64_t entry = 0;
-                if (!image.read(thunk, &entry))
+                uint32_t entry32 = 0;
+                if (thunkSize == sizeof(uint64_t) ? !image.read(thunk, &entry) : !image.read(thunk, &entry32))
                     return pe;
+                if (thunkSize == sizeof(uint32_t))
+                    entry = entry32;
                 if (entry == 0)
                     break;
                 // IMAGE_IMPORT_BY_NAME: a 16-bit hint, then the name.

@@ -94,6 +94,16 @@ check "silent install" msiexec_quiet install /i "$(winpath "$previous")" ADDLOCA
 layout "$(sed -n 's/.*-\([0-9.]*\)-x64\.msi$/\1/p' <<<"$previous")"
 check "KSP registered (DllRegisterServer)" grep -q "DllRegisterServer: KSP registered successfully" \
     "$temp/Quorvik Labs/calyth-register/"*.LOG
+# The provider registers without a device library beside it (it is delay-loaded) and the registrar
+# warns; registering the installed one again says nothing more.
+registrar="C:\\Program Files\\Quorvik Labs\\Calyth\\calyth-register.exe"
+mkdir -p "$work/alone" && cp "$drive/windows/system32/CalythCSP.dll" "$work/alone/"
+alone_output=$(wine "$registrar" register "$(winpath "$work/alone")\\CalythCSP.dll" 2>&1 | tr -d '\r')
+check "registrar: registers a provider without its device library and warns" grep -q \
+    "^calyth-register: warning: CalythDSCLibrary.dll, the token's device library, is not beside" <<<"$alone_output"
+installed_output=$(wine "$registrar" register 'C:\windows\system32\CalythCSP.dll' 2>&1 | tr -d '\r')
+check "registrar: the installed provider registers again without a warning" \
+    bash -c '! grep -q warning <<<"$1" && grep -q "^calyth-register: registered" <<<"$1"' _ "$installed_output"
 
 echo "== soft token with the installed calyth-token"
 CALYTH_TOKEN_STORE=$(winpath "$work/store")
