@@ -23,7 +23,7 @@ const char* const kCryptoApiEntryPoints[] = {
     "CPGetProvParam",   "CPSetProvParam",    "CPEncrypt",     "CPDecrypt"};
 
 const char* kRegisterRemedy =
-    "install the provider with its package (CalythSetup msi), or write the key as the README's "
+    "install the provider with its package (CalythSetup msi), or write the key as docs/using.md "
     "\"Registration\" shows: \"Image Path\" REG_SZ = full path of CalythCSP.dll, \"Type\" REG_DWORD 1";
 
 struct View {
