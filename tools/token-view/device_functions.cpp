@@ -34,10 +34,11 @@ std::string deviceLibraryFolder(const std::string& providerDll) {
 std::string registeredProviderDll() {
     char image[MAX_PATH] = {};
     DWORD size = sizeof image;
-    // RegGetValueA expands a REG_EXPAND_SZ path, as the loader of a provider does.
+    // RRF_RT_REG_SZ also takes a REG_EXPAND_SZ path, expanded (RRF_RT_REG_EXPAND_SZ is refused
+    // without RRF_NOEXPAND).
     LSTATUS status = RegGetValueA(
         HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft\\Cryptography\\Defaults\\Provider\\Calyth Cryptographic Provider CSP",
-        "Image Path", RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ, nullptr, image, &size);
+        "Image Path", RRF_RT_REG_SZ, nullptr, image, &size);
     return status == ERROR_SUCCESS ? std::string(image) : std::string();
 }
 
