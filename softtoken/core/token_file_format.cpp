@@ -69,18 +69,23 @@ std::vector<std::string> fields(const std::string& text) {
 
 bool parseKey(const std::vector<std::string>& f, KeyRecord& key) {
     int32_t flag = 0;
-    return f.size() == 9 && intField(f[0], key.handle) && idField(f[1], key.id) &&
-           bytesField(f[2], key.objectId) && textField(f[3], key.label) && intField(f[4], key.usage) &&
-           intField(f[5], key.sizeCode) && intField(f[6], flag) && bytesField(f[7], key.publicKey) &&
-           bytesField(f[8], key.privateKey) && (key.tokenFlag = static_cast<unsigned char>(flag), true);
+    if (!(f.size() == 9 && intField(f[0], key.handle) && idField(f[1], key.id) &&
+          bytesField(f[2], key.objectId) && textField(f[3], key.label) && intField(f[4], key.usage) &&
+          intField(f[5], key.sizeCode) && intField(f[6], flag) && bytesField(f[7], key.publicKey) &&
+          bytesField(f[8], key.privateKey)))
+        return false;
+    key.tokenFlag = static_cast<unsigned char>(flag);
+    return true;
 }
 
 bool parseAes(const std::vector<std::string>& f, AesRecord& key) {
     int32_t flag = 0;
-    return f.size() == 8 && intField(f[0], key.handle) && idField(f[1], key.id) &&
-           bytesField(f[2], key.reference) && textField(f[3], key.label) && intField(f[4], key.usage) &&
-           intField(f[5], key.type) && intField(f[6], flag) && bytesField(f[7], key.key) &&
-           (key.tokenFlag = static_cast<unsigned char>(flag), true);
+    if (!(f.size() == 8 && intField(f[0], key.handle) && idField(f[1], key.id) &&
+          bytesField(f[2], key.reference) && textField(f[3], key.label) && intField(f[4], key.usage) &&
+          intField(f[5], key.type) && intField(f[6], flag) && bytesField(f[7], key.key)))
+        return false;
+    key.tokenFlag = static_cast<unsigned char>(flag);
+    return true;
 }
 
 bool parseCertificate(const std::vector<std::string>& f, CertificateRecord& certificate) {
@@ -90,8 +95,10 @@ bool parseCertificate(const std::vector<std::string>& f, CertificateRecord& cert
 }
 
 bool parseFault(const std::vector<std::string>& f, Fault& fault) {
-    return f.size() == 3 && !f[0].empty() && intField(f[1], fault.count) && intField(f[2], fault.code) &&
-           (fault.function = f[0], true);
+    if (!(f.size() == 3 && !f[0].empty() && intField(f[1], fault.count) && intField(f[2], fault.code)))
+        return false;
+    fault.function = f[0];
+    return true;
 }
 
 bool parsePin(const std::vector<std::string>& f, PinRecord& pin) {

@@ -7,6 +7,7 @@
 
 #include "log/log.h"
 #include "token/bounded_length.h"
+#include "token/last_error.h"
 
 namespace {
 
@@ -88,13 +89,13 @@ bool chainCertificatesRootFirst(const std::vector<CalythCertificate>& chain,
     encoded->clear();
     if (chain.empty()) {
         logError("Certificate Is Empty");
-        SetLastError(static_cast<DWORD>(NTE_NO_KEY));
+        setLastErrorCode(NTE_NO_KEY);
         return false;
     }
     CertificateContext leaf = contextOf(chain.front());
     if (!leaf) {
         logError("Failed creating leaf certificate");
-        SetLastError(static_cast<DWORD>(NTE_BAD_KEY));
+        setLastErrorCode(NTE_BAD_KEY);
         return false;
     }
 

@@ -65,7 +65,7 @@ BOOL encryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
     std::vector<unsigned char> iv = processIv();
     EncryptionType type{};
     if (!symmetricEncryptionType(keyLength, !iv.empty(), &type))
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
+        return failWithError(NTE_BAD_KEY,
                              "CPEncrypt: unsupported symmetric key length: " + std::to_string(keyLength));
 
     DeviceOutput output;
@@ -73,7 +73,7 @@ BOOL encryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
                                     deviceLength(dataLength), &output.bytes, &output.length, false,
                                     ivBytes(iv), ivLength(iv), nullptr, 0, context->deviceContext);
     if (result != 0)
-        return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
+        return failWithError(NTE_PROVIDER_DLL_FAIL,
                              "CPEncrypt: symmetric encryption failed: " + std::to_string(result));
     DWORD outputLength = static_cast<DWORD>(output.size());
     if (outputLength > cbBufLen) {
@@ -106,10 +106,9 @@ BOOL encryptRsa(const CspContext* context, const KEY_HANDLE* key, DWORD dwFlags,
     int result = calyth_encrypt(type, padding, pbData, deviceLength(dataLength), output.data(), &outputLength,
                                 der.data(), static_cast<int>(der.size()), context->deviceContext);
     if (result != 0)
-        return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
-                             "Encrypt data failed: " + std::to_string(result));
+        return failWithError(NTE_PROVIDER_DLL_FAIL, "Encrypt data failed: " + std::to_string(result));
     if (!lengthFits(outputLength, output.size()))
-        return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
+        return failWithError(NTE_PROVIDER_DLL_FAIL,
                              "Encrypt data failed: ciphertext length " + std::to_string(outputLength));
     // A key whose real modulus is longer than `bits` says gives a ciphertext longer than the buffer the
     // size check let through: the nearest specified answer is that check's own, with the real size.
@@ -131,10 +130,9 @@ BOOL encrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWOR
     if (pdwDataLen == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null");
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPEncrypt: context is null or not initialized");
+        return failWithError(NTE_BAD_UID, "CPEncrypt: context is null or not initialized");
     if (hKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPEncrypt: key handle is null");
+        return failWithError(NTE_BAD_KEY, "CPEncrypt: key handle is null");
     const CspContext* context = cspContextFrom(hProv);
     const KEY_HANDLE* key = keyHandleFrom(hKey);
 
@@ -151,7 +149,7 @@ BOOL encrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWOR
                                  " requiredSize=" + std::to_string(requiredSize));
     }
     if (dataLength == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_LEN), "Invalid data length for encrypt: 0");
+        return failWithError(NTE_BAD_LEN, "Invalid data length for encrypt: 0");
 
     if (isSymmetricKey(key))
         return encryptSymmetric(context, key, pbData, dataLength, pdwDataLen, cbBufLen);
@@ -192,8 +190,7 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
     bigEndian.clear();
 
     if (result != 0)
-        return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
-                             "Decrypt data failed : " + std::to_string(result));
+        return failWithError(NTE_PROVIDER_DLL_FAIL, "Decrypt data failed : " + std::to_string(result));
     // The plaintext comes back in its natural order and is reported as the token says, but no more
     // of it is copied than the ciphertext the caller's buffer held.
     DWORD plainLength = static_cast<DWORD>(plain.size());
@@ -214,8 +211,7 @@ BOOL decryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
                                         output.data(), &outputLength, ivBytes(iv), ivLength(iv),
                                         key->symmetricKey, key->symmetricKeyLength, context->deviceContext);
     if (result != 0)
-        return failWithError(static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL),
-                             "Symetric decryption failed : " + std::to_string(result));
+        return failWithError(NTE_PROVIDER_DLL_FAIL, "Symetric decryption failed : " + std::to_string(result));
     outputLength = boundedDeviceLength(outputLength, output.size());
     logDebug("CPDecrypt - decrypted data : " + utils.bytesToHex(output.data(), outputLength));
     *pdwDataLen = static_cast<DWORD>(outputLength);
@@ -225,10 +221,9 @@ BOOL decryptSymmetric(const CspContext* context, const KEY_HANDLE* key, BYTE* pb
 
 BOOL decrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWORD* pdwDataLen) {
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPDecrypt: context is null or not initialized");
+        return failWithError(NTE_BAD_UID, "CPDecrypt: context is null or not initialized");
     if (hKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPDecrypt: key handle is null");
+        return failWithError(NTE_BAD_KEY, "CPDecrypt: key handle is null");
     CspContext* context = cspContextFrom(hProv);
     const KEY_HANDLE* key = keyHandleFrom(hKey);
 
@@ -239,8 +234,7 @@ BOOL decrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwFlags, BYTE* pbData, DWOR
              utils.bytesToHex(key->keyId, std::min(key->keyIdLength, KEY_ID_LENGTH)));
     logDebug("CPDecrypt - usage : " + std::to_string(key->keyUsage));
     if (pbData == nullptr || dataLength == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                             "Invalid data length for decrypt : " + std::to_string(dataLength));
+        return failWithError(NTE_BAD_DATA, "Invalid data length for decrypt : " + std::to_string(dataLength));
 
     BOOL ok = isSymmetricKey(key) ? decryptSymmetric(context, key, pbData, dataLength, pdwDataLen)
                                   : decryptRsa(context, key, pbData, dataLength, pdwDataLen);

@@ -42,8 +42,7 @@ BOOL exportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwBlobType, DWORD dwFlags
     if (hKey == 0 || pcbDataLen == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null");
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPExportKey: context is null or not initialized");
+        return failWithError(NTE_BAD_UID, "CPExportKey: context is null or not initialized");
 
     switch (dwBlobType) {
         case PUBLICKEYBLOB: {
@@ -55,7 +54,7 @@ BOOL exportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwBlobType, DWORD dwFlags
         case PRIVATEKEYBLOB:
             return failWithError(ERROR_ACCESS_DENIED, "CPExportKey: PRIVATEKEYBLOB export denied");
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE),
+            return failWithError(NTE_BAD_TYPE,
                                  "CPExportKey: unsupported dwBlobType=" + std::to_string(dwBlobType));
     }
 }
@@ -66,15 +65,14 @@ BOOL ExportPublicKeyComponents(CspContext* context, const KEY_HANDLE* key, BYTE*
     std::vector<CalythKeyPair> keyPairs =
         calyth_getKeyPairList(context->serialNumber.c_str(), context->deviceContext);
     if (keyPairs.empty())
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "ExportPublicKeyComponents: key list is empty");
+        return failWithError(NTE_BAD_KEY, "ExportPublicKeyComponents: key list is empty");
     auto match = std::find_if(keyPairs.begin(), keyPairs.end(), [&](const CalythKeyPair& keyPair) {
         return std::memcmp(keyPair.keyId, key->keyId, KEY_ID_LENGTH) == 0;
     });
     if (match == keyPairs.end())
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
-                             "ExportPublicKeyComponents: matching key not found in key list");
+        return failWithError(NTE_BAD_KEY, "ExportPublicKeyComponents: matching key not found in key list");
     if (match->keySizeCode != CALYTH_KEY_RSA_2048)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
+        return failWithError(NTE_BAD_KEY,
                              "ExportPublicKeyComponents: key algorithm is not RSA-2048, cannot export");
 
     Bytes modulus = storedModulus(*match);

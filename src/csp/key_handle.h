@@ -9,12 +9,13 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "token/key_id.h"
+
 // KP_ALGID values of symmetric keys unwrapped from a SIMPLEBLOB (the token's symmetric type codes):
 // KP_IV copies 16 bytes for AES-256 and 8 bytes for triple DES.
 constexpr uint32_t KEY_ALG_SYMMETRIC_AES_256 = 10;
 constexpr uint32_t KEY_ALG_SYMMETRIC_3DES = 11;
 
-constexpr int32_t KEY_ID_LENGTH = 16;
 constexpr size_t KEY_LABEL_CHARACTERS = 128;
 
 struct KEY_HANDLE {

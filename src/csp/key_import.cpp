@@ -49,9 +49,8 @@ bool attachSymmetricKey(KEY_HANDLE* key, const unsigned char* bytes, int length)
 }
 
 BOOL keyTooLong(const char* blobName, int length) {
-    return failWithError(
-        static_cast<DWORD>(NTE_BAD_DATA),
-        std::string("CPImportKey ") + blobName + ": key material too long, length=" + std::to_string(length));
+    return failWithError(NTE_BAD_DATA, std::string("CPImportKey ") + blobName +
+                                           ": key material too long, length=" + std::to_string(length));
 }
 
 BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& front, HCRYPTKEY* phKey) {
@@ -61,15 +60,14 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& 
             char actual[16];
             (void)std::snprintf(actual, sizeof actual, "%x", parsed.magic);
             return failWithError(
-                static_cast<DWORD>(NTE_BAD_DATA),
-                std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);
+                NTE_BAD_DATA, std::string("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x") + actual);
         }
         case CapiPublicKeyResult::TooShort:
-            return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                                 "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" +
-                                     std::to_string(cbData) + " required=" + std::to_string(parsed.required));
+            return failWithError(NTE_BAD_DATA, "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=" +
+                                                   std::to_string(cbData) +
+                                                   " required=" + std::to_string(parsed.required));
         case CapiPublicKeyResult::NoMemory:
-            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+            return failWithError(NTE_NO_MEMORY,
                                  "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
         case CapiPublicKeyResult::Ok:
             break;
@@ -86,8 +84,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& 
 
     KEY_HANDLE* key = allocateKeyHandle();
     if (key == nullptr)
-        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
-                             "CPImportKey PUBLICKEYBLOB: failed to allocate KEY_HANDLE");
+        return failWithError(NTE_NO_MEMORY, "CPImportKey PUBLICKEYBLOB: failed to allocate KEY_HANDLE");
     key->keyIdLength = KEY_ID_LENGTH;
     key->inMemory = 1;
     key->algId = front.keyAlgorithm;
@@ -98,7 +95,7 @@ BOOL importPublicKeyBlob(const BYTE* pbData, DWORD cbData, const CapiBlobFront& 
     key->sizeCode = rsaSizeCodeForBits(bitlen);
     if (key->sizeCode == 0 || der.size() > sizeof(key->publicKey)) {
         freeKeyHandle(key);
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA), "Unsupported RSA key size");
+        return failWithError(NTE_BAD_DATA, "Unsupported RSA key size");
     }
 
     *phKey = handleOf(key);
@@ -118,7 +115,7 @@ int decryptWithToken(const CspContext* context, const KEY_HANDLE* unwrapKey, con
 BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLength,
                       const CapiBlobFront& front, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
     if (hPubKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "SIMPLEBLOB requires public key handle");
+        return failWithError(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
     const KEY_HANDLE* unwrapKey = keyHandleFrom(hPubKey);
     Utils utils;
     logDebug("Input key id : " + utils.bytesToHex(unwrapKey->keyId, KEY_ID_LENGTH));
@@ -133,8 +130,7 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
     if (decryptWithToken(context, unwrapKey, pin.text, bigEndian, &plain) != 0) {
         logError("SIMPLEBLOB decryption failed");
         if (decryptWithToken(context, unwrapKey, pin.text, littleEndian, &plain) != 0)
-            return failWithError(static_cast<DWORD>(NTE_FAIL),
-                                 "SIMPLEBLOB decryption failed (both orderings)");
+            return failWithError(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
     }
 
     uint32_t type = 0;
@@ -149,14 +145,13 @@ BOOL importSimpleBlob(const CspContext* context, const BYTE* pbData, int dataLen
             type = CALYTH_SYMMETRIC_AES_256;
             break;
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_ALGID), "Unsupported algorithm for SIMPLEBLOB: " +
-                                                                        std::to_string(front.keyAlgorithm));
+            return failWithError(
+                NTE_BAD_ALGID, "Unsupported algorithm for SIMPLEBLOB: " + std::to_string(front.keyAlgorithm));
     }
 
     KEY_HANDLE* key = allocateKeyHandle();
     if (key == nullptr)
-        return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
-                             "CPImportKey SIMPLEBLOB: failed to allocate KEY_HANDLE");
+        return failWithError(NTE_NO_MEMORY, "CPImportKey SIMPLEBLOB: failed to allocate KEY_HANDLE");
     key->keyIdLength = KEY_ID_LENGTH;
     key->inMemory = 1;
     key->algId = type;
@@ -217,9 +212,8 @@ BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int d
     else if (front.keyAlgorithm == CALG_AES_256)
         type = CALYTH_SYMMETRIC_AES_256;
     else
-        return failWithError(
-            static_cast<DWORD>(NTE_BAD_ALGID),
-            "Unsupported algorithm for PLAINTEXTKEYBLOB: " + std::to_string(front.keyAlgorithm));
+        return failWithError(NTE_BAD_ALGID, "Unsupported algorithm for PLAINTEXTKEYBLOB: " +
+                                                std::to_string(front.keyAlgorithm));
     if (dataLength > static_cast<int>(sizeof(KEY_HANDLE::symmetricKey)))
         return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
 
@@ -229,12 +223,12 @@ BOOL importPlainTextKeyBlob(const CspContext* context, const BYTE* pbData, int d
             logDebug("PLAINTEXTKEYBLOB imported successfully (AES)");
             return TRUE;
         case TokenAesResult::NoMemory:
-            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+            return failWithError(NTE_NO_MEMORY,
                                  "CPImportKey PLAINTEXTKEYBLOB: failed to allocate KEY_HANDLE");
         case TokenAesResult::TooLong:
             return keyTooLong("PLAINTEXTKEYBLOB", dataLength);
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "PLAINTEXTKEYBLOB import failed");
+            return failWithError(NTE_BAD_TYPE, "PLAINTEXTKEYBLOB import failed");
     }
 }
 
@@ -249,8 +243,7 @@ BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, i
     CalythSymmetricKey unwrapper{};
     if (!unwrapWithTokenKek(context->serialNumber, context->deviceContext, wrapped, dataLength,
                             KekNaming::Identifier, &unwrapper, &plain))
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
-                             "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
+        return failWithError(NTE_BAD_KEY, "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
     Utils utils;
     logDebug("Successfully unwrapped key with KEK: " + utils.bytesToHex(unwrapper.keyId, KEY_ID_LENGTH));
 
@@ -262,12 +255,12 @@ BOOL importSymmetricWrapKeyBlob(const CspContext* context, const BYTE* pbData, i
             logDebug("SYMMETRICWRAPKEYBLOB imported successfully");
             return TRUE;
         case TokenAesResult::NoMemory:
-            return failWithError(static_cast<DWORD>(NTE_NO_MEMORY),
+            return failWithError(NTE_NO_MEMORY,
                                  "CPImportKey SYMMETRICWRAPKEYBLOB: failed to allocate KEY_HANDLE");
         case TokenAesResult::TooLong:
             return keyTooLong("SYMMETRICWRAPKEYBLOB", plain.length);
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "Import of unwrapped AES key failed");
+            return failWithError(NTE_BAD_TYPE, "Import of unwrapped AES key failed");
     }
 }
 
@@ -278,8 +271,7 @@ BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPu
     if (pbData == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPImportKey - Contest null or not initialised");
+        return failWithError(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
     if (phKey == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPImportKey - output key handle is null");
     const CspContext* context = cspContextFrom(hProv);
@@ -291,8 +283,7 @@ BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPu
     logDebug("CPImportKey - input alg : " + std::to_string(front.keyAlgorithm));
     logDebug("CPImportKey - input data length : " + std::to_string(dataLength));
     if (dataLength <= 0)
-        return failWithError(static_cast<DWORD>(NTE_INVALID_PARAMETER),
-                             "CPImportKey - Input data to import is empty");
+        return failWithError(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
 
     switch (front.type) {
         case PUBLICKEYBLOB:
@@ -305,9 +296,9 @@ BOOL importKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbData, HCRYPTKEY hPu
             return importSymmetricWrapKeyBlob(context, pbData, dataLength, front, phKey);
         case PRIVATEKEYBLOB:
         case PUBLICKEYBLOBEX:
-            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE), "Key Block Not Implemented yet");
+            return failWithError(NTE_BAD_TYPE, "Key Block Not Implemented yet");
         default:
-            return failWithError(static_cast<DWORD>(NTE_BAD_TYPE),
+            return failWithError(NTE_BAD_TYPE,
                                  "CPImportKey - Unsupported type : " + std::to_string(front.type));
     }
 }

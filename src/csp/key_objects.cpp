@@ -70,19 +70,17 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
         return failWithError(ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL");
     *phKey = 0;
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID), "Invalid CSP context");
+        return failWithError(NTE_BAD_UID, "Invalid CSP context");
     CspContext* context = cspContextFrom(hProv);
 
     GeneratedKeyKind kind = generatedKeyKind(Algid);
     if (!kind.supported)
-        return failWithError(static_cast<DWORD>(NTE_BAD_ALGID),
-                             "Unsupported algorithm" + std::to_string(Algid));
+        return failWithError(NTE_BAD_ALGID, "Unsupported algorithm" + std::to_string(Algid));
 
     uint32_t bits = dwFlags >= 0x10000 ? dwFlags >> 16 : 0;
     if (bits == 0) {
         if (kind.defaultBits == 0)
-            return failWithError(static_cast<DWORD>(NTE_BAD_LEN),
-                                 "Unsupported Length" + std::to_string(Algid));
+            return failWithError(NTE_BAD_LEN, "Unsupported Length" + std::to_string(Algid));
         bits = kind.defaultBits;
     }
 
@@ -105,7 +103,7 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
         calyth_generateKeyPair(context->serialNumber.c_str(), pin.c_str(), &keyPair, context->deviceContext);
     if (result != 0) {
         freeKeyHandle(key);
-        return failWithError(static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL),
+        return failWithError(NTE_TOKEN_KEYSET_STORAGE_FULL,
                              "RSA Keypair Generation Failed, code=" + std::to_string(result));
     }
 
@@ -127,16 +125,16 @@ BOOL genKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
 
 BOOL getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
     if (phUserKey == nullptr || hProv == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPGetUserKey: phUserKey or hProv is null");
+        return failWithError(NTE_BAD_KEY, "CPGetUserKey: phUserKey or hProv is null");
     CspContext* context = cspContextFrom(hProv);
     if (!context->initialized)
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID), "CPGetUserKey: context is not initialized");
+        return failWithError(NTE_BAD_UID, "CPGetUserKey: context is not initialized");
 
     logDebug("CPGetUserKey -> dwKeySpec : " + std::to_string(dwKeySpec));
     std::vector<CalythKeyPair> keyPairs =
         calyth_getKeyPairList(context->serialNumber.c_str(), context->deviceContext);
     if (keyPairs.empty())
-        return failWithError(static_cast<DWORD>(NTE_NO_KEY), "CPGetUserKey: key list is empty");
+        return failWithError(NTE_NO_KEY, "CPGetUserKey: key list is empty");
 
     KEY_HANDLE* key = allocateKeyHandle();
     if (key == nullptr)
@@ -164,7 +162,7 @@ BOOL getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
 
     if (taken == nullptr) {
         freeKeyHandle(key);
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY),
+        return failWithError(NTE_BAD_KEY,
                              "CPGetUserKey: requested key not found, dwKeySpec=" + std::to_string(dwKeySpec) +
                                  " container=" + context->containerName + ", return FALSE");
     }
@@ -182,10 +180,9 @@ BOOL getUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
 
 BOOL destroyKey(HCRYPTPROV hProv, HCRYPTKEY hKey) {
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPDestroyKey: invalid or uninitialized context");
+        return failWithError(NTE_BAD_UID, "CPDestroyKey: invalid or uninitialized context");
     if (hKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPDestroyKey: pKeyHandle is NULL");
+        return failWithError(NTE_BAD_KEY, "CPDestroyKey: pKeyHandle is NULL");
     freeKeyHandle(keyHandleFrom(hKey));
     return TRUE;
 }
@@ -212,7 +209,7 @@ BOOL WINAPI CPDestroyKey(HCRYPTPROV hProv, HCRYPTKEY hKey) {
 BOOL WINAPI CPDeriveKey(HCRYPTPROV /*hProv*/, ALG_ID /*Algid*/, HCRYPTHASH /*hBaseData*/, DWORD /*dwFlags*/,
                         HCRYPTKEY* /*phKey*/) {
     logDebug("CPDeriveKey");
-    return failWithError(static_cast<DWORD>(NTE_NOT_SUPPORTED), "CPDeriveKey: not supported");
+    return failWithError(NTE_NOT_SUPPORTED, "CPDeriveKey: not supported");
 }
 
 }  // extern "C"

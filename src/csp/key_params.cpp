@@ -77,8 +77,7 @@ bool findKeyCertificate(const CspContext* context, const KEY_HANDLE* key, std::v
 BOOL getCertificate(const CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD* pcbDataLen) {
     std::vector<unsigned char> der;
     if (!findKeyCertificate(context, key, &der))
-        return failWithError(static_cast<DWORD>(NTE_NOT_FOUND),
-                             "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE");
+        return failWithError(NTE_NOT_FOUND, "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE");
     DWORD length = static_cast<DWORD>(der.size());
     if (pbData == nullptr || *pcbDataLen == 0) {
         *pcbDataLen = length;
@@ -97,10 +96,9 @@ BOOL getCertificate(const CspContext* context, const KEY_HANDLE* key, BYTE* pbDa
 
 BOOL getKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, DWORD* pcbDataLen) {
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPGetKeyParam: context is null or not initialized");
+        return failWithError(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
     if (hKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPGetKeyParam: key handle is null");
+        return failWithError(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
     const CspContext* context = cspContextFrom(hProv);
     const KEY_HANDLE* key = keyHandleFrom(hKey);
 
@@ -132,9 +130,8 @@ BOOL getKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, 
         case KP_CERTIFICATE:
             return getCertificate(context, key, pbData, pcbDataLen);
         default:
-            return failWithError(
-                static_cast<DWORD>(NTE_BAD_TYPE),
-                "CPGetKeyParam: unsupported dwParam=" + std::to_string(dwParam) + ", return FALSE");
+            return failWithError(NTE_BAD_TYPE, "CPGetKeyParam: unsupported dwParam=" +
+                                                   std::to_string(dwParam) + ", return FALSE");
     }
 }
 
@@ -142,20 +139,17 @@ BOOL setCertificate(CspContext* context, const KEY_HANDLE* key, const BYTE* pbDa
     if (pbData == nullptr)
         return failWithError(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
     if (pbData[0] != 0x30)
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                             "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
+        return failWithError(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)");
     // No length comes with the certificate: its header says how many bytes the caller handed over.
     uint32_t total = 0;
     if (derTotalLength(pbData, kDerLengthUnknown, &total) != DerHeaderResult::Ok)
-        return failWithError(static_cast<DWORD>(NTE_BAD_DATA),
-                             "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
+        return failWithError(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
     logDebug("CPSetKeyParam: KP_CERTIFICATE DER length=" + std::to_string(total));
 
     CalythCertificate record{};
     if (total > sizeof(record.der))
-        return failWithError(
-            static_cast<DWORD>(NTE_BAD_DATA),
-            "CPSetKeyParam: KP_CERTIFICATE too large for the token, length=" + std::to_string(total));
+        return failWithError(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE too large for the token, length=" +
+                                               std::to_string(total));
 
     WipedText pin{getValidatedPin(context->serialNumber)};
     if (pin.text.empty() && !context->serialNumber.empty()) {
@@ -163,7 +157,7 @@ BOOL setCertificate(CspContext* context, const KEY_HANDLE* key, const BYTE* pbDa
         BOOL loggedIn = loginUser(context, pinBuffer);
         SecureZeroMemory(pinBuffer, sizeof pinBuffer);
         if (!loggedIn)
-            return failWithError(static_cast<DWORD>(NTE_FAIL), "CPSetKeyParam: KP_CERTIFICATE login failed");
+            return failWithError(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE login failed");
         pin.text = getValidatedPin(context->serialNumber);
     }
 
@@ -178,7 +172,7 @@ BOOL setCertificate(CspContext* context, const KEY_HANDLE* key, const BYTE* pbDa
     int32_t result =
         importCertificateWithChain(context->serialNumber, pin.text, record, context->deviceContext);
     if (result != 0)
-        return failWithError(static_cast<DWORD>(NTE_FAIL),
+        return failWithError(NTE_FAIL,
                              "CPSetKeyParam: KP_CERTIFICATE import failed ret=" + std::to_string(result));
     logDebug("CPSetKeyParam: KP_CERTIFICATE imported successfully");
     return TRUE;
@@ -196,10 +190,9 @@ void setIv(const KEY_HANDLE* key, const BYTE* pbData) {
 
 BOOL setKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData, DWORD dwFlags) {
     if (!isUsableContext(hProv))
-        return failWithError(static_cast<DWORD>(NTE_BAD_UID),
-                             "CPSetKeyParam: context is null or not initialized");
+        return failWithError(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
     if (hKey == 0)
-        return failWithError(static_cast<DWORD>(NTE_BAD_KEY), "CPSetKeyParam: key handle is null");
+        return failWithError(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
     CspContext* context = cspContextFrom(hProv);
     KEY_HANDLE* key = keyHandleFrom(hKey);
 

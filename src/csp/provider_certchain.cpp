@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "cert/certificate_chain.h"
+#include "csp/entry_point_guard.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
 #include "token/bounded_length.h"
@@ -48,15 +49,13 @@ std::map<std::string, std::vector<CalythCertificate>> chainsByContainer(const Cs
 
 BOOL getCertificateChainParam(CspContext* context, BYTE* pbData, DWORD* pdwDataLen) {
     if (context == nullptr || !context->initialized) {
-        logError("CPGetProvParam PP_CERTCHAIN: context is null or not initialized");
-        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
-        return FALSE;
+        return failWithError(NTE_BAD_UID, "CPGetProvParam PP_CERTCHAIN: context is null or not initialized");
     }
     std::map<std::string, std::vector<CalythCertificate>> chains = chainsByContainer(context);
     auto found = chains.find(context->containerName);
     if (found == chains.end()) {
         logError("CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + context->containerName);
-        SetLastError(static_cast<DWORD>(NTE_NO_KEY));
+        setLastErrorCode(NTE_NO_KEY);
         *pdwDataLen = 0;
         return FALSE;
     }

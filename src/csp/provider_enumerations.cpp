@@ -2,6 +2,7 @@
 #include <string>
 
 #include "csp/algorithm_table.h"
+#include "csp/entry_point_guard.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
 
@@ -43,24 +44,19 @@ BOOL getEnumeratedAlgorithm(CspContext* context, DWORD dwParam, BYTE* pbData, DW
     const std::string prefix = extended ? "CPGetProvParam PP_ENUMALGS_EX: " : "CPGetProvParam PP_ENUMALGS: ";
     logDebug(extended ? "CPGetProvParam: PP_ENUMALGS_EX" : "CPGetProvParam: PP_ENUMALGS");
     if (context == nullptr || !context->initialized) {
-        logError(prefix + "context is null or not initialized");
-        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
-        return FALSE;
+        return failWithError(NTE_BAD_UID, prefix + "context is null or not initialized");
     }
 
     DWORD flags = dwFlags & ~static_cast<DWORD>(CRYPT_SGC_ENUM);
     if (flags == CRYPT_FIRST) {
         context->algorithmEnumIndex = 0;
     } else if ((flags & ~static_cast<DWORD>(CRYPT_NEXT)) != 0) {
-        logError(prefix + "invalid dwFlags=" + std::to_string(dwFlags));
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return failWithError(ERROR_INVALID_PARAMETER, prefix + "invalid dwFlags=" + std::to_string(dwFlags));
     } else {
         context->algorithmEnumIndex += 1;
         if (context->algorithmEnumIndex >= kAlgorithmCount) {
-            logError(prefix + "no more algorithms, index=" + std::to_string(context->algorithmEnumIndex));
-            SetLastError(ERROR_NO_MORE_ITEMS);
-            return FALSE;
+            return failWithError(ERROR_NO_MORE_ITEMS, prefix + "no more algorithms, index=" +
+                                                          std::to_string(context->algorithmEnumIndex));
         }
     }
 
@@ -77,9 +73,8 @@ BOOL getEnumeratedAlgorithm(CspContext* context, DWORD dwParam, BYTE* pbData, DW
     }
     if (*pdwDataLen < size) {
         *pdwDataLen = size;
-        logError(prefix + "output buffer too small, required=" + std::to_string(size));
-        SetLastError(ERROR_MORE_DATA);
-        return FALSE;
+        return failWithError(ERROR_MORE_DATA,
+                             prefix + "output buffer too small, required=" + std::to_string(size));
     }
     std::memcpy(pbData, record, size);
     *pdwDataLen = size;
@@ -91,18 +86,16 @@ BOOL getEnumeratedAlgorithm(CspContext* context, DWORD dwParam, BYTE* pbData, DW
 
 BOOL getEnumeratedContainer(CspContext* context, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags) {
     if (context == nullptr || !context->initialized) {
-        logError("CPGetProvParam PP_ENUMCONTAINERS: context is null or not initialized");
-        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
-        return FALSE;
+        return failWithError(NTE_BAD_UID,
+                             "CPGetProvParam PP_ENUMCONTAINERS: context is null or not initialized");
     }
     if (dwFlags == CRYPT_FIRST) {
         context->containerEnumIndex = 0;
     } else if (dwFlags == CRYPT_NEXT) {
         context->containerEnumIndex += 1;
     } else {
-        logError("CPGetProvParam PP_ENUMCONTAINERS: invalid dwFlags=" + std::to_string(dwFlags));
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return failWithError(ERROR_INVALID_PARAMETER,
+                             "CPGetProvParam PP_ENUMCONTAINERS: invalid dwFlags=" + std::to_string(dwFlags));
     }
     if (context->containerEnumIndex >= context->keyIds.size()) {
         logError("CPGetProvParam PP_ENUMCONTAINERS: no more containers, index=" +

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "csp/csp_entry_points.h"
+#include "csp/entry_point_guard.h"
 #include "log/log.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
@@ -21,31 +22,33 @@ constexpr DWORD kProviderVersion = 0x100;
 // PP_KEYSTORAGE: security descriptors, and keys always under strong protection (8).
 constexpr DWORD kKeyStorageFlags = CRYPT_SEC_DESCR | 0x8;
 
+// Parameters a provider may be asked for that this one does not answer; 23 and 28 to 30 have no
+// name in wincrypt.h.
 bool isSupportedParam(DWORD dwParam) {
-    if (dwParam < 1 || dwParam > 40)
+    if (dwParam < PP_ENUMALGS || dwParam > PP_ENUMEX_SIGNING_PROT)
         return false;
     switch (dwParam) {
-        case 7:
-        case 10:
-        case 11:
-        case 12:
-        case 13:
-        case 14:
-        case 15:
-        case 18:
-        case 19:
-        case 20:
-        case 21:
+        case PP_CHANGE_PASSWORD:
+        case PP_KEY_TYPE_SUBTYPE:
+        case PP_CONTEXT_INFO:
+        case PP_KEYEXCHANGE_KEYSIZE:
+        case PP_SIGNATURE_KEYSIZE:
+        case PP_KEYEXCHANGE_ALG:
+        case PP_SIGNATURE_ALG:
+        case PP_APPLI_CERT:
+        case PP_SYM_KEYSIZE:
+        case PP_SESSION_KEYSIZE:
+        case PP_UI_PROMPT:
         case 23:
-        case 24:
-        case 25:
-        case 26:
+        case PP_DELETEKEY:
+        case PP_ENUMMANDROOTS:
+        case PP_ENUMELECTROOTS:
         case 28:
         case 29:
         case 30:
-        case 34:
-        case 35:
-        case 37:
+        case PP_SIG_KEYSIZE_INC:
+        case PP_KEYX_KEYSIZE_INC:
+        case PP_SGC_INFO:
             return false;
         default:
             return true;
@@ -135,9 +138,7 @@ BOOL getKeySetSecurityDescriptor(BYTE* pbData, DWORD* pdwDataLen) {
         return TRUE;
     }
     if (!MakeSelfRelativeSD(&absolute, reinterpret_cast<PSECURITY_DESCRIPTOR>(pbData), pdwDataLen)) {
-        logError("CPGetProvParam PP_KEYSET_SEC_DESCR: MakeSelfRelativeSD failed");
-        SetLastError(static_cast<DWORD>(NTE_FAIL));
-        return FALSE;
+        return failWithError(NTE_FAIL, "CPGetProvParam PP_KEYSET_SEC_DESCR: MakeSelfRelativeSD failed");
     }
     return TRUE;
 }
@@ -192,10 +193,22 @@ BOOL getProvParam(CspContext* context, DWORD dwParam, BYTE* pbData, DWORD* pdwDa
         case PP_CERTCHAIN:
             return getCertificateChainParam(context, pbData, pdwDataLen);
         default:
-            logError("CPGetProvParam: unsupported dwParam=" + std::to_string(dwParam));
-            SetLastError(static_cast<DWORD>(NTE_BAD_TYPE));
-            return FALSE;
+            return failWithError(NTE_BAD_TYPE,
+                                 "CPGetProvParam: unsupported dwParam=" + std::to_string(dwParam));
     }
+}
+
+BOOL getProviderParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags) {
+    logDebug("CPGetProvParam");
+    if (!isUsableContext(hProv))
+        return failWithError(NTE_BAD_UID, "CPGetProvParam: context is null or not initialized");
+    logDebug("CPGetProvParam input : " + std::to_string(dwParam));
+    logDebug("CPGetProvParam : " + std::to_string(dwParam));
+    if (!isSupportedParam(dwParam))
+        return failWithError(NTE_BAD_TYPE, "CPGetProvParam: unsupported dwParam=" + std::to_string(dwParam));
+    if (pdwDataLen == nullptr)
+        return failWithError(ERROR_INVALID_PARAMETER, "CPGetProvParam: pdwDataLen is null");
+    return getProvParam(cspContextFrom(hProv), dwParam, pbData, pdwDataLen, dwFlags);
 }
 
 }  // namespace
@@ -224,35 +237,13 @@ bool keySpecOfContainer(const CspContext* context, DWORD* keySpec) {
         return true;
     }
     logError("CPGetProvParam PP_KEYSPEC: key not found for container=" + context->containerName);
-    SetLastError(static_cast<DWORD>(NTE_NO_KEY));
+    setLastErrorCode(NTE_NO_KEY);
     return false;
 }
 
 extern "C" BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,
                                       DWORD dwFlags) {
-    try {
-        logDebug("CPGetProvParam");
-        if (!isUsableContext(hProv)) {
-            logError("CPGetProvParam: context is null or not initialized");
-            SetLastError(static_cast<DWORD>(NTE_BAD_UID));
-            return FALSE;
-        }
-        logDebug("CPGetProvParam input : " + std::to_string(dwParam));
-        logDebug("CPGetProvParam : " + std::to_string(dwParam));
-        if (!isSupportedParam(dwParam)) {
-            logError("CPGetProvParam: unsupported dwParam=" + std::to_string(dwParam));
-            SetLastError(static_cast<DWORD>(NTE_BAD_TYPE));
-            return FALSE;
-        }
-        if (pdwDataLen == nullptr) {
-            logError("CPGetProvParam: pdwDataLen is null");
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return FALSE;
-        }
-        return getProvParam(cspContextFrom(hProv), dwParam, pbData, pdwDataLen, dwFlags);
-    } catch (...) {
-        logError("CPGetProvParam: unexpected failure");
-        SetLastError(static_cast<DWORD>(NTE_FAIL));
-        return FALSE;
-    }
+    return runEntryPoint(
+        "CPGetProvParam", [&] { return getProviderParam(hProv, dwParam, pbData, pdwDataLen, dwFlags); },
+        failUnexpectedly);
 }

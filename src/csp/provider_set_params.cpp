@@ -2,6 +2,7 @@
 #include <string>
 
 #include "csp/csp_entry_points.h"
+#include "csp/entry_point_guard.h"
 #include "log/log.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
@@ -24,9 +25,7 @@ BOOL setClientWindow(CspContext* context, const BYTE* pbData) {
 // token so that later private-key operations do not ask for it.
 BOOL setPin(const CspContext* context, const BYTE* pbData) {
     if (pbData == nullptr) {
-        logError("CPSetProvParam: NULL PIN data");
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return failWithError(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
     }
     WipedText pin{std::string(reinterpret_cast<const char*>(pbData))};
     logDebug("CPSetProvParam - passwordLength : " + std::to_string(pin.text.size()));
@@ -34,9 +33,8 @@ BOOL setPin(const CspContext* context, const BYTE* pbData) {
     int result = calyth_validatePassword(context->serialNumber.c_str(), pin.c_str(), 1, &remaining,
                                          context->deviceContext);
     if (result != 0) {
-        logError("CPSetProvParam - Token password validation failed : " + std::to_string(result));
-        SetLastError(static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
-        return FALSE;
+        return failWithError(NTE_KEYSET_ENTRY_BAD,
+                             "CPSetProvParam - Token password validation failed : " + std::to_string(result));
     }
     storeValidatedPin(context->serialNumber, pin.text);
     return TRUE;
@@ -44,9 +42,7 @@ BOOL setPin(const CspContext* context, const BYTE* pbData) {
 
 BOOL setHardwareRng(const BYTE* pbData) {
     if (pbData == nullptr) {
-        logError("CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return failWithError(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL data for PP_USE_HARDWARE_RNG");
     }
     DWORD value = 0;
     std::memcpy(&value, pbData, sizeof value);
@@ -55,35 +51,30 @@ BOOL setHardwareRng(const BYTE* pbData) {
     return TRUE;
 }
 
+BOOL setProviderParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData) {
+    logDebug("CPSetProvParam");
+    if (!isUsableContext(hProv))
+        return failWithError(NTE_BAD_UID, "CPSetProvParam: context is null or not initialized");
+    CspContext* context = cspContextFrom(hProv);
+    logDebug("CPSetProvParam - input param : " + std::to_string(dwParam));
+    switch (dwParam) {
+        case PP_CLIENT_HWND:
+            return setClientWindow(context, pbData);
+        case PP_KEYEXCHANGE_PIN:
+        case PP_SIGNATURE_PIN:
+            return setPin(context, pbData);
+        case PP_USE_HARDWARE_RNG:
+            return setHardwareRng(pbData);
+        default:
+            return failWithError(NTE_BAD_TYPE,
+                                 "CPSetProvParam: unsupported dwParam=" + std::to_string(dwParam));
+    }
+}
+
 }  // namespace
 
 extern "C" BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData,
                                       DWORD /*dwFlags*/) {
-    try {
-        logDebug("CPSetProvParam");
-        if (!isUsableContext(hProv)) {
-            logError("CPSetProvParam: context is null or not initialized");
-            SetLastError(static_cast<DWORD>(NTE_BAD_UID));
-            return FALSE;
-        }
-        CspContext* context = cspContextFrom(hProv);
-        logDebug("CPSetProvParam - input param : " + std::to_string(dwParam));
-        switch (dwParam) {
-            case PP_CLIENT_HWND:
-                return setClientWindow(context, pbData);
-            case PP_KEYEXCHANGE_PIN:
-            case PP_SIGNATURE_PIN:
-                return setPin(context, pbData);
-            case PP_USE_HARDWARE_RNG:
-                return setHardwareRng(pbData);
-            default:
-                logError("CPSetProvParam: unsupported dwParam=" + std::to_string(dwParam));
-                SetLastError(static_cast<DWORD>(NTE_BAD_TYPE));
-                return FALSE;
-        }
-    } catch (...) {
-        logError("CPSetProvParam: unexpected failure");
-        SetLastError(static_cast<DWORD>(NTE_FAIL));
-        return FALSE;
-    }
+    return runEntryPoint(
+        "CPSetProvParam", [&] { return setProviderParam(hProv, dwParam, pbData); }, failUnexpectedly);
 }

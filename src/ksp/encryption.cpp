@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -49,6 +48,15 @@ struct IvArgument {
     int length() const { return static_cast<int>(copy.size()); }
 };
 
+// writeSizedOutput with an ERROR line for a short buffer: `shortBuffer` followed by the size.
+SECURITY_STATUS writeResult(const void* value, DWORD size, PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult,
+                            const char* shortBuffer) {
+    SECURITY_STATUS status = writeSizedOutput(value, size, pbOutput, cbOutput, pcbResult);
+    if (status == KSP_NTE_BUFFER_TOO_SMALL)
+        return kspFail(status, shortBuffer + std::to_string(size));
+    return status;
+}
+
 IvArgument ivFor(const KspKey* key) {
     if (isEcb(key))
         return {};
@@ -69,13 +77,10 @@ SECURITY_STATUS encryptSymmetric(const KspProvider* provider, const KspKey* key,
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric encryption failed: " + std::to_string(result));
 
     DWORD length = static_cast<DWORD>(output.size());
-    *pcbResult = length;
-    if (pbOutput == nullptr)
-        return KSP_SUCCESS;
-    if (cbOutput < length)
-        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
-                       "KSPEncrypt: symmetric output buffer too small, required=" + std::to_string(length));
-    std::memcpy(pbOutput, output.bytes, length);
+    SECURITY_STATUS status = writeResult(output.bytes, length, pbOutput, cbOutput, pcbResult,
+                                         "KSPEncrypt: symmetric output buffer too small, required=");
+    if (status != KSP_SUCCESS || pbOutput == nullptr)
+        return status;
     logDebug("KSP: Symmetric encrypt success, length: " + std::to_string(length));
     return KSP_SUCCESS;
 }
@@ -114,12 +119,11 @@ SECURITY_STATUS encryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
                        "KSP: Encrypt failed: ciphertext length " + std::to_string(ciphertextLength));
 
     // A key whose real modulus is longer than its object claims gives a longer ciphertext.
-    DWORD length = static_cast<DWORD>(ciphertextLength);
-    *pcbResult = length;
-    if (cbOutput < length)
-        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
-                       "KSPEncrypt: output buffer too small, required=" + std::to_string(length));
-    std::memcpy(pbOutput, ciphertext.data(), length);
+    SECURITY_STATUS status =
+        writeResult(ciphertext.data(), static_cast<DWORD>(ciphertextLength), pbOutput, cbOutput, pcbResult,
+                    "KSPEncrypt: output buffer too small, required=");
+    if (status != KSP_SUCCESS)
+        return status;
     logDebug("KSP: Encrypt success");
     return KSP_SUCCESS;
 }
@@ -166,12 +170,10 @@ SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Decrypt failed: " + std::to_string(result));
 
-    DWORD length = static_cast<DWORD>(plain.size());
-    *pcbResult = length;
-    if (cbOutput < length)
-        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
-                       "KSPDecrypt: output buffer too small, required=" + std::to_string(length));
-    std::memcpy(pbOutput, plain.bytes, length);
+    SECURITY_STATUS status = writeResult(plain.bytes, static_cast<DWORD>(plain.size()), pbOutput, cbOutput,
+                                         pcbResult, "KSPDecrypt: output buffer too small, required=");
+    if (status != KSP_SUCCESS)
+        return status;
     logDebug("KSP: Decrypt success");
     return KSP_SUCCESS;
 }
@@ -195,15 +197,12 @@ SECURITY_STATUS decryptSymmetric(const KspProvider* provider, const KspKey* key,
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Symmetric decryption failed: " + std::to_string(result));
 
     auto length = static_cast<DWORD>(boundedLength(plainLength, plain.size()));
-    *pcbResult = length;
-    if (pbOutput == nullptr) {
+    if (pbOutput == nullptr)
         logDebug("pbOutput == NULL ");
-        return KSP_SUCCESS;
-    }
-    if (cbOutput < length)
-        return kspFail(KSP_NTE_BUFFER_TOO_SMALL,
-                       "KSPDecrypt: symmetric output buffer too small, required=" + std::to_string(length));
-    std::memcpy(pbOutput, plain.data(), length);
+    SECURITY_STATUS status = writeResult(plain.data(), length, pbOutput, cbOutput, pcbResult,
+                                         "KSPDecrypt: symmetric output buffer too small, required=");
+    if (status != KSP_SUCCESS || pbOutput == nullptr)
+        return status;
     logDebug("KSP: Symmetric decrypt success, length: " + std::to_string(length));
     return KSP_SUCCESS;
 }

@@ -7,9 +7,6 @@
 
 #include <ncrypt.h>
 
-#include <string>
-#include <vector>
-
 #include "util/kdf_buffers.h"
 
 constexpr ULONG KSP_KDF_HASH_ALGORITHM = kKdfHashAlgorithm;
@@ -17,11 +14,7 @@ constexpr ULONG KSP_KDF_ALGORITHMID = kKdfAlgorithmId;
 constexpr ULONG KSP_KDF_PARTYUINFO = kKdfPartyUInfo;
 constexpr ULONG KSP_KDF_PARTYVINFO = kKdfPartyVInfo;
 
-struct KdfParameters {
-    std::wstring hashName;  // the last hash name given; empty when none
-    std::vector<unsigned char> algorithmId;
-    std::vector<unsigned char> partyUInfo;
-};
+using KdfParameters = KdfValues;
 
 // Walks the buffers in order: a later hash name replaces an earlier one, algorithm-identifier and
 // party-U bytes accumulate, buffers with a null value or size 0 and all other types are skipped.

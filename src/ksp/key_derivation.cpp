@@ -28,12 +28,12 @@ struct KdfHash {
 };
 
 // Compared exactly; any other name, none included, is SHA-256.
-KdfHash kdfHash(const std::wstring& name) {
-    if (name == L"SHA1")
+KdfHash kdfHash(const std::u16string& name) {
+    if (name == u"SHA1")
         return {CALYTH_HASH_SHA1, 20};
-    if (name == L"SHA384")
+    if (name == u"SHA384")
         return {CALYTH_HASH_SHA384, 48};
-    if (name == L"SHA512")
+    if (name == u"SHA512")
         return {CALYTH_HASH_SHA512, 64};
     return {CALYTH_HASH_SHA256, 32};
 }

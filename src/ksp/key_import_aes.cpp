@@ -46,8 +46,8 @@ SECURITY_STATUS storeOnToken(const KspProvider* provider, const unsigned char* b
                            &stored.record) != AesStoreResult::Stored)
         return kspFail(KSP_NTE_BAD_TYPE, texts.refused);
 
-    std::memcpy(key->keyId, record.keyId, KSP_KEY_ID_LENGTH);
-    key->keyIdLength = KSP_KEY_ID_LENGTH;
+    std::memcpy(key->keyId, record.keyId, KEY_ID_LENGTH);
+    key->keyIdLength = KEY_ID_LENGTH;
     size_t linkLength = std::clamp<int64_t>(record.referenceLength, 0, KSP_LINK_ID_ROOM);
     std::memcpy(key->linkId, record.reference, linkLength);
     key->linkIdLength = static_cast<uint32_t>(linkLength);
@@ -132,7 +132,7 @@ SECURITY_STATUS importTransportBlob(const KspProvider* provider, NCRYPT_KEY_HAND
         return KSP_NTE_NO_MEMORY;
     std::memcpy(key->symmetricKey, plain.bytes, length);
     key->symmetricKeyLength = static_cast<uint32_t>(length);
-    key->keyIdLength = KSP_KEY_ID_LENGTH;  // all-zero identifier: nothing is on the token
+    key->keyIdLength = KEY_ID_LENGTH;  // all-zero identifier: nothing is on the token
     key->algorithm = type;
     key->finalized = 1;
     handOut(std::move(key), phKey);

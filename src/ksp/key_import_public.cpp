@@ -140,7 +140,7 @@ SECURITY_STATUS importLegacyRsaPublicBlob(const BYTE* pbData, DWORD cbData, NCRY
         return KSP_NTE_NO_MEMORY;
     std::memcpy(key->publicKey, der.data(), der.size());
     key->publicKeyLength = static_cast<uint32_t>(der.size());
-    key->keyIdLength = KSP_KEY_ID_LENGTH;  // all-zero identifier
+    key->keyIdLength = KEY_ID_LENGTH;  // all-zero identifier
     key->bits = rsa.bitLength;
     key->algorithm = code;
     key->finalized = 1;

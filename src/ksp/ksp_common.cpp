@@ -62,8 +62,8 @@ bool copyTokenPublicKey(const CalythKeyPair& keyPair, KspKey* key) {
 }
 
 void copyTokenKeyData(const CalythKeyPair& keyPair, KspKey* key) {
-    std::memcpy(key->keyId, keyPair.keyId, KSP_KEY_ID_LENGTH);
-    key->keyIdLength = KSP_KEY_ID_LENGTH;
+    std::memcpy(key->keyId, keyPair.keyId, KEY_ID_LENGTH);
+    key->keyIdLength = KEY_ID_LENGTH;
     copyTokenPublicKey(keyPair, key);
     size_t linkLength =
         boundedLength(keyPair.objectIdLength, std::min(sizeof keyPair.objectId, sizeof key->linkId));

@@ -27,8 +27,8 @@ inline SECURITY_STATUS kspFail(SECURITY_STATUS status, const std::string& messag
 // NTE_INTERNAL_ERROR (anything else) with one ERROR line naming the operation.
 template <typename Body>
 SECURITY_STATUS runKspOperation(const char* name, Body body) {
-    return guardEntryPoint<SECURITY_STATUS>(name, body, [](bool outOfMemory, const std::string& message) {
-        return kspFail(outOfMemory ? KSP_NTE_NO_MEMORY : KSP_NTE_INTERNAL_ERROR, message);
+    return guardEntryPoint<SECURITY_STATUS>(name, body, [](const EscapedException& escaped) {
+        return kspFail(escaped.outOfMemory ? KSP_NTE_NO_MEMORY : KSP_NTE_INTERNAL_ERROR, escaped.message);
     });
 }
 

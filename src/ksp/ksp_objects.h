@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "token/device_library.h"
+#include "token/key_id.h"
 
-constexpr uint32_t KSP_KEY_ID_LENGTH = 16;
 // The largest public key the provider's sizes name is an RSA-4096 key as a DER SubjectPublicKeyInfo
 // (550 bytes with a 3-byte exponent); the room leaves some over for a longer exponent.
 constexpr size_t KSP_PUBLIC_KEY_ROOM = 600;
@@ -40,7 +40,7 @@ struct KspProvider {
 };
 
 struct KspKey {
-    unsigned char keyId[KSP_KEY_ID_LENGTH] = {};
+    unsigned char keyId[KEY_ID_LENGTH] = {};
     uint32_t keyIdLength = 0;  // 16 once the key exists on the token
     int32_t algorithm = 0;     // 1-4 RSA-1024..4096, 5-7 P-256/384/521; 0 RSA not yet finalised
     int32_t usage = 0;         // 1 signature, 2 key exchange, 3 both

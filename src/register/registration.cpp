@@ -113,8 +113,8 @@ HRESULT unregisterServer() {
 
 // No exception may reach the registration tool.
 HRESULT guarded(const char* name, HRESULT (*body)()) {
-    return guardEntryPoint<HRESULT>(name, body, [](bool, const std::string& message) {
-        logError(message);
+    return guardEntryPoint<HRESULT>(name, body, [](const EscapedException& escaped) {
+        logError(escaped.message);
         return E_FAIL;
     });
 }

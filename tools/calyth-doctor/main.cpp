@@ -63,8 +63,12 @@ int main(int argc, char** argv) {
         } else if (word == "--pin" || word == "--key") {
             if (i + 1 >= argc)
                 return usageError("missing value of " + word);
-            (word == "--pin" ? signRequest.pin : signRequest.keyId) = argv[++i];
-            pinGiven = pinGiven || word == "--pin";
+            if (word == "--pin") {
+                signRequest.pin = argv[++i];
+                pinGiven = true;
+            } else {
+                signRequest.keyId = argv[++i];
+            }
         } else {
             return usageError("unknown argument '" + word + "'");
         }

@@ -28,6 +28,24 @@ Bytes sha256(HCRYPTPROV system, const Bytes& message) {
     return digest;
 }
 
+// The KSP encrypt and decrypt steps differ only in the client call and the step's name.
+using CipherCall = SECURITY_STATUS (cngtest::CngClient::*)(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE,
+                                                           const Bytes&, void*, Bytes*, DWORD);
+
+// One step with PKCS #1 padding; false (counted as a failure) when the provider refused it.
+bool cipherStep(Run& run, ThreadState& thread, cngtest::CngClient& client, CipherCall call, const char* step,
+                const char* operation, NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key, const Bytes& input,
+                Bytes* output) {
+    thread.step = step;
+    SECURITY_STATUS status = (client.*call)(provider, key, input, nullptr, output, NCRYPT_PAD_PKCS1_FLAG);
+    if (status) {
+        failed(run, operation, status);
+        return false;
+    }
+    completed(run, thread);
+    return true;
+}
+
 void signAndDecrypt(Run& run, ThreadState& thread, cngtest::CngClient& client, NCRYPT_PROV_HANDLE provider,
                     NCRYPT_KEY_HANDLE key, Token& token, HCRYPTPROV system, std::mt19937& random) {
     Bytes message(1 + random() % 200);
@@ -53,23 +71,15 @@ void signAndDecrypt(Run& run, ThreadState& thread, cngtest::CngClient& client, N
         else
             completed(run, thread);
     }
-    thread.step = "Encrypt";
     Bytes plain(message.data(), message.data() + std::min<size_t>(message.size(), 32));
     Bytes cipher;
-    status = client.encrypt(provider, key, plain, nullptr, &cipher, NCRYPT_PAD_PKCS1_FLAG);
-    if (status) {
-        failed(run, "KSP Encrypt", status);
+    if (!cipherStep(run, thread, client, &cngtest::CngClient::encrypt, "Encrypt", "KSP Encrypt", provider,
+                    key, plain, &cipher))
         return;
-    }
-    completed(run, thread);
-    thread.step = "Decrypt";
     Bytes decrypted;
-    status = client.decrypt(provider, key, cipher, nullptr, &decrypted, NCRYPT_PAD_PKCS1_FLAG);
-    if (status) {
-        failed(run, "KSP Decrypt", status);
+    if (!cipherStep(run, thread, client, &cngtest::CngClient::decrypt, "Decrypt", "KSP Decrypt", provider,
+                    key, cipher, &decrypted))
         return;
-    }
-    completed(run, thread);
     if (decrypted != plain)
         ++run.tally.roundTripMismatches;
 }
