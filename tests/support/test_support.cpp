@@ -332,37 +332,57 @@ void removeLogLevel() {
     RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, kLogKey, "logLevel");
 }
 
-std::string logFilePath() {
+std::string logFilePath(const std::string& process) {
     char date[32];
     time_t now = time(nullptr);
     strftime(date, sizeof date, "%Y-%m-%d", localtime(&now));
-    return tempFolder() + "/Quorvik Labs/" + getProcessName() + "/" + date + ".LOG";
+    return tempFolder() + "Quorvik Labs\\" + (process.empty() ? getProcessName() : process) + "\\" + date +
+           ".LOG";
 }
 
-std::string readLog() {
-    std::ifstream in(logFilePath(), std::ios::binary);
+std::string readLog(const std::string& process) {
+    std::ifstream in(logFilePath(process), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-std::vector<std::string> logMessages() {
+namespace {
+
+// The tag that precedes a message of this level: levels are padded to five characters ("INFO ").
+std::string levelTag(const std::string& level) {
+    std::string padded = level;
+    if (padded.size() < 5)
+        padded.resize(5, ' ');
+    return "->" + padded + " ::=>";
+}
+
+// The log's lines without their line ends.
+std::vector<std::string> logLines(const std::string& process = "") {
     std::vector<std::string> out;
-    std::istringstream in(readLog());
+    std::istringstream in(readLog(process));
     std::string line;
     while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        out.push_back(line);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<std::string> logMessages(const std::string& process) {
+    std::vector<std::string> out;
+    for (const std::string& line : logLines(process)) {
         size_t marker = line.find("::=>");
         out.push_back(marker == std::string::npos ? line : line.substr(marker + 4));
     }
     return out;
 }
 
-std::vector<std::string> logMessagesAt(const std::string& level) {
+std::vector<std::string> logMessagesAt(const std::string& level, const std::string& process) {
     std::vector<std::string> out;
-    std::string tag = "->" + level + " ::=>";
-    std::istringstream in(readLog());
-    std::string line;
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
+    std::string tag = levelTag(level);
+    for (const std::string& line : logLines(process)) {
         size_t at = line.find(tag);
         if (at != std::string::npos)
             out.push_back(line.substr(at + tag.size()));
@@ -379,21 +399,17 @@ bool logContains(const std::string& text) {
 }
 
 size_t logSubstringCount(const std::string& text) {
-    std::istringstream in(readLog());
-    std::string line;
     size_t count = 0;
-    while (std::getline(in, line))
+    for (const std::string& line : logLines())
         if (line.find(text) != std::string::npos)
             ++count;
     return count;
 }
 
 size_t logLineCount(const std::string& level, const std::string& message) {
-    std::string tag = "->" + level + " ::=>";
-    std::istringstream in(readLog());
-    std::string line;
+    std::string tag = levelTag(level);
     size_t count = 0;
-    while (std::getline(in, line)) {
+    for (const std::string& line : logLines()) {
         size_t at = line.find(tag);
         if (at != std::string::npos && line.compare(at + tag.size(), std::string::npos, message) == 0)
             ++count;
@@ -403,6 +419,31 @@ size_t logLineCount(const std::string& level, const std::string& message) {
 
 bool logHasLine(const std::string& level, const std::string& message) {
     return logLineCount(level, message) != 0;
+}
+
+std::vector<std::string> logEntries() {
+    std::vector<std::string> out;
+    for (const std::string& line : logLines()) {
+        for (const char* level : {"DEBUG", "ERROR", "EXCEP", "INFO"}) {
+            std::string tag = levelTag(level);
+            size_t at = line.find(tag);
+            if (at != std::string::npos) {
+                out.push_back(std::string(level) + ":" + line.substr(at + tag.size()));
+                break;
+            }
+        }
+    }
+    return out;
+}
+
+bool waitUntil(const std::function<bool()>& condition, uint32_t timeoutMs) {
+    DWORD start = GetTickCount();
+    while (!condition()) {
+        if (GetTickCount() - start > timeoutMs)
+            return false;
+        Sleep(10);
+    }
+    return true;
 }
 
 std::vector<unsigned char> readFile(const std::string& path) {

@@ -3,10 +3,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace testsupport {
+
+// How long a test waits for something that takes milliseconds on an idle machine: long enough
+// for a loaded one, short enough that a hang still fails the test.
+constexpr uint32_t kGenerousWaitMs = 20000;
 
 // Points TMP and TEMP of this process at <temp>\calyth-tests\<program>, emptied first.
 void usePrivateTempFolder();
@@ -19,13 +24,16 @@ void removeLogLevel();
 // Sets "logLevel" with any registry value type and raw data (REG_SZ, REG_BINARY, ...).
 void setLogLevelRaw(uint32_t type, const std::vector<unsigned char>& data);
 
-// Path of today's log file of this process, and its whole content ("" when missing).
-std::string logFilePath();
-std::string readLog();
+// Path of today's log file of the process named `process` (its program's name without ".exe"; ""
+// for this program), and its whole content ("" when missing).
+std::string logFilePath(const std::string& process = "");
+std::string readLog(const std::string& process = "");
 // Lines of today's log file without the "dd/mm::hh:mm:ss:mmm-> ->TAG ::=>" prefix.
-std::vector<std::string> logMessages();
-// Messages of the lines written at `level` ("DEBUG", "ERROR"), in order.
-std::vector<std::string> logMessagesAt(const std::string& level);
+std::vector<std::string> logMessages(const std::string& process = "");
+// Messages of the lines written at `level` ("DEBUG", "ERROR", "INFO", "EXCEP"), in order.
+std::vector<std::string> logMessagesAt(const std::string& level, const std::string& process = "");
+// Every line as "<level>:<message>" ("DEBUG:CPAcquireContext"), in order.
+std::vector<std::string> logEntries();
 // Makes the log facility's folders for this process (it loses the lines written while it makes
 // them, one folder per line), so that the next line is written. Tests that read the log call it first;
 // only programs linked with the provider's log facility can (tests/support/log_folders.cpp).
@@ -36,9 +44,14 @@ void clearLog();
 // substring: lines that hold `text` anywhere (a prefix, a value);
 bool logContains(const std::string& text);
 size_t logSubstringCount(const std::string& text);
-// whole line: lines written at `level` ("DEBUG", "ERROR") whose message is exactly `message`.
+// whole line: lines written at `level` ("DEBUG", "ERROR", "INFO", "EXCEP") whose message is
+// exactly `message`.
 bool logHasLine(const std::string& level, const std::string& message);
 size_t logLineCount(const std::string& level, const std::string& message);
+
+// Polls `condition` every 10 ms until it holds (true) or `timeoutMs` has passed (false). Tests
+// wait for the event itself with a generous deadline, never for a fixed time.
+bool waitUntil(const std::function<bool()>& condition, uint32_t timeoutMs = kGenerousWaitMs);
 
 std::vector<unsigned char> readFile(const std::string& path);
 bool pathExists(const std::string& path);

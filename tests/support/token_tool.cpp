@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <cctype>
-#include <ctime>
 #include <sstream>
 
 #include "support/provider_registration.h"
@@ -115,10 +114,7 @@ std::string prepareLog(const std::string& processName) {
     CreateDirectoryA(folder.c_str(), nullptr);
     folder += "\\" + processName;
     CreateDirectoryA(folder.c_str(), nullptr);
-    char date[32];
-    time_t now = time(nullptr);
-    strftime(date, sizeof date, "%Y-%m-%d", localtime(&now));
-    std::string path = folder + "\\" + date + ".LOG";
+    std::string path = logFilePath(processName);
     writeFile(path, {});
     return path;
 }

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 
-#include "access_log.h"
-#include "simulated_user.h"
 #include "support/provider_registration.h"
+#include "support/simulated_user.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
 using namespace testsupport;
-using namespace access_test;
 using ::testing::ElementsAre;
 
 namespace {
@@ -68,8 +66,9 @@ bool providerLoaded() {
 TEST_F(CspSystem, AVerifyOnlyContextNeedsNoTokenAndStartsNoMonitor) {
     HCRYPTPROV handle = 0;
     ASSERT_TRUE(acquire(&handle, nullptr, CRYPT_VERIFYCONTEXT)) << std::hex << GetLastError();
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"));
-    EXPECT_FALSE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Monitor thread started (startDeviceMonitor)."));
     BYTE random[16] = {};
     EXPECT_TRUE(CryptGenRandom(handle, sizeof random, random));
     opened.clear();
@@ -87,8 +86,9 @@ TEST_F(CspSystem, NoTokenConnectedFailsWithTheNoTokenCode) {
     }
     // The monitor's first line is written while the first acquisition goes on, and the log file is
     // shared without a lock: one of the two error lines may be lost, never both.
-    EXPECT_GE(logCount("ERROR:CPAcquireContext: valid token not connected, return FALSE"), 1u);
-    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_GE(testsupport::logLineCount("ERROR", "CPAcquireContext: valid token not connected, return FALSE"),
+              1u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "Monitor thread started (startDeviceMonitor)."), 1u);
 }
 
 TEST_F(CspSystem, AContainerOnTheSecondTokenOpensThatToken) {
@@ -97,14 +97,15 @@ TEST_F(CspSystem, AContainerOnTheSecondTokenOpensThatToken) {
     std::string key = makeKey("SYS-A2", "p256", "--usage sign");
     HCRYPTPROV second = 0;
     ASSERT_TRUE(acquire(&second, lower(key).c_str(), 0)) << std::hex << GetLastError();
-    EXPECT_TRUE(
-        logHas("DEBUG:CPAcquireContext: container=" + lower(key) + " serial=SYS-A2 silent=0, return TRUE"));
-    EXPECT_TRUE(logHas("DEBUG:" + key));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext: container=" + lower(key) + " serial=SYS-A2 silent=0, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "" + key));
     HCRYPTPROV first = 0;
     ASSERT_TRUE(acquire(&first, nullptr, 0));
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext: container= serial=SYS-A1 silent=0, return TRUE"));
-    EXPECT_TRUE(logHas("DEBUG:Acquire Context :: Key List is empty"));
-    EXPECT_FALSE(logHas("ERROR:Init device failed for SYS-A1 : 2"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "CPAcquireContext: container= serial=SYS-A1 silent=0, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Acquire Context :: Key List is empty"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "Init device failed for SYS-A1 : 2"));
 }
 
 TEST_F(CspSystem, AWrongPinShowsTheAttemptsLeftAndTheRightOneSigns) {
@@ -156,7 +157,7 @@ TEST_F(CspSystem, ALockedTokenEndsTheLogin) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
     EXPECT_THAT(user.finish(), ElementsAre("dialog", "message:Invalid user pin. Remaining attempts(1)",
                                            "dialog", "message:User pin locked, re-initialise device"));
-    EXPECT_TRUE(logHas("ERROR:loginUser: PIN locked, retryCount=0, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: PIN locked, retryCount=0, return FALSE"));
 
     // Locked: even the right PIN is refused.
     SimulatedUser again({enterPin("1234"), answerMessage()});
@@ -189,14 +190,14 @@ TEST_F(CspSystem, SingleSignOnSignsWithoutAskingAndIsAskedEveryTime) {
     EXPECT_TRUE(sign(provider, &signature)) << std::hex << GetLastError();
     EXPECT_THAT(nobody.finish(), ElementsAre());
     EXPECT_EQ(signature.size(), 64u);
-    EXPECT_EQ(logCount("DEBUG:loginUser: SSO already validated, return TRUE"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "loginUser: SSO already validated, return TRUE"), 2u);
 
     // Once single sign-on is off, the PIN is needed.
     ASSERT_EQ(calythToken("sso --serial SYS-E1 off"), 0);
     SimulatedUser user({pressCancel()});
     EXPECT_FALSE(sign(provider, &signature));
     EXPECT_THAT(user.finish(), ElementsAre("dialog"));
-    EXPECT_TRUE(logHas("ERROR:loginUser: user cancelled password dialog, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: user cancelled password dialog, return FALSE"));
 }
 
 TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
@@ -211,7 +212,8 @@ TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
 
     ASSERT_EQ(calythToken("unplug --serial SYS-F1"), 0);
     DWORD unplugged = GetTickCount();
-    ASSERT_TRUE(waitUntil([] { return logHas("DEBUG:Device disconnected: SYS-F1"); }, 5000));
+    ASSERT_TRUE(testsupport::waitUntil(
+        [] { return testsupport::logHasLine("DEBUG", "Device disconnected: SYS-F1"); }));
     DWORD forgottenAfter = GetTickCount() - unplugged;
     EXPECT_LE(forgottenAfter, 1500u);
     std::printf("token forgotten %lu ms after the unplug command returned\n", forgottenAfter);
@@ -224,11 +226,11 @@ TEST_F(CspSystem, AnUnpluggedTokenIsForgottenAndAskedForAgainWhenBack) {
     ASSERT_EQ(calythToken("fault --serial SYS-F1 --function initDevice --code 5"), 0);
     HCRYPTPROV back = 0;
     ASSERT_TRUE(acquire(&back, key.c_str(), 0));
-    EXPECT_TRUE(logHas("ERROR:Init device failed for SYS-F1 : 5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Init device failed for SYS-F1 : 5"));
     testsupport::clearLog();
     HCRYPTPROV initialised = 0;
     ASSERT_TRUE(acquire(&initialised, key.c_str(), 0));
-    EXPECT_FALSE(logHas("ERROR:Init device failed for SYS-F1 : 5"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "Init device failed for SYS-F1 : 5"));
     SimulatedUser again({enterPin("1234")});
     EXPECT_TRUE(sign(initialised, &signature)) << std::hex << GetLastError();
     EXPECT_THAT(again.finish(), ElementsAre("dialog"));

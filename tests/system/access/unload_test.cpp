@@ -1,14 +1,12 @@
 // Unloading the provider, and loading it again, with and without a running device monitor: the
 // host must never hang or crash, whether it frees the library itself, lets CryptoAPI do it, or
 // simply ends.
-#include "access_log.h"
 #include "csp/csp_entry_points.h"
 #include "support/provider_registration.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
 using namespace testsupport;
-using namespace access_test;
 
 namespace {
 
@@ -46,24 +44,14 @@ struct ChildRun {
 
 // Runs access_exit_child with the steps; its exit code, duration and log lines.
 ChildRun runChild(const std::string& steps) {
-    std::string logPath = prepareLog("access_exit_child");
+    prepareLog("access_exit_child");
     ChildRun run{};
     DWORD start = GetTickCount();
     run.exitCode = testsupport::runCommand(
         "\"" + programFolder() + "access_exit_child.exe\" \"" + providerImagePath() + "\" " + steps,
         &run.output);
     run.milliseconds = GetTickCount() - start;
-    std::vector<unsigned char> bytes = testsupport::readFile(logPath);
-    std::string text(bytes.begin(), bytes.end());
-    size_t at = 0;
-    while (at < text.size()) {
-        size_t end = text.find('\n', at);
-        std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        size_t marker = line.find("::=>");
-        if (marker != std::string::npos)
-            run.log.push_back(line.substr(marker + 4));
-        at = end == std::string::npos ? text.size() : end + 1;
-    }
+    run.log = testsupport::logMessages("access_exit_child");
     return run;
 }
 
@@ -87,8 +75,8 @@ TEST_F(Unload, WithoutAMonitorFreeLibraryReallyUnloadsEveryTime) {
     }
     std::printf("%d load/verify context/free cycles without a monitor: %lu ms\n", kCycles,
                 GetTickCount() - start);
-    EXPECT_FALSE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
-    EXPECT_FALSE(logHas("DEBUG:Monitor thread joined (stopDeviceMonitor)."));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Monitor thread started (startDeviceMonitor)."));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Monitor thread joined (stopDeviceMonitor)."));
 }
 
 TEST_F(Unload, WithoutAMonitorCryptoApiLoadsAndFreesTheProviderPerContext) {
@@ -134,7 +122,7 @@ TEST_F(Unload, WithTheMonitorRunningTheLibraryStaysAndReloadsIntoTheSameState) {
     HMODULE first = LoadLibraryA(providerImagePath().c_str());
     ASSERT_NE(first, nullptr);
     ASSERT_TRUE(openAndClose(first, 0));
-    ASSERT_TRUE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
+    ASSERT_TRUE(testsupport::logHasLine("DEBUG", "Monitor thread started (startDeviceMonitor)."));
 
     constexpr int kCycles = 50;
     DWORD start = GetTickCount();
@@ -152,11 +140,12 @@ TEST_F(Unload, WithTheMonitorRunningTheLibraryStaysAndReloadsIntoTheSameState) {
                 GetTickCount() - start);
     // One monitor throughout. (Counted through the starting thread's line, which is written
     // before the monitor runs; the monitor's own first line may meet the acquisition's lines.)
-    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
-    EXPECT_GE(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_GE(testsupport::logLineCount("DEBUG", "Monitor thread already running, not starting again."), 1u);
     // The monitor still works after all this: an unplugged token is forgotten.
     ASSERT_EQ(calythToken("unplug --serial UNL-2"), 0);
-    EXPECT_TRUE(waitUntil([] { return logHas("DEBUG:Device disconnected: UNL-2"); }, 3000));
+    EXPECT_TRUE(testsupport::waitUntil(
+        [] { return testsupport::logHasLine("DEBUG", "Device disconnected: UNL-2"); }));
     FreeLibrary(first);
 }
 
@@ -172,8 +161,9 @@ TEST_F(Unload, WithTheMonitorRunningCryptoApiCyclesNeverHang) {
     }
     std::printf("%d CryptAcquireContext/CryptReleaseContext cycles with the monitor running: %lu ms\n",
                 kCycles, GetTickCount() - start);
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext: container= serial=UNL-0 silent=0, return TRUE"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "CPAcquireContext: container= serial=UNL-0 silent=0, return TRUE"));
     // The monitor was started by an earlier test and is still the only one.
-    EXPECT_EQ(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 0u);
-    EXPECT_GE(logCount("DEBUG:Monitor thread already running, not starting again."), 1u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "Monitor thread started (startDeviceMonitor)."), 0u);
+    EXPECT_GE(testsupport::logLineCount("DEBUG", "Monitor thread already running, not starting again."), 1u);
 }

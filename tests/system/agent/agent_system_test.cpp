@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "signer.h"
-#include "simulated_user.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
+#include "support/simulated_user.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
@@ -331,7 +331,7 @@ TEST_F(AgentSystem, AnApplicationThatKnowsOnlyTheSubjectSignsWithTheTokenKeyAndT
     ASSERT_EQ(agent("--once").exitCode, 0);
     writeFile(file("document.txt"), std::vector<unsigned char>{'s', 'i', 'g', 'n', ' ', 'm', 'e', '\n'});
 
-    access_test::SimulatedUser user({access_test::enterPin(kPin)});
+    testsupport::SimulatedUser user({testsupport::enterPin(kPin)});
     HCERTSTORE userStore = CertOpenStore(CERT_STORE_PROV_SYSTEM_A, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, "MY");
     ASSERT_NE(userStore, nullptr);
     PCCERT_CONTEXT certificate = CertFindCertificateInStore(

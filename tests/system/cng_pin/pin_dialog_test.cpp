@@ -7,19 +7,19 @@
 #include <gtest/gtest.h>
 
 #include "cng_pin_support.h"
-#include "simulated_user.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
+#include "support/simulated_user.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
-using access_test::answerMessage;
-using access_test::enterPin;
-using access_test::pressCancel;
-using access_test::SimulatedUser;
 using cngtest::CngClient;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testsupport::answerMessage;
+using testsupport::enterPin;
+using testsupport::pressCancel;
+using testsupport::SimulatedUser;
 
 namespace cngpin {
 namespace {

@@ -11,15 +11,15 @@
 #include <gtest/gtest.h>
 
 #include "cng_pin_support.h"
-#include "simulated_user.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
+#include "support/simulated_user.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
-using access_test::SimulatedUser;
 using cngtest::CngClient;
 using testing::IsEmpty;
+using testsupport::SimulatedUser;
 
 namespace cngpin {
 namespace {

@@ -11,17 +11,19 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "support/fenced_buffer.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
 #include "support/test_support.h"
 #include "support/token_tool.h"
-#include "system/fuzz_wine/fenced_buffer.h"
 #include "system/fuzz_wine/fuzz_seeds.h"
 #include "system/fuzz_wine/mutator.h"
 #include "system/fuzz_wine/run_loop.h"
 
 namespace fuzzwine {
 namespace {
+
+using testsupport::FencedBuffer;
 
 constexpr const char* kSerial = "FUZZ1";
 constexpr const char* kPin = "1234";

@@ -13,8 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "support/fenced_buffer.h"
+#include "support/token_tool.h"
 #include "system/cng/cng_support.h"
-#include "system/fuzz_wine/fenced_buffer.h"
 #include "system/fuzz_wine/fuzz_seeds.h"
 #include "system/fuzz_wine/mutator.h"
 #include "system/fuzz_wine/run_loop.h"
@@ -23,6 +24,7 @@ namespace fuzzwine {
 namespace {
 
 using cngtest::CngSystemTest;
+using testsupport::FencedBuffer;
 
 const wchar_t* const kBlobTypes[] = {BCRYPT_RSAPUBLIC_BLOB,       BCRYPT_PUBLIC_KEY_BLOB,
                                      BCRYPT_ECCPUBLIC_BLOB,       BCRYPT_OPAQUE_KEY_BLOB,
@@ -92,7 +94,8 @@ protected:
 };
 
 TEST_F(CngFuzz, KSPImportKey) {
-    NCRYPT_KEY_HANDLE tokenKey = openTokenKey(cngtest::tokenKey("rsa2048", "exchange"));
+    NCRYPT_KEY_HANDLE tokenKey =
+        openTokenKey(testsupport::makeKey(cngtest::kSerial, "rsa2048", "--usage exchange"));
     ASSERT_NE(tokenKey, 0u);
     const Bytes seeds[] = {cngRsaPublicBlob(),
                            cngEccPublicBlob(BCRYPT_ECDSA_PUBLIC_P256_MAGIC),
@@ -118,7 +121,8 @@ TEST_F(CngFuzz, KSPImportKey) {
 }
 
 TEST_F(CngFuzz, KSPProperties) {
-    NCRYPT_KEY_HANDLE keys[2] = {openTokenKey(cngtest::tokenKey("p256", "sign")), 0};
+    NCRYPT_KEY_HANDLE keys[2] = {openTokenKey(testsupport::makeKey(cngtest::kSerial, "p256", "--usage sign")),
+                                 0};
     Bytes rsa = cngRsaPublicBlob();
     ASSERT_EQ(client.table()->ImportKey(bare, 0, BCRYPT_RSAPUBLIC_BLOB, nullptr, &keys[1], rsa.data(),
                                         static_cast<DWORD>(rsa.size()), 0),
@@ -162,7 +166,7 @@ TEST_F(CngFuzz, KSPProperties) {
 
 TEST_F(CngFuzz, KSPDeriveKey) {
     NCRYPT_KEY_HANDLE tokenKey = 0;
-    std::wstring name = cngtest::wide(cngtest::tokenKey("p256", "exchange"));
+    std::wstring name = cngtest::wide(testsupport::makeKey(cngtest::kSerial, "p256", "--usage exchange"));
     ASSERT_EQ(client.table()->OpenKey(provider(), &tokenKey, name.c_str(), 0, 0), 0);
     NCRYPT_KEY_HANDLE peer = 0;
     Bytes peerBlob = cngEccPublicBlob(BCRYPT_ECDH_PUBLIC_P256_MAGIC);

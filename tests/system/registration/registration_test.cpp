@@ -3,7 +3,6 @@
 // regsvr32 on Wine's own bcrypt, whose registration functions accept everything.
 #include <windows.h>
 
-#include <ctime>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
@@ -51,26 +50,6 @@ Lines splitLines(const std::string& text) {
     return lines;
 }
 
-std::string logPathOf(const std::string& process) {
-    char date[32];
-    time_t now = time(nullptr);
-    strftime(date, sizeof date, "%Y-%m-%d", localtime(&now));
-    return testsupport::tempFolder() + "Quorvik Labs\\" + process + "\\" + date + ".LOG";
-}
-
-// Messages of a process's log lines at `level`.
-Lines logOf(const std::string& process, const std::string& level) {
-    std::vector<unsigned char> bytes = testsupport::readFile(logPathOf(process));
-    Lines messages;
-    std::string marker = level + " ::=>";
-    for (const std::string& line : splitLines(std::string(bytes.begin(), bytes.end()))) {
-        size_t at = line.find(marker);
-        if (at != std::string::npos)
-            messages.push_back(line.substr(at + marker.size()));
-    }
-    return messages;
-}
-
 struct HostRun {
     int exitCode = -1;
     std::string output;
@@ -94,7 +73,7 @@ void prepareLogFolder(const std::string& process) {
     std::string folder = testsupport::tempFolder() + "Quorvik Labs";
     CreateDirectoryA(folder.c_str(), nullptr);
     CreateDirectoryA((folder + "\\" + process).c_str(), nullptr);
-    DeleteFileA(logPathOf(process).c_str());
+    DeleteFileA(testsupport::logFilePath(process).c_str());
 }
 
 // Runs registration_host.exe of `folder` with its recording bcrypt.dll, telling it which functions
@@ -121,8 +100,8 @@ protected:
         useRecordingBcrypt(true);
     }
     void TearDown() override { useRecordingBcrypt(false); }
-    static Lines debugLines() { return logOf("registration_host", "DEBUG"); }
-    static Lines errorLines() { return logOf("registration_host", "ERROR"); }
+    static Lines debugLines() { return testsupport::logMessagesAt("DEBUG", "registration_host"); }
+    static Lines errorLines() { return testsupport::logMessagesAt("ERROR", "registration_host"); }
 };
 
 TEST_F(Registration, ClearsEarlierEntriesThenRegistersTheProviderAndItsContextEntry) {
@@ -203,11 +182,11 @@ TEST(Regsvr32, RegistersAndUnregistersOnWinesBcrypt) {
     prepareLogFolder("regsvr32");
     std::string output;
     EXPECT_EQ(testsupport::runCommand("regsvr32 /s \"" + dll + "\"", &output), 0) << output;
-    EXPECT_EQ(logOf("regsvr32", "DEBUG"), (Lines{kRegisterStart, kRegisterDone}));
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG", "regsvr32"), (Lines{kRegisterStart, kRegisterDone}));
     EXPECT_EQ(testsupport::runCommand("regsvr32 /s /u \"" + dll + "\"", &output), 0) << output;
-    EXPECT_EQ(logOf("regsvr32", "DEBUG"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG", "regsvr32"),
               (Lines{kRegisterStart, kRegisterDone, kUnregisterStart, kUnregisterDone}));
-    EXPECT_EQ(logOf("regsvr32", "ERROR"), Lines{});
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR", "regsvr32"), Lines{});
 }
 
 }  // namespace

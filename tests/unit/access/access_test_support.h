@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "access_log.h"
 #include "fake_device/fake_device.h"
 #include "support/test_support.h"
 

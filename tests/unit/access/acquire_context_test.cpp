@@ -1,4 +1,5 @@
 // CPAcquireContext and CPReleaseContext against the scriptable device library.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -43,7 +44,8 @@ protected:
     void waitForMonitorStart(const fake::Call& call) {
         if (monitorSeen || call.threadId != testThread || call.function != "calyth_getConnectedDeviceList")
             return;
-        monitorSeen = waitUntil([] { return logHas("DEBUG:Device monitor thread started."); }, 2000);
+        monitorSeen = testsupport::waitUntil(
+            [] { return testsupport::logHasLine("DEBUG", "Device monitor thread started."); });
     }
     void TearDown() override {
         for (HCRYPTPROV handle : opened)
@@ -94,9 +96,10 @@ TEST_F(AcquireContext, ANullHandlePointerIsAnInvalidParameter) {
     SetLastError(0);
     EXPECT_FALSE(CPAcquireContext(nullptr, nullptr, 0, &vtable));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_THAT(logEntries(), ElementsAre("DEBUG:CPAcquireContext",
-                                          "ERROR:CPAcquireContext: invalid parameter - phProv=0 pVTable=" +
-                                              std::to_string(reinterpret_cast<uintptr_t>(&vtable))));
+    EXPECT_THAT(testsupport::logEntries(),
+                ElementsAre("DEBUG:CPAcquireContext",
+                            "ERROR:CPAcquireContext: invalid parameter - phProv=0 pVTable=" +
+                                std::to_string(reinterpret_cast<uintptr_t>(&vtable))));
     EXPECT_THAT(fake::calls(), IsEmpty());
     EXPECT_FALSE(isDeviceMonitorRunning());
 }
@@ -107,8 +110,9 @@ TEST_F(AcquireContext, ANullTableIsAnInvalidParameter) {
     EXPECT_FALSE(CPAcquireContext(&handle, nullptr, CRYPT_VERIFYCONTEXT, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(handle, 77u);
-    EXPECT_TRUE(logHas("ERROR:CPAcquireContext: invalid parameter - phProv=" +
-                       std::to_string(reinterpret_cast<uintptr_t>(&handle)) + " pVTable=0"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPAcquireContext: invalid parameter - phProv=" +
+                                                     std::to_string(reinterpret_cast<uintptr_t>(&handle)) +
+                                                     " pVTable=0"));
 }
 
 TEST_F(AcquireContext, DeletingAKeySetIsANoOpTestedBeforeVerifyOnly) {
@@ -118,7 +122,7 @@ TEST_F(AcquireContext, DeletingAKeySetIsANoOpTestedBeforeVerifyOnly) {
     EXPECT_EQ(handle, 0u);
     EXPECT_THAT(fake::calls(), IsEmpty());
     EXPECT_FALSE(isDeviceMonitorRunning());
-    EXPECT_THAT(logEntries(),
+    EXPECT_THAT(testsupport::logEntries(),
                 ElementsAre("DEBUG:CPAcquireContext", "DEBUG:CPAcquireContext - dwFlags : 4026531856",
                             "DEBUG:CPAcquireContext: CRYPT_DELETEKEYSET, return TRUE"));
 }
@@ -142,7 +146,8 @@ TEST_F(AcquireContext, AFailedAllocationIsNoMemory) {
     EXPECT_FALSE(ok);
     EXPECT_EQ(error, static_cast<DWORD>(NTE_NO_MEMORY));
     EXPECT_EQ(handle, 0u);
-    EXPECT_TRUE(logHas("ERROR:CPAcquireContext: failed to allocate CSP context, return FALSE"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPAcquireContext: failed to allocate CSP context, return FALSE"));
     EXPECT_THAT(fake::calls(), IsEmpty());
 }
 
@@ -165,7 +170,7 @@ TEST_F(AcquireContext, AVerifyOnlyContextTouchesNoToken) {
     EXPECT_EQ(context.containerEnumIndex, 0u);
     EXPECT_THAT(fake::calls(), IsEmpty());
     EXPECT_FALSE(isDeviceMonitorRunning());
-    EXPECT_THAT(logEntries(),
+    EXPECT_THAT(testsupport::logEntries(),
                 ElementsAre("DEBUG:CPAcquireContext", "DEBUG:CPAcquireContext - dwFlags : 4026531840",
                             "DEBUG:CPAcquireContext - isSilent : 0",
                             "DEBUG:CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"));
@@ -183,8 +188,8 @@ TEST_F(AcquireContext, AnyBitOfTheVerifyGroupMeansVerifyOnly) {
         EXPECT_EQ(contextOf(handle).silent, (flags & CRYPT_SILENT) != 0);
     }
     EXPECT_THAT(fake::calls(), IsEmpty());
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext - dwFlags : 268435456"));
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext - isSilent : 1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPAcquireContext - dwFlags : 268435456"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPAcquireContext - isSilent : 1"));
     EXPECT_FALSE(isDeviceMonitorRunning());
 }
 
@@ -199,9 +204,10 @@ TEST_F(AcquireContext, NoTokenConnectedFailsWithTheNoTokenCode) {
     EXPECT_THAT(init[0].args, ElementsAre("0", "null", "2"));
     // The monitor is started before the tokens are listed.
     EXPECT_TRUE(isDeviceMonitorRunning());
-    EXPECT_TRUE(logHas("DEBUG:Monitor thread started (startDeviceMonitor)."));
-    EXPECT_TRUE(logHas("ERROR:CPAcquireContext: valid token not connected, return FALSE"));
-    EXPECT_FALSE(logHas("DEBUG:CPAcquireContext - Container name not provided"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Monitor thread started (startDeviceMonitor)."));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPAcquireContext: valid token not connected, return FALSE"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "CPAcquireContext - Container name not provided"));
 }
 
 TEST_F(AcquireContext, OneTokenInTheDocumentedOrder) {
@@ -234,7 +240,7 @@ TEST_F(AcquireContext, OneTokenInTheDocumentedOrder) {
     EXPECT_FALSE(isPinValidated("S1"));
 
     std::vector<std::string> lines;
-    for (const std::string& entry : logEntries())
+    for (const std::string& entry : testsupport::logEntries())
         if (entry.find("onitor") == std::string::npos)
             lines.push_back(entry);
     EXPECT_THAT(lines, ElementsAre("DEBUG:CPAcquireContext", "DEBUG:CPAcquireContext - dwFlags : 0",
@@ -252,7 +258,7 @@ TEST_F(AcquireContext, ANullContainerWithTwoTokensOpensTheFirst) {
     EXPECT_TRUE(acquire(&handle, nullptr, 0));
     EXPECT_EQ(contextOf(handle).serialNumber, "S1");
     EXPECT_THAT(contextOf(handle).keyIds, IsEmpty());
-    EXPECT_TRUE(logHas("DEBUG:Acquire Context :: Key List is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Acquire Context :: Key List is empty"));
     EXPECT_THAT(serialsOf("calyth_initDevice"), ElementsAre("S1", "S2"));
 }
 
@@ -270,9 +276,11 @@ TEST_F(AcquireContext, ALowerCaseKeyIdentifierOpensTheSecondTokenAndKeepsItsCase
     EXPECT_EQ(context.containerName, name);
     EXPECT_THAT(context.keyIds, ElementsAre(keyIdHex(2), keyIdHex(3)));
     EXPECT_TRUE(context.silent);
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext - Container name : " + name));
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext: container=" + name + " serial=S2 silent=1, return TRUE"));
-    EXPECT_FALSE(logHas("DEBUG:CPAcquireContext - resolved container " + name + " -> " + keyIdHex(2)));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPAcquireContext - Container name : " + name));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext: container=" + name + " serial=S2 silent=1, return TRUE"));
+    EXPECT_FALSE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext - resolved container " + name + " -> " + keyIdHex(2)));
 }
 
 TEST_F(AcquireContext, TheContainerTableResolvesTheNameButDoesNotPickTheToken) {
@@ -284,9 +292,10 @@ TEST_F(AcquireContext, TheContainerTableResolvesTheNameButDoesNotPickTheToken) {
     EXPECT_TRUE(acquire(&handle, "MyApplicationKeys", 0));
     EXPECT_EQ(contextOf(handle).containerName, keyIdHex(2));
     EXPECT_EQ(contextOf(handle).serialNumber, "S1");
-    EXPECT_TRUE(logHas("DEBUG:CPAcquireContext - resolved container MyApplicationKeys -> " + keyIdHex(2)));
-    EXPECT_TRUE(
-        logHas("DEBUG:CPAcquireContext: container=" + keyIdHex(2) + " serial=S1 silent=0, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext - resolved container MyApplicationKeys -> " + keyIdHex(2)));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "CPAcquireContext: container=" + keyIdHex(2) + " serial=S1 silent=0, return TRUE"));
     // The table matches case-sensitively.
     HCRYPTPROV other = 0;
     EXPECT_TRUE(acquire(&other, "myapplicationkeys", 0));
@@ -306,7 +315,7 @@ TEST_F(AcquireContext, AcquiringTwiceInitialisesEachTokenOnce) {
     EXPECT_THAT(namesFromThisThread(),
                 ElementsAre("calyth_init", "calyth_getConnectedDeviceList", "calyth_getConnectedDeviceList",
                             "calyth_getKeyPairList(S1)"));
-    EXPECT_TRUE(logHas("DEBUG:Monitor thread already running, not starting again."));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Monitor thread already running, not starting again."));
 }
 
 TEST_F(AcquireContext, AFailedInitialisationIsLoggedAndTheAcquisitionGoesOn) {
@@ -316,7 +325,7 @@ TEST_F(AcquireContext, AFailedInitialisationIsLoggedAndTheAcquisitionGoesOn) {
     EXPECT_TRUE(acquire(&handle, nullptr, 0));
     // The first token is still the one selected.
     EXPECT_EQ(contextOf(handle).serialNumber, "S1");
-    EXPECT_TRUE(logHas("ERROR:Init device failed for S1 : 9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Init device failed for S1 : 9"));
     EXPECT_FALSE(isDeviceInitialized("S1"));
     EXPECT_TRUE(isDeviceInitialized("S2"));
     // The next acquisition tries the failed token again, and only that one.
@@ -340,7 +349,8 @@ TEST_F(AcquireContext, ATokenGoneBeforeSelectionFailsWithTheNoTokenCode) {
     EXPECT_FALSE(acquire(&handle, nullptr, 0));
     EXPECT_EQ(GetLastError(), kNoToken);
     EXPECT_EQ(handle, 0u);
-    EXPECT_TRUE(logHas("ERROR:CPAcquireContext: no initialized device found, return FALSE"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPAcquireContext: no initialized device found, return FALSE"));
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 0u);
 }
 
@@ -352,9 +362,9 @@ TEST_F(AcquireContext, ReleasingWithFlagsKeepsTheContextUsable) {
     SetLastError(0);
     EXPECT_FALSE(CPReleaseContext(handle, 1));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
-    EXPECT_TRUE(logHas("ERROR:CPReleaseContext: invalid dwFlags=0x00000001"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPReleaseContext: invalid dwFlags=0x00000001"));
     EXPECT_FALSE(CPReleaseContext(handle, 0xABCD0010));
-    EXPECT_TRUE(logHas("ERROR:CPReleaseContext: invalid dwFlags=0xABCD0010"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPReleaseContext: invalid dwFlags=0xABCD0010"));
     EXPECT_TRUE(isUsableContext(handle));
     EXPECT_EQ(contextOf(handle).serialNumber, "S1");
     forget(handle);
@@ -370,7 +380,7 @@ TEST_F(AcquireContext, ReleasingNothingOrAnUninitialisedContextIsRefused) {
     SetLastError(0);
     EXPECT_FALSE(CPReleaseContext(reinterpret_cast<HCRYPTPROV>(&unfinished), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_EQ(logCount("ERROR:CPReleaseContext: invalid or uninitialized context"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPReleaseContext: invalid or uninitialized context"), 2u);
     // Flags are tested first.
     EXPECT_FALSE(CPReleaseContext(0, 2));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
@@ -391,7 +401,7 @@ TEST_F(AcquireContext, ReleasingLogsOnlyItsNameAndLeavesTokenStateAndMonitor) {
     EXPECT_TRUE(CPReleaseContext(verify, 0));
     EXPECT_THAT(namesFromThisThread(), IsEmpty());
     std::vector<std::string> lines;
-    for (const std::string& entry : logEntries())
+    for (const std::string& entry : testsupport::logEntries())
         if (entry.find("onitor") == std::string::npos)
             lines.push_back(entry);
     EXPECT_THAT(lines, ElementsAre("DEBUG:CPReleaseContext", "DEBUG:CPReleaseContext"));
@@ -413,7 +423,7 @@ TEST_F(AcquireContext, AValidatedPinIsNotAskedAgainAfterANewAcquisition) {
     EXPECT_TRUE(ensurePasswordValidated(&contextOf(again)));
     EXPECT_TRUE(kspEnsurePasswordValidated("S1", nullptr));
     EXPECT_THAT(namesFromThisThread(), IsEmpty());
-    EXPECT_FALSE(logHas("DEBUG:Password dialog show window"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Password dialog show window"));
 }
 
 TEST_F(AcquireContext, AnUnpluggedTokenIsForgottenAndInitialisedAndAskedForAgain) {
@@ -421,11 +431,16 @@ TEST_F(AcquireContext, AnUnpluggedTokenIsForgottenAndInitialisedAndAskedForAgain
     HCRYPTPROV handle = 0;
     ASSERT_TRUE(acquire(&handle, nullptr, 0));
     storeValidatedPin("S1", "1234");
+    // Forgotten at the next poll: the one under way at the unplug may count on either side of it.
+    size_t pollsAtUnplug = monitorPolls();
     fake::setConnected("S1", false);
-    DWORD unplugged = GetTickCount();
-    ASSERT_TRUE(waitUntil([] { return !hasDeviceEntry("S1"); }, 3000));
-    EXPECT_LE(GetTickCount() - unplugged, 1300u);
-    EXPECT_TRUE(logHas("DEBUG:Device disconnected: S1"));
+    size_t pollsAtRemoval = 0;
+    ASSERT_TRUE(testsupport::waitUntil([&pollsAtRemoval] {
+        pollsAtRemoval = monitorPolls();
+        return !hasDeviceEntry("S1");
+    }));
+    EXPECT_LE(pollsAtRemoval, pollsAtUnplug + 2);
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Device disconnected: S1"));
     // The open context keeps its token.
     EXPECT_EQ(contextOf(handle).serialNumber, "S1");
 
@@ -439,7 +454,7 @@ TEST_F(AcquireContext, AnUnpluggedTokenIsForgottenAndInitialisedAndAskedForAgain
     testsupport::clearLog();
     EXPECT_FALSE(ensurePasswordValidated(&contextOf(again)));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logHas("DEBUG:Password dialog show window"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Password dialog show window"));
 }
 
 TEST_F(AcquireContext, ManyThreadsAcquiringAndReleasingStartOneMonitorAndCorruptNothing) {
@@ -482,12 +497,19 @@ TEST_F(AcquireContext, ManyThreadsAcquiringAndReleasingStartOneMonitorAndCorrupt
     EXPECT_EQ(failures.load(), 0);
     // Exactly one monitor polls. (Log lines are not counted here: concurrent writers share the
     // file through append mode alone, and a line may be lost when many threads write at once.)
-    ASSERT_TRUE(
-        waitUntil([&] { return otherThreadsCalling("calyth_getConnectedDeviceList", workers) >= 1; }, 2000));
-    Sleep(1200);
+    // Two polls from threads other than the workers: a second monitor started with the first would
+    // have made its own first poll by the first monitor's second one.
+    auto monitorCalls = [&workers] {
+        size_t count = 0;
+        for (const fake::Call& call : fake::callsTo("calyth_getConnectedDeviceList"))
+            if (std::find(workers.begin(), workers.end(), call.threadId) == workers.end())
+                ++count;
+        return count;
+    };
+    ASSERT_TRUE(testsupport::waitUntil([&] { return monitorCalls() >= 2; }));
     EXPECT_EQ(otherThreadsCalling("calyth_getConnectedDeviceList", workers), 1u);
-    EXPECT_LE(logCount("DEBUG:Monitor thread started (startDeviceMonitor)."), 1u);
-    EXPECT_LE(logCount("DEBUG:Device monitor thread started."), 1u);
+    EXPECT_LE(testsupport::logLineCount("DEBUG", "Monitor thread started (startDeviceMonitor)."), 1u);
+    EXPECT_LE(testsupport::logLineCount("DEBUG", "Device monitor thread started."), 1u);
     EXPECT_TRUE(isDeviceMonitorRunning());
     EXPECT_TRUE(isDeviceInitialized("S1"));
     EXPECT_TRUE(isDeviceInitialized("S2"));

@@ -57,11 +57,11 @@ TEST_F(MonitorWithoutEvent, PollsOnceASecondWithoutItsWakeEvent) {
     startDeviceMonitor();
     // Three polls span at least two pauses; without them the thread would have made thousands by now.
     DWORD started = GetTickCount();
-    ASSERT_TRUE(waitUntil([] { return monitorPolls() >= 3; }, 15000));
+    ASSERT_TRUE(testsupport::waitUntil([] { return monitorPolls() >= 3; }));
     EXPECT_GE(GetTickCount() - started, 1900u);
     EXPECT_LE(monitorPolls(), 4u);
 
     stopDeviceMonitor();
     EXPECT_FALSE(isDeviceMonitorRunning());
-    EXPECT_TRUE(logHas("DEBUG:Monitor thread joined (stopDeviceMonitor)."));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Monitor thread joined (stopDeviceMonitor)."));
 }

@@ -2,13 +2,14 @@
 // types, presses buttons and reads the message boxes.
 #include "access_test_support.h"
 #include "csp/csp_entry_points.h"
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 #include "token/device_monitor.h"
 #include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
 
 using namespace access_test;
+using namespace testsupport;
 using ::testing::ElementsAre;
 
 namespace {
@@ -110,8 +111,8 @@ TEST_F(PinDialog, LoginHandsBackTheTypedText) {
     std::string longest(63, 'z');
     showWith({enterPin(longest)});
     EXPECT_EQ(getEnteredPassword(), longest);
-    EXPECT_THAT(logEntries(), testing::Contains("DEBUG:Password dialog show window after"));
-    EXPECT_FALSE(logHas("ERROR:Password dialog creation failed : -1"));
+    EXPECT_THAT(testsupport::logEntries(), testing::Contains("DEBUG:Password dialog show window after"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "Password dialog creation failed : -1"));
 }
 
 TEST_F(PinDialog, TheLoginButtonItselfEndsTheDialogWithTheText) {
@@ -148,8 +149,8 @@ TEST_F(LoginWithUser, TheRightPinIsValidatedAndStored) {
     EXPECT_TRUE(isPinValidated("S1"));
     EXPECT_EQ(getValidatedPin("S1"), "1234");
     EXPECT_THAT(fake::callNames(), ElementsAre("calyth_getTokenInfo", "calyth_validatePassword"));
-    EXPECT_TRUE(logHas("DEBUG:loginUser: password validated, return TRUE"));
-    EXPECT_TRUE(logHas("DEBUG:ensurePasswordValidated: password set, return true"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "loginUser: password validated, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "ensurePasswordValidated: password set, return true"));
 
     // Asked once only.
     SimulatedUser nobody({});
@@ -204,8 +205,9 @@ TEST_F(LoginWithUser, ATimeMismatchIsShownOnceAndEndsTheLogin) {
                 ElementsAre("dialog", "message:System time mismatch, Kidly login to Vault Desk"));
     EXPECT_THAT(pinsTried(), ElementsAre("1234"));
     EXPECT_FALSE(isPinValidated("S1"));
-    EXPECT_TRUE(logHas("ERROR:loginUser: PIN locked, retryCount=0, return FALSE"));
-    EXPECT_TRUE(logHas("ERROR:ensurePasswordValidated: password validation failed, return false"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: PIN locked, retryCount=0, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR",
+                                        "ensurePasswordValidated: password validation failed, return false"));
 }
 
 TEST_F(LoginWithUser, TheCngSideSpellsTheTimeMismatchItsOwnWay) {
@@ -215,7 +217,7 @@ TEST_F(LoginWithUser, TheCngSideSpellsTheTimeMismatchItsOwnWay) {
     EXPECT_THAT(user.finish(),
                 ElementsAre("dialog", "message:System time mismatch, Kindly login to Vault Desk"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 1u);
-    EXPECT_FALSE(logHas("ERROR:loginUser: PIN locked, retryCount=0, return FALSE"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "loginUser: PIN locked, retryCount=0, return FALSE"));
 }
 
 TEST_F(LoginWithUser, ALockedPinEndsTheLogin) {
@@ -225,7 +227,7 @@ TEST_F(LoginWithUser, ALockedPinEndsTheLogin) {
     EXPECT_FALSE(ensurePasswordValidated(&context));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
     EXPECT_THAT(user.finish(), ElementsAre("dialog", "message:User pin locked, re-initialise device"));
-    EXPECT_TRUE(logHas("ERROR:loginUser: PIN locked, retryCount=0, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: PIN locked, retryCount=0, return FALSE"));
 }
 
 TEST_F(LoginWithUser, CancellingTheSecondPromptEndsTheLogin) {
@@ -233,8 +235,9 @@ TEST_F(LoginWithUser, CancellingTheSecondPromptEndsTheLogin) {
     EXPECT_FALSE(ensurePasswordValidated(&context));
     EXPECT_THAT(user.finish(),
                 ElementsAre("dialog", "message:Invalid user pin. Remaining attempts(9)", "dialog"));
-    EXPECT_EQ(logCount("ERROR:loginUser: user cancelled password dialog, return FALSE"), 1u);
-    EXPECT_FALSE(logHas("ERROR:loginUser: PIN locked, retryCount=0, return FALSE"));
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "loginUser: user cancelled password dialog, return FALSE"),
+              1u);
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "loginUser: PIN locked, retryCount=0, return FALSE"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 1u);
 }
 
@@ -243,8 +246,8 @@ TEST_F(LoginWithUser, CancellingTheFirstPromptAsksTheTokenNothing) {
     EXPECT_FALSE(ensurePasswordValidated(&context));
     EXPECT_THAT(user.finish(), ElementsAre("dialog"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
-    EXPECT_TRUE(logHas("ERROR:loginUser: user cancelled password dialog, return FALSE"));
-    EXPECT_FALSE(logHas("ERROR:Password dialog creation failed : -1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: user cancelled password dialog, return FALSE"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "Password dialog creation failed : -1"));
 }
 
 TEST_F(LoginWithUser, TheCngSideStoresTheValidatedPin) {
@@ -267,7 +270,7 @@ TEST_F(LoginWithUser, TheCngSideEndsQuietlyOnALockedPinOrASecondCancel) {
     SimulatedUser locked({enterPin("0000"), answerMessage()});
     EXPECT_FALSE(kspEnsurePasswordValidated("S1", nullptr));
     EXPECT_THAT(locked.finish(), ElementsAre("dialog", "message:User pin locked, re-initialise device"));
-    EXPECT_FALSE(logHas("DEBUG:KSP: User cancelled password dialog"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: User cancelled password dialog"));
 
     fake::token("S1").attemptsLeft = 5;
     testsupport::clearLog();
@@ -275,7 +278,7 @@ TEST_F(LoginWithUser, TheCngSideEndsQuietlyOnALockedPinOrASecondCancel) {
     EXPECT_FALSE(kspEnsurePasswordValidated("S1", nullptr));
     EXPECT_THAT(cancels.finish(),
                 ElementsAre("dialog", "message:Invalid user pin. Remaining attempts(4)", "dialog"));
-    EXPECT_TRUE(logHas("DEBUG:KSP: User cancelled password dialog"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: User cancelled password dialog"));
     EXPECT_FALSE(isPinValidated("S1"));
 }
 
@@ -289,7 +292,7 @@ TEST_F(LoginWithUser, AnUnpluggedTokenIsAskedForAgainOnceItIsBack) {
     ASSERT_EQ(getValidatedPin("S1"), "1234");
 
     fake::setConnected("S1", false);
-    ASSERT_TRUE(waitUntil([] { return !hasDeviceEntry("S1"); }, 3000));
+    ASSERT_TRUE(testsupport::waitUntil([] { return !hasDeviceEntry("S1"); }));
     fake::setConnected("S1", true);
     HCRYPTPROV second = 0;
     ASSERT_TRUE(CPAcquireContext(&second, nullptr, 0, &table));

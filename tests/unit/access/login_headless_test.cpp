@@ -29,7 +29,7 @@ TEST_F(LoginHeadless, ADialogThatCannotOpenIsLoggedAndReadsAsCancelled) {
     EXPECT_EQ(showPasswordDialog(), 0);
     EXPECT_EQ(getEnteredPassword(), "");
     EXPECT_THAT(
-        logEntries(),
+        testsupport::logEntries(),
         ElementsAre("DEBUG:Password dialog show window", "DEBUG:Password dialog show window before",
                     "DEBUG:Password dialog show window after", "ERROR:Password dialog creation failed : -1"));
 }
@@ -38,7 +38,7 @@ TEST_F(LoginHeadless, AValidatedPinIsNotAskedAgain) {
     storeValidatedPin("S1", "1234");
     EXPECT_TRUE(ensurePasswordValidated(&context));
     EXPECT_THAT(fake::calls(), IsEmpty());
-    EXPECT_THAT(logEntries(),
+    EXPECT_THAT(testsupport::logEntries(),
                 ElementsAre("DEBUG:ensurePasswordValidated: PIN already validated, return true"));
 }
 
@@ -46,7 +46,7 @@ TEST_F(LoginHeadless, AValidatedPinIsNotAskedAgainByTheCngSide) {
     storeValidatedPin("S1", "1234");
     EXPECT_TRUE(kspEnsurePasswordValidated("S1", nullptr));
     EXPECT_THAT(fake::calls(), IsEmpty());
-    EXPECT_THAT(logEntries(), ElementsAre("DEBUG:KSP: PIN already validated"));
+    EXPECT_THAT(testsupport::logEntries(), ElementsAre("DEBUG:KSP: PIN already validated"));
 }
 
 TEST_F(LoginHeadless, SingleSignOnValidatesWithAnEmptyPinAndAsksTheTokenEveryTime) {
@@ -56,7 +56,7 @@ TEST_F(LoginHeadless, SingleSignOnValidatesWithAnEmptyPinAndAsksTheTokenEveryTim
     EXPECT_EQ(getValidatedPin("S1"), "");
     EXPECT_THAT(serialsOf("calyth_getTokenInfo"), ElementsAre("S1"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
-    EXPECT_THAT(logEntries(),
+    EXPECT_THAT(testsupport::logEntries(),
                 ElementsAre("DEBUG:ensurePasswordValidated: password not validated or empty -- ask for PIN",
                             "DEBUG:loginUser: enter", "DEBUG:loginUser: SSO already validated, return TRUE",
                             "DEBUG:ensurePasswordValidated: password set, return true"));
@@ -64,7 +64,7 @@ TEST_F(LoginHeadless, SingleSignOnValidatesWithAnEmptyPinAndAsksTheTokenEveryTim
     EXPECT_TRUE(ensurePasswordValidated(&context));
     EXPECT_TRUE(ensurePasswordValidated(&context));
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 3u);
-    EXPECT_EQ(logCount("DEBUG:loginUser: SSO already validated, return TRUE"), 3u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "loginUser: SSO already validated, return TRUE"), 3u);
 }
 
 TEST_F(LoginHeadless, SingleSignOnEndingMeansTheDialogIsNeeded) {
@@ -72,7 +72,7 @@ TEST_F(LoginHeadless, SingleSignOnEndingMeansTheDialogIsNeeded) {
     EXPECT_TRUE(ensurePasswordValidated(&context));
     fake::setSingleSignOn("S1", false);
     EXPECT_FALSE(ensurePasswordValidated(&context));
-    EXPECT_TRUE(logHas("ERROR:loginUser: user cancelled password dialog, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "loginUser: user cancelled password dialog, return FALSE"));
     EXPECT_FALSE(isPinValidated("S1"));
 }
 
@@ -90,7 +90,7 @@ TEST_F(LoginHeadless, SingleSignOnNeedsLabelLoginAndSignOnFlags) {
         info.userLoggedIn = c.loggedIn;
         info.ssoValid = c.ssoValid;
         EXPECT_FALSE(ensurePasswordValidated(&context)) << c.label << c.loggedIn << c.ssoValid;
-        EXPECT_FALSE(logHas("DEBUG:loginUser: SSO already validated, return TRUE"));
+        EXPECT_FALSE(testsupport::logHasLine("DEBUG", "loginUser: SSO already validated, return TRUE"));
         EXPECT_FALSE(kspEnsurePasswordValidated("S1", nullptr));
         EXPECT_FALSE(isPinValidated("S1"));
     }
@@ -103,8 +103,8 @@ TEST_F(LoginHeadless, TheCngSideStoresAnEmptyPinUnderSingleSignOn) {
     EXPECT_EQ(getValidatedPin("S1"), "");
     EXPECT_TRUE(kspEnsurePasswordValidated("S1", nullptr));
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 2u);
-    EXPECT_EQ(logCount("DEBUG:KSP: Password not validated, checking SSO"), 2u);
-    EXPECT_FALSE(logHas("DEBUG:KSP: PIN already validated"));
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "KSP: Password not validated, checking SSO"), 2u);
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: PIN already validated"));
 }
 
 TEST_F(LoginHeadless, ASilentContextWithAValidatedPinSucceedsWithoutAnyDialog) {
@@ -112,7 +112,7 @@ TEST_F(LoginHeadless, ASilentContextWithAValidatedPinSucceedsWithoutAnyDialog) {
     storeValidatedPin("S1", "1234");
     EXPECT_TRUE(ensurePasswordValidated(&context));
     EXPECT_THAT(fake::calls(), IsEmpty());
-    EXPECT_FALSE(logHas("DEBUG:Password dialog show window"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Password dialog show window"));
 }
 
 TEST_F(LoginHeadless, ASilentContextWithoutAPinFailsBeforeAskingTheToken) {
@@ -123,7 +123,7 @@ TEST_F(LoginHeadless, ASilentContextWithoutAPinFailsBeforeAskingTheToken) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
     EXPECT_THAT(fake::calls(), IsEmpty());
     EXPECT_THAT(
-        logEntries(),
+        testsupport::logEntries(),
         ElementsAre("ERROR:ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false"));
 }
 
@@ -141,7 +141,7 @@ TEST_F(LoginHeadless, LoginUserOnASilentContextAsksTheTokenStateThenRefuses) {
     EXPECT_FALSE(loginUser(&context, pin));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
     EXPECT_THAT(fake::callNames(), ElementsAre("calyth_getTokenInfo"));
-    EXPECT_THAT(logEntries(),
+    EXPECT_THAT(testsupport::logEntries(),
                 ElementsAre("DEBUG:loginUser: enter",
                             "ERROR:loginUser: CRYPT_SILENT set, cannot show PIN dialog, return FALSE"));
 }
@@ -165,7 +165,7 @@ TEST_F(LoginHeadless, ACancelledLoginFailsWithNteFailAndForgetsTheStoredPin) {
     EXPECT_TRUE(hasDeviceEntry("S1"));
     EXPECT_THAT(fake::callNames(), ElementsAre("calyth_getTokenInfo"));
     EXPECT_THAT(
-        logEntries(),
+        testsupport::logEntries(),
         ElementsAre("DEBUG:ensurePasswordValidated: password not validated or empty -- ask for PIN",
                     "DEBUG:loginUser: enter", "DEBUG:Password dialog show window",
                     "DEBUG:Password dialog show window before", "DEBUG:Password dialog show window after",
@@ -189,7 +189,7 @@ TEST_F(LoginHeadless, ACancelledCngLoginIsADebugLineAndFalse) {
     EXPECT_FALSE(isPinValidated("S1"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
     EXPECT_THAT(
-        logEntries(),
+        testsupport::logEntries(),
         ElementsAre("DEBUG:KSP: Password not validated, checking SSO", "DEBUG:Password dialog show window",
                     "DEBUG:Password dialog show window before", "DEBUG:Password dialog show window after",
                     "ERROR:Password dialog creation failed : -1",

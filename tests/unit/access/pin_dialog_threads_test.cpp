@@ -13,12 +13,13 @@
 #include "access_test_support.h"
 #include "register/module_instance.h"
 #include "resource.h"
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 #include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
 
 using namespace access_test;
+using namespace testsupport;
 
 namespace {
 
@@ -45,7 +46,7 @@ BOOL CALLBACK collectPinDialogs(HWND window, LPARAM parameter) {
 // The visible PIN dialogs of this program, waiting up to timeoutMs until there are `count`.
 std::vector<HWND> waitForPinDialogs(size_t count, DWORD timeoutMs) {
     DialogSearch search;
-    waitUntil(
+    testsupport::waitUntil(
         [&] {
             search.found.clear();
             EnumWindows(collectPinDialogs, reinterpret_cast<LPARAM>(&search));

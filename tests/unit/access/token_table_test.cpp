@@ -91,7 +91,7 @@ TEST_F(TokenTable, SweepErasesAndLogsOnlyTokensNoLongerConnected) {
     EXPECT_TRUE(hasDeviceEntry("B"));
     EXPECT_FALSE(hasDeviceEntry("C"));
     std::vector<std::string> lines;
-    for (const std::string& entry : logEntries())
+    for (const std::string& entry : testsupport::logEntries())
         if (entry.find("Device disconnected") != std::string::npos)
             lines.push_back(entry);
     EXPECT_THAT(lines, ElementsAre("DEBUG:Device disconnected: A", "DEBUG:Device disconnected: C"));
@@ -202,7 +202,7 @@ TEST_F(TokenTable, AFailedInitialisationIsLoggedAndRetriedNextTime) {
     EXPECT_FALSE(isDeviceInitialized("S2"));
     EXPECT_FALSE(hasDeviceEntry("S2"));
     EXPECT_TRUE(isDeviceInitialized("S3"));
-    EXPECT_TRUE(logHas("ERROR:Init device failed for S2 : 7"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Init device failed for S2 : 7"));
 
     fake::clearCalls();
     fake::token("S2").initResult = 0;
@@ -216,7 +216,7 @@ TEST_F(TokenTable, NegativeInitResultIsLoggedWithItsSign) {
     fake::addToken("S1");
     fake::failNext("calyth_initDevice", -5);
     initializeConnectedDevices({"S1"}, nullptr);
-    EXPECT_TRUE(logHas("ERROR:Init device failed for S1 : -5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Init device failed for S1 : -5"));
 }
 
 TEST_F(TokenTable, AnErasedTokenIsInitialisedAgain) {
@@ -240,16 +240,16 @@ TEST_F(TokenTable, KeyIdentifiersAreUpperCaseHexInLibraryOrderAndLogged) {
     fake::addKeyPair("S1", fake::makeKeyPair(keyIdHex(3), CALYTH_USAGE_SIGNATURE, CALYTH_KEY_EC_P384));
     std::vector<std::string> ids = loadKeyIdentifiers("S1", nullptr);
     EXPECT_THAT(ids, ElementsAre("00FF10AB00000000000000000000CAFE", keyIdHex(3)));
-    EXPECT_TRUE(logHas("DEBUG:00FF10AB00000000000000000000CAFE"));
-    EXPECT_TRUE(logHas("DEBUG:" + keyIdHex(3)));
-    EXPECT_FALSE(logHas("DEBUG:Acquire Context :: Key List is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "00FF10AB00000000000000000000CAFE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "" + keyIdHex(3)));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Acquire Context :: Key List is empty"));
     EXPECT_THAT(serialsOf("calyth_getKeyPairList"), ElementsAre("S1"));
 }
 
 TEST_F(TokenTable, AnEmptyKeyListIsLoggedAndNotAnError) {
     fake::addToken("S1");
     EXPECT_THAT(loadKeyIdentifiers("S1", nullptr), IsEmpty());
-    EXPECT_TRUE(logHas("DEBUG:Acquire Context :: Key List is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Acquire Context :: Key List is empty"));
 }
 
 TEST_F(TokenTable, ConcurrentUpdatesKeepTheTableConsistent) {

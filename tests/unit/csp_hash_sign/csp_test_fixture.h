@@ -12,24 +12,18 @@
 
 #include "csp/csp_entry_points.h"
 #include "csp/hash_context.h"
-#include "fake_device/fake_device.h"
-#include "token/csp_context.h"
+#include "unit/csp/csp_fixture.h"
 
 namespace csptest {
 
 constexpr const char* kSerial = "SN1";
 constexpr const char* kPin = "1234";
 
-// True when the log holds a line of this level ("DEBUG" or "ERROR") whose message is exactly `message`.
-bool logged(const std::string& level, const std::string& message);
-// How many log lines carry exactly this message, at any level.
-size_t countLogged(const std::string& message);
-
 std::vector<unsigned char> bytesOf(const std::string& text);
 std::vector<unsigned char> unhex(const std::string& hexText);
 std::string lowerHex(const std::vector<unsigned char>& bytes);
 
-class CspFixture : public ::testing::Test {
+class CspFixture : public CspTest {
 protected:
     void SetUp() override;
     void TearDown() override;

@@ -30,10 +30,10 @@ TEST_P(HashAlgorithms, CreateStartsTheTokenHashWithItsCodeAndReportsAlgorithmAnd
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].serial, kSerial);
     EXPECT_EQ(calls[0].args, std::vector<std::string>{std::to_string(c.mechanism)});
-    EXPECT_TRUE(logged("DEBUG", "CPCreateHash"));
-    EXPECT_TRUE(logged("DEBUG", "Crete hash algorithm input : " + std::to_string(c.algId)));
-    EXPECT_TRUE(logged("DEBUG", c.logLine));
-    EXPECT_TRUE(logged("DEBUG", "Crete hash algorithm : " + std::to_string(c.mechanism)));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPCreateHash"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Crete hash algorithm input : " + std::to_string(c.algId)));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", c.logLine));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Crete hash algorithm : " + std::to_string(c.mechanism)));
 
     HASH_CONTEXT* record = hashContextFrom(hash);
     EXPECT_EQ(record->valid, 1);
@@ -66,8 +66,8 @@ TEST_F(HashObjects, Md5IsRefusedAfterTheAlgorithmInputLine) {
     EXPECT_FALSE(CPCreateHash(provider(), CALG_MD5, 0, 0, &hash));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
     EXPECT_EQ(hash, 0u);
-    EXPECT_TRUE(logged("DEBUG", "Crete hash algorithm input : 32771"));
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: unsupported Algid=0x00008003"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Crete hash algorithm input : 32771"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: unsupported Algid=0x00008003"));
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 0u);
 }
 
@@ -77,8 +77,8 @@ TEST_F(HashObjects, HmacAndSsl3AreRefusedToo) {
         EXPECT_FALSE(CPCreateHash(provider(), algId, 0, 0, &hash));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
     }
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: unsupported Algid=0x00008009"));
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: unsupported Algid=0x00008008"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: unsupported Algid=0x00008009"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: unsupported Algid=0x00008008"));
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 0u);
 }
 
@@ -86,22 +86,23 @@ TEST_F(HashObjects, CreateWithFlagsFailsWithBadFlags) {
     HCRYPTHASH hash = 0;
     EXPECT_FALSE(CPCreateHash(provider(), CALG_SHA_256, 0, 1, &hash));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: invalid dwFlags=0x00000001"));
-    EXPECT_FALSE(logged("DEBUG", "Crete hash algorithm input : 32780"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: invalid dwFlags=0x00000001"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Crete hash algorithm input : 32780"));
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 0u);
 }
 
 TEST_F(HashObjects, CreateWithNullOutputOrProviderFailsWithInvalidParameter) {
     EXPECT_FALSE(CPCreateHash(provider(), CALG_SHA_256, 0, 0, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(
-        logged("ERROR", "CPCreateHash: invalid parameter - phHash=0 hProv=" + std::to_string(provider())));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPCreateHash: invalid parameter - phHash=0 hProv=" + std::to_string(provider())));
 
     HCRYPTHASH hash = 0;
     EXPECT_FALSE(CPCreateHash(0, CALG_SHA_256, 0, 0, &hash));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: invalid parameter - phHash=" +
-                                    std::to_string(reinterpret_cast<uintptr_t>(&hash)) + " hProv=0"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: invalid parameter - phHash=" +
+                                                     std::to_string(reinterpret_cast<uintptr_t>(&hash)) +
+                                                     " hProv=0"));
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 0u);
 }
 
@@ -110,7 +111,7 @@ TEST_F(HashObjects, CreateOnAnUninitialisedContextFailsWithBadUid) {
     HCRYPTHASH hash = 0;
     EXPECT_FALSE(CPCreateHash(handleOf(fresh), CALG_SHA_256, 0, 0, &hash));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: context not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: context not initialized"));
 }
 
 TEST_F(HashObjects, TokenRefusingTheHashFailsCreateWithNteFail) {
@@ -119,7 +120,7 @@ TEST_F(HashObjects, TokenRefusingTheHashFailsCreateWithNteFail) {
     EXPECT_FALSE(CPCreateHash(provider(), CALG_SHA_256, 0, 0, &hash));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
     EXPECT_EQ(hash, 0u);
-    EXPECT_TRUE(logged("ERROR", "CPCreateHash: calyth_initHash failed, ret=7"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPCreateHash: calyth_initHash failed, ret=7"));
 }
 
 TEST_F(HashObjects, VerifyOnlyContextHashesWithAnEmptySerial) {
@@ -138,7 +139,7 @@ TEST_F(HashObjects, DataReachesTheTokenAndTheValueIsTheRealDigest) {
     auto calls = fake::callsTo("calyth_updateHash");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{"ptr", "616263", "3"}));
-    EXPECT_TRUE(logged("DEBUG", "CPHashData"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPHashData"));
     EXPECT_EQ(hashValue(hash), kSha256Abc);
 }
 
@@ -149,11 +150,11 @@ TEST_F(HashObjects, HashDataChecksContextAndHandle) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
     EXPECT_FALSE(CPHashData(0, 1, data, 3, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_EQ(countLogged("CPHashData: invalid or uninitialized context"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPHashData: invalid or uninitialized context"), 2u);
 
     EXPECT_FALSE(CPHashData(provider(), 0, data, 3, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPHashData: pHashHandle is NULL"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPHashData: pHashHandle is NULL"));
     EXPECT_EQ(fake::countCalls("calyth_updateHash"), 0u);
 }
 
@@ -163,7 +164,7 @@ TEST_F(HashObjects, TokenRefusingDataFailsWithNteFail) {
     const BYTE data[] = {1};
     EXPECT_FALSE(CPHashData(provider(), hash, data, 1, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPHashData: calyth_updateHash failed, ret=12"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPHashData: calyth_updateHash failed, ret=12"));
 }
 
 TEST_F(HashObjects, DataAfterTheValueWasReadStillSucceedsButTheValueStays) {
@@ -192,7 +193,7 @@ TEST_F(HashObjects, DuplicateOfAFedHashHashesOnlyWhatTheDuplicateIsFedAfterwards
     char pointers[128];
     std::snprintf(pointers, sizeof pointers, "CPDuplicateHash - source: 0x%llX duplicate: 0x%llX",
                   static_cast<unsigned long long>(source), static_cast<unsigned long long>(duplicate));
-    EXPECT_TRUE(logged("DEBUG", pointers)) << pointers;
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", pointers)) << pointers;
 
     const BYTE c[] = {'c'};
     ASSERT_TRUE(CPHashData(provider(), duplicate, c, 1, 0));
@@ -218,8 +219,9 @@ TEST_F(HashObjects, DuplicateChecksItsArgumentsInOrder) {
 
     EXPECT_FALSE(CPDuplicateHash(provider(), source, nullptr, 0, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPDuplicateHash: invalid parameter - phHash=0 hProv=" +
-                                    std::to_string(provider()) + " hHash=" + std::to_string(source)));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPDuplicateHash: invalid parameter - phHash=0 hProv=" + std::to_string(provider()) +
+                     " hHash=" + std::to_string(source)));
     EXPECT_FALSE(CPDuplicateHash(provider(), 0, nullptr, 0, &duplicate));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(CPDuplicateHash(0, source, nullptr, 0, &duplicate));
@@ -227,17 +229,17 @@ TEST_F(HashObjects, DuplicateChecksItsArgumentsInOrder) {
 
     EXPECT_FALSE(CPDuplicateHash(provider(), source, nullptr, 2, &duplicate));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
-    EXPECT_TRUE(logged("ERROR", "CPDuplicateHash: invalid dwFlags=0x00000002"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDuplicateHash: invalid dwFlags=0x00000002"));
 
     CspContext fresh;
     EXPECT_FALSE(CPDuplicateHash(handleOf(fresh), source, nullptr, 0, &duplicate));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(logged("ERROR", "CPDuplicateHash: invalid or uninitialized context"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDuplicateHash: invalid or uninitialized context"));
 
     HASH_CONTEXT invalid{};
     EXPECT_FALSE(CPDuplicateHash(provider(), handleOf(invalid), nullptr, 0, &duplicate));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPDuplicateHash: source hash is NULL or invalid"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDuplicateHash: source hash is NULL or invalid"));
 
     EXPECT_EQ(duplicate, 0u);
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 1u);
@@ -250,7 +252,7 @@ TEST_F(HashObjects, DuplicateFailsWithNteFailWhenTheTokenRefusesTheNewHash) {
     EXPECT_FALSE(CPDuplicateHash(provider(), source, nullptr, 0, &duplicate));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
     EXPECT_EQ(duplicate, 0u);
-    EXPECT_TRUE(logged("ERROR", "CPDuplicateHash: calyth_initHash failed, ret=21"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDuplicateHash: calyth_initHash failed, ret=21"));
 }
 
 TEST_F(HashObjects, DestroyFreesWithoutTouchingTheToken) {
@@ -259,29 +261,30 @@ TEST_F(HashObjects, DestroyFreesWithoutTouchingTheToken) {
     fake::clearCalls();
     EXPECT_TRUE(CPDestroyHash(provider(), hash));
     EXPECT_TRUE(fake::calls().empty());
-    EXPECT_TRUE(logged("DEBUG", "CPDestroyHash"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDestroyHash"));
 }
 
 TEST_F(HashObjects, DestroyChecksContextAndHandle) {
     CspContext fresh;
     EXPECT_FALSE(CPDestroyHash(handleOf(fresh), 1));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(logged("ERROR", "CPDestroyHash: invalid or uninitialized context"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDestroyHash: invalid or uninitialized context"));
     EXPECT_FALSE(CPDestroyHash(provider(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPDestroyHash: pHashHandle is NULL"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDestroyHash: pHashHandle is NULL"));
 }
 
 TEST_F(HashObjects, HashSessionKeyAlwaysFailsWithCallNotImplemented) {
     HCRYPTHASH hash = createHash(CALG_SHA_256);
     EXPECT_FALSE(CPHashSessionKey(provider(), hash, 6, 7));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
-    EXPECT_TRUE(logged("DEBUG", "CPHashSessionKey"));
-    EXPECT_TRUE(logged(
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPHashSessionKey"));
+    EXPECT_TRUE(testsupport::logHasLine(
         "ERROR", "CPHashSessionKey: not supported, hHash=" + std::to_string(hash) + " hKey=6 dwFlags=7"));
     EXPECT_FALSE(CPHashSessionKey(0, 0, 0, 0));
     EXPECT_EQ(GetLastError(), 120u);
-    EXPECT_TRUE(logged("ERROR", "CPHashSessionKey: not supported, hHash=0 hKey=0 dwFlags=0"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPHashSessionKey: not supported, hHash=0 hKey=0 dwFlags=0"));
 }
 
 }  // namespace

@@ -32,7 +32,8 @@ TEST_F(HashParams, Sha1ValueSizeQueryShortReadAndRetryFromTheCache) {
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HASHVAL, small, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 20u);
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPGetHashParam: HP_HASHVAL buffer too small for finalized hash"));
     auto finals = fake::callsTo("calyth_finalHash");
     ASSERT_EQ(finals.size(), 1u);
     EXPECT_EQ(finals[0].args, (std::vector<std::string>{"ptr", "20"}));
@@ -53,7 +54,8 @@ TEST_F(HashParams, ShortBufferForACachedValueFailsWithMoreData) {
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HASHVAL, small, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 32u);
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HASHVAL buffer too small for cached hash value"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR",
+                                        "CPGetHashParam: HP_HASHVAL buffer too small for cached hash value"));
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 1u);
 }
 
@@ -64,7 +66,7 @@ TEST_F(HashParams, TokenFailingToFinishFailsWithNteFailAndTheNextReadAsksAgain) 
     DWORD length = sizeof value;
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HASHVAL, value, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: calyth_finalHash failed, ret=5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: calyth_finalHash failed, ret=5"));
     EXPECT_EQ(hashValue(hash), kSha256Abc);
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 2u);
 }
@@ -73,10 +75,10 @@ TEST_F(HashParams, GetLogsParameterAndMechanism) {
     HCRYPTHASH hash = createHash(CALG_SHA_384);
     DWORD size = 0, length = 4;
     ASSERT_TRUE(getDword(hash, HP_HASHSIZE, &size, &length));
-    EXPECT_TRUE(logged("DEBUG", "CPGetHashParam"));
-    EXPECT_TRUE(logged("DEBUG", "CPGetHashParam dwParam : 4"));
-    EXPECT_TRUE(logged("DEBUG", "CPGetHashParam mechanism : 4"));
-    EXPECT_TRUE(logged("DEBUG", "Get hash param hashSize : 48"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetHashParam"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetHashParam dwParam : 4"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetHashParam mechanism : 4"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Get hash param hashSize : 48"));
 }
 
 TEST_F(HashParams, AlgIdAndSizeAnswerSizeQueriesWithFour) {
@@ -86,7 +88,7 @@ TEST_F(HashParams, AlgIdAndSizeAnswerSizeQueriesWithFour) {
         ASSERT_TRUE(CPGetHashParam(provider(), hash, param, nullptr, &length, 0));
         EXPECT_EQ(length, 4u);
     }
-    EXPECT_EQ(countLogged("Get hash param success"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "Get hash param success"), 2u);
 }
 
 TEST_F(HashParams, HashSizeWithAThreeByteBufferFailsWithMoreDataAndAsksForFour) {
@@ -98,7 +100,7 @@ TEST_F(HashParams, HashSizeWithAThreeByteBufferFailsWithMoreDataAndAsksForFour) 
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 4u);
     EXPECT_EQ(buffer[0], 0xEE);
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HASHSIZE buffer too small"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: HP_HASHSIZE buffer too small"));
 }
 
 TEST_F(HashParams, AlgIdWithAnEmptyBufferFailsWithMoreData) {
@@ -108,7 +110,7 @@ TEST_F(HashParams, AlgIdWithAnEmptyBufferFailsWithMoreData) {
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_ALGID, buffer, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 4u);
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_ALGID buffer too small"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: HP_ALGID buffer too small"));
 }
 
 TEST_F(HashParams, HmacInfoIsNeverReadableEvenAfterASet) {
@@ -117,7 +119,8 @@ TEST_F(HashParams, HmacInfoIsNeverReadableEvenAfterASet) {
     DWORD length = sizeof buffer;
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HMAC_INFO, buffer, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC"));
 
     HMAC_INFO info{};
     info.HashAlgid = CALG_SHA_256;
@@ -128,7 +131,9 @@ TEST_F(HashParams, HmacInfoIsNeverReadableEvenAfterASet) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HMAC_INFO, nullptr, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_EQ(countLogged("CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC"), 3u);
+    EXPECT_EQ(
+        testsupport::logLineCount("ERROR", "CPGetHashParam: HP_HMAC_INFO requested but hash is not HMAC"),
+        3u);
 }
 
 TEST_F(HashParams, HmacInfoSetKeepsTheRecordAndRestartsTheTokenHash) {
@@ -139,8 +144,8 @@ TEST_F(HashParams, HmacInfoSetKeepsTheRecordAndRestartsTheTokenHash) {
     info.pbInnerString = inner;
     info.cbInnerString = 3;
     ASSERT_TRUE(CPSetHashParam(provider(), hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0));
-    EXPECT_TRUE(logged("DEBUG", "Set hash param dwParam : 5"));
-    EXPECT_TRUE(logged("DEBUG", "Set hash param dwFlags : 0"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set hash param dwParam : 5"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set hash param dwFlags : 0"));
 
     HASH_CONTEXT* record = hashContextFrom(hash);
     EXPECT_EQ(std::memcmp(&record->hmacInfo, &info, sizeof info), 0);
@@ -173,7 +178,8 @@ TEST_F(HashParams, HmacInfoSetFailsWithNteFailWhenTheTokenRefuses) {
     HMAC_INFO info{};
     EXPECT_FALSE(CPSetHashParam(provider(), hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPSetHashParam: calyth_initHash failed for HP_HMAC_INFO, ret=4"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPSetHashParam: calyth_initHash failed for HP_HMAC_INFO, ret=4"));
 }
 
 TEST_F(HashParams, HashValueSetCachesExactlyTheHashLength) {
@@ -182,9 +188,9 @@ TEST_F(HashParams, HashValueSetCachesExactlyTheHashLength) {
     for (int i = 0; i < 40; ++i)
         given[i] = static_cast<BYTE>(0x40 + i);
     ASSERT_TRUE(CPSetHashParam(provider(), hash, HP_HASHVAL, given, 0));
-    EXPECT_TRUE(logged("DEBUG", "CPSetHashParam"));
-    EXPECT_TRUE(logged("DEBUG", "Set hash param dwParam : 2"));
-    EXPECT_TRUE(logged("DEBUG", "Set hash param dwFlags : 0"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetHashParam"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set hash param dwParam : 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set hash param dwFlags : 0"));
 
     BYTE value[64] = {};
     DWORD length = sizeof value;
@@ -199,14 +205,15 @@ TEST_F(HashParams, SetChecksItsArgumentsInOrder) {
     BYTE data[64] = {};
     EXPECT_FALSE(CPSetHashParam(provider(), hash, HP_HASHVAL, nullptr, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPSetHashParam: invalid parameter - hProv=" + std::to_string(provider()) +
-                                    " hHash=" + std::to_string(hash) + " pbData=0"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPSetHashParam: invalid parameter - hProv=" + std::to_string(provider()) +
+                     " hHash=" + std::to_string(hash) + " pbData=0"));
     EXPECT_FALSE(CPSetHashParam(0, hash, HP_HASHVAL, data, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
     EXPECT_FALSE(CPSetHashParam(provider(), hash, HP_HASHVAL, data, 0x10));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
-    EXPECT_TRUE(logged("ERROR", "CPSetHashParam: invalid dwFlags=0x00000010"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetHashParam: invalid dwFlags=0x00000010"));
 
     CspContext fresh;
     EXPECT_FALSE(CPSetHashParam(handleOf(fresh), hash, HP_HASHVAL, data, 0));
@@ -214,11 +221,12 @@ TEST_F(HashParams, SetChecksItsArgumentsInOrder) {
     HASH_CONTEXT invalid{};
     EXPECT_FALSE(CPSetHashParam(provider(), handleOf(invalid), HP_HASHVAL, data, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_EQ(countLogged("CPSetHashParam: context not initialized or hash not valid"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPSetHashParam: context not initialized or hash not valid"),
+              2u);
 
     EXPECT_FALSE(CPSetHashParam(provider(), hash, 99, data, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(logged("ERROR", "CPSetHashParam: unsupported dwParam=0x00000063"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetHashParam: unsupported dwParam=0x00000063"));
     EXPECT_EQ(hashContextFrom(hash)->finalized, 0);
 }
 
@@ -228,24 +236,26 @@ TEST_F(HashParams, GetChecksItsArgumentsInOrder) {
     DWORD value = 0;
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_ALGID, reinterpret_cast<BYTE*>(&value), nullptr, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: invalid parameter - hProv=" + std::to_string(provider()) +
-                                    " hHash=" + std::to_string(hash) + " pcbDataLen=0"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPGetHashParam: invalid parameter - hProv=" + std::to_string(provider()) +
+                     " hHash=" + std::to_string(hash) + " pcbDataLen=0"));
     EXPECT_FALSE(CPGetHashParam(provider(), 0, HP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 3));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_FLAGS));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: invalid dwFlags=0x00000003"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: invalid dwFlags=0x00000003"));
 
     CspContext fresh;
     EXPECT_FALSE(
         CPGetHashParam(handleOf(fresh), hash, HP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: context not initialized or hash not valid"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPGetHashParam: context not initialized or hash not valid"));
 
     EXPECT_FALSE(CPGetHashParam(provider(), hash, 99, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: unsupported dwParam=0x00000063"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: unsupported dwParam=0x00000063"));
     EXPECT_EQ(value, 0u);
 }
 
@@ -270,7 +280,7 @@ TEST_F(HashParamsAfterKeyChoice, Rsa2048KeyMakesASha256ObjectAnswerSha1) {
     length = 4;
     ASSERT_TRUE(getDword(hash, HP_HASHSIZE, &size, &length));
     EXPECT_EQ(size, 20u);
-    EXPECT_TRUE(logged("DEBUG", "CPGetHashParam mechanism : 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetHashParam mechanism : 2"));
 }
 
 TEST_F(HashParamsAfterKeyChoice, Rsa1024KeyMakesAlgorithmSizeAndValueUnsupported) {
@@ -278,15 +288,15 @@ TEST_F(HashParamsAfterKeyChoice, Rsa1024KeyMakesAlgorithmSizeAndValueUnsupported
     DWORD value = 0, length = 4;
     EXPECT_FALSE(getDword(hash, HP_ALGID, &value, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_ALGID unsupported mechanism=1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: HP_ALGID unsupported mechanism=1"));
     length = 4;
     EXPECT_FALSE(getDword(hash, HP_HASHSIZE, &value, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HASHSIZE unsupported mechanism=1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: HP_HASHSIZE unsupported mechanism=1"));
     length = 0;
     EXPECT_FALSE(CPGetHashParam(provider(), hash, HP_HASHVAL, nullptr, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam: HP_HASHVAL unsupported mechanism=1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam: HP_HASHVAL unsupported mechanism=1"));
 }
 
 }  // namespace

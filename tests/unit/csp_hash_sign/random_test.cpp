@@ -23,7 +23,7 @@ TEST_F(Random, TokenContextAsksTheTokensGeneratorWhileTheSwitchIsOn) {
     EXPECT_EQ(calls[0].serial, kSerial);
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{"16", "false"}));
     EXPECT_EQ(buffer, pattern(0x80, 16));
-    EXPECT_TRUE(logged("DEBUG", "CPGenRandom"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGenRandom"));
 }
 
 TEST_F(Random, WithTheSwitchOffATokenContextPassesItsSerialButAsksForSoftware) {
@@ -36,7 +36,7 @@ TEST_F(Random, WithTheSwitchOffATokenContextPassesItsSerialButAsksForSoftware) {
     EXPECT_EQ(calls[0].serial, kSerial);
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{"8", "true"}));
     EXPECT_EQ(buffer, pattern(0x10, 8));
-    EXPECT_FALSE(logged("DEBUG", "CPGenRandom: no token, using software RNG"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "CPGenRandom: no token, using software RNG"));
 
     // The switch is process-wide: another context sees it, and turning it on again is seen at once.
     CspContext other;
@@ -68,7 +68,7 @@ TEST_F(Random, VerifyOnlyContextAlwaysUsesSoftwareWhateverTheSwitch) {
         EXPECT_EQ(call.serial, "");
         EXPECT_EQ(call.args, (std::vector<std::string>{"4", "true"}));
     }
-    EXPECT_EQ(countLogged("CPGenRandom: no token, using software RNG"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "CPGenRandom: no token, using software RNG"), 2u);
 }
 
 TEST_F(Random, ZeroLengthWithABufferFailsBeforeAnyDeviceCall) {
@@ -76,14 +76,14 @@ TEST_F(Random, ZeroLengthWithABufferFailsBeforeAnyDeviceCall) {
     SetLastError(0);
     EXPECT_FALSE(CPGenRandom(provider(), 0, buffer));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPGenRandom: invalid buffer or length, cbLen=0"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGenRandom: invalid buffer or length, cbLen=0"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
 TEST_F(Random, NullBufferFailsWithInvalidParameter) {
     EXPECT_FALSE(CPGenRandom(provider(), 8, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(logged("ERROR", "CPGenRandom: invalid buffer or length, cbLen=8"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGenRandom: invalid buffer or length, cbLen=8"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
@@ -93,7 +93,7 @@ TEST_F(Random, TokenFailureFailsWithoutRetryingInSoftware) {
     SetLastError(0);
     EXPECT_FALSE(CPGenRandom(provider(), 8, buffer));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(logged("ERROR", "Random number generation failed: 9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Random number generation failed: 9"));
     EXPECT_EQ(fake::countCalls("calyth_generateRamdomNumber"), 1u);
 }
 
@@ -104,7 +104,7 @@ TEST_F(Random, SoftwareFailureOfAVerifyOnlyContextFails) {
     BYTE buffer[8] = {};
     EXPECT_FALSE(CPGenRandom(handleOf(verifyOnly), 8, buffer));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPGenRandom: software RNG failed: 4"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGenRandom: software RNG failed: 4"));
     EXPECT_EQ(fake::countCalls("calyth_generateRamdomNumber"), 1u);
 }
 
@@ -115,7 +115,7 @@ TEST_F(Random, NullOrUninitialisedContextFailsWithBadUid) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
     EXPECT_FALSE(CPGenRandom(0, 0, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_EQ(countLogged("CPGenRandom: context is null or not initialized"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPGenRandom: context is null or not initialized"), 2u);
     EXPECT_TRUE(fake::calls().empty());
 }
 

@@ -6,13 +6,13 @@
 #include <gtest/gtest.h>
 
 #include "csp_test_fixture.h"
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 #include "token/token_table.h"
 
 namespace csptest {
 namespace {
 
-using access_test::SimulatedUser;
+using testsupport::SimulatedUser;
 
 const char* const kKeyA = "000102030405060708090A0B0C0D0E0F";
 
@@ -41,7 +41,7 @@ protected:
 };
 
 TEST_F(SignPinPrompt, ExpiredSingleSignOnShowsTheDialogOnceAndRetriesOnce) {
-    SimulatedUser user({access_test::enterPin(kPin)});
+    SimulatedUser user({testsupport::enterPin(kPin)});
     EXPECT_EQ(signWith(user), std::vector<std::string>{"dialog"});
     EXPECT_TRUE(ok) << error;
 
@@ -52,18 +52,19 @@ TEST_F(SignPinPrompt, ExpiredSingleSignOnShowsTheDialogOnceAndRetriesOnce) {
     ASSERT_EQ(signs.size(), 2u);
     EXPECT_EQ(signs[0].args[1], kPin);
     EXPECT_EQ(signs[1].args[1], kPin);
-    EXPECT_EQ(countLogged("CPSignHash: SSO expired, re-prompting for PIN"), 1u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "CPSignHash: SSO expired, re-prompting for PIN"), 1u);
     std::vector<BYTE> expected = fake::defaultSignature(256);
     std::reverse(expected.begin(), expected.end());
     EXPECT_EQ(buffer, expected);
 }
 
 TEST_F(SignPinPrompt, CancelledDialogAfterExpiryFailsWithoutASecondSignature) {
-    SimulatedUser user({access_test::pressCancel()});
+    SimulatedUser user({testsupport::pressCancel()});
     EXPECT_EQ(signWith(user), std::vector<std::string>{"dialog"});
     EXPECT_FALSE(ok);
     EXPECT_EQ(error, static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: ensurePasswordValidated failed after SSO expiry"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPSignHash: ensurePasswordValidated failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 1u);
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
     EXPECT_FALSE(isPinValidated(kSerial));

@@ -108,10 +108,10 @@ TEST_F(Signing, TheTokenIsAskedWithKeyPinDigestAndTheCallersRoom) {
     std::reverse(expected.begin(), expected.end());
     EXPECT_EQ(signature, expected);
 
-    EXPECT_TRUE(logged("DEBUG", "CPSignHash"));
-    EXPECT_TRUE(logged("DEBUG", "CPSignHash dwFlags : 8"));
-    EXPECT_TRUE(logged("DEBUG", "CPSignHash hashAlgorithm : 3"));
-    EXPECT_TRUE(logged("DEBUG", "CPSignHash key mechanism : 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSignHash"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSignHash dwFlags : 8"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSignHash hashAlgorithm : 3"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSignHash key mechanism : 2"));
 }
 
 TEST_F(Signing, AnUnreadHashIsFinishedOnTheTokenWithRoomFor128Bytes) {
@@ -145,7 +145,7 @@ TEST_F(Signing, TokenFailingToFinishTheHashFailsWithNteFail) {
     DWORD length = 0;
     EXPECT_FALSE(CPSignHash(provider(), hash, AT_SIGNATURE, nullptr, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: calyth_finalHash failed with ret=3"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSignHash: calyth_finalHash failed with ret=3"));
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 0u);
 }
 
@@ -196,8 +196,8 @@ TEST_F(Signing, ContainerMatchingNoKeyFailsWithNoKeyAlthoughOtherKeysExist) {
     SetLastError(0);
     EXPECT_FALSE(sign(hash, &signature));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-    EXPECT_TRUE(
-        logged("ERROR", "CPSignHash: sign key not found for container=FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPSignHash: sign key not found for container=FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
     EXPECT_EQ(hashContextFrom(hash)->signKeyIdLength, 0);
 }
@@ -217,7 +217,7 @@ TEST_F(Signing, NoKeyThatCanSignFailsWithNoKey) {
     DWORD length = 0;
     EXPECT_FALSE(CPSignHash(provider(), hash, AT_SIGNATURE, nullptr, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: sign key not found for container="));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSignHash: sign key not found for container="));
 }
 
 TEST_F(Signing, TheChosenKeyStaysWithTheHashObject) {
@@ -254,8 +254,8 @@ TEST_F(Signing, ExpiredSingleSignOnAsksOnceAndSignsOnceMore) {
     EXPECT_EQ(calls[1].args[4], "512");
     EXPECT_EQ(calls[0].args[0], calls[1].args[0]);
     EXPECT_EQ(calls[0].args[2], calls[1].args[2]);
-    EXPECT_TRUE(logged("DEBUG", "CPSignHash: SSO expired, re-prompting for PIN"));
-    EXPECT_EQ(countLogged("CPSignHash: SSO expired, re-prompting for PIN"), 1u);
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSignHash: SSO expired, re-prompting for PIN"));
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "CPSignHash: SSO expired, re-prompting for PIN"), 1u);
     std::vector<BYTE> expected = fake::defaultSignature(256);
     std::reverse(expected.begin(), expected.end());
     EXPECT_EQ(signature, expected);
@@ -271,10 +271,10 @@ TEST_F(Signing, ASecondExpiryIsAnOrdinaryFailure) {
     SetLastError(0);
     EXPECT_FALSE(sign(hash, &signature));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(logged("ERROR", "Sign hash failed : 49"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Sign hash failed : 49"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 2u);
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 1u);
-    EXPECT_EQ(countLogged("CPSignHash: SSO expired, re-prompting for PIN"), 1u);
+    EXPECT_EQ(testsupport::logLineCount("DEBUG", "CPSignHash: SSO expired, re-prompting for PIN"), 1u);
 }
 
 TEST_F(Signing, FailedPinCheckAfterExpiryEndsTheSigning) {
@@ -287,7 +287,8 @@ TEST_F(Signing, FailedPinCheckAfterExpiryEndsTheSigning) {
     SetLastError(0);
     EXPECT_FALSE(sign(hash, &signature));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: ensurePasswordValidated failed after SSO expiry"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPSignHash: ensurePasswordValidated failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 1u);
     EXPECT_FALSE(isPinValidated(kSerial));
     EXPECT_EQ(getValidatedPin(kSerial), "");
@@ -301,7 +302,7 @@ TEST_F(Signing, FailedPinCheckBeforeSigningLeavesTheTokenAlone) {
     SetLastError(0);
     EXPECT_FALSE(sign(hash, &signature));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: ensurePasswordValidated failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSignHash: ensurePasswordValidated failed"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 0u);
 }
@@ -314,7 +315,7 @@ TEST_F(Signing, OtherTokenFailuresFailWithProviderDllFailAndNoRetry) {
     std::vector<BYTE> signature;
     EXPECT_FALSE(sign(hash, &signature));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(logged("ERROR", "Sign hash failed : 5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Sign hash failed : 5"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 1u);
     EXPECT_TRUE(isPinValidated(kSerial));
 }
@@ -326,10 +327,10 @@ TEST_F(Signing, SignChecksContextAndHash) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
     EXPECT_FALSE(CPSignHash(0, 1, AT_SIGNATURE, nullptr, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_EQ(countLogged("CPSignHash: context is null or not initialized"), 2u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPSignHash: context is null or not initialized"), 2u);
     EXPECT_FALSE(CPSignHash(provider(), 0, AT_SIGNATURE, nullptr, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPSignHash: hash handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSignHash: hash handle is null"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
@@ -389,13 +390,13 @@ TEST_F(Verification, ASignatureMadeBySigningVerifiesWithTheKeyObject) {
     EXPECT_EQ(args[6], "256");
     EXPECT_EQ(args[7], "false");
 
-    EXPECT_TRUE(logged("DEBUG", "CPVerifySignature"));
-    EXPECT_TRUE(logged("DEBUG", "key handle available"));
-    EXPECT_TRUE(logged("DEBUG", "Public key is not DER encoded, converting to DER"));
-    EXPECT_TRUE(logged("DEBUG", "Hash obtained using CPGetHashParam"));
-    EXPECT_TRUE(logged("DEBUG", "pHashContext->hashLength: 32"));
-    EXPECT_TRUE(logged("DEBUG", "PublicKeyLength: 294"));
-    EXPECT_TRUE(logged("DEBUG", "Signature Length: 256"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPVerifySignature"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "key handle available"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Public key is not DER encoded, converting to DER"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Hash obtained using CPGetHashParam"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "pHashContext->hashLength: 32"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "PublicKeyLength: 294"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Signature Length: 256"));
 }
 
 TEST_F(Verification, TheSignatureIsReversedBeforeTheTokenSeesIt) {
@@ -404,7 +405,7 @@ TEST_F(Verification, TheSignatureIsReversedBeforeTheTokenSeesIt) {
     std::vector<BYTE> signature = {0x01, 0x02, 0x03, 0x04, 0x05};
     EXPECT_FALSE(verify(hash, signature, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_SIGNATURE));
-    EXPECT_TRUE(logged("ERROR", "VERIFY SIGNATURE FAILED :: 1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "VERIFY SIGNATURE FAILED :: 1"));
     auto calls = fake::callsTo("calyth_verifySignatureHash");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].args[5], "0504030201");
@@ -416,7 +417,7 @@ TEST_F(Verification, ADerPublicKeyIsPassedAsItIs) {
     HCRYPTHASH hash = createHash(CALG_SHA_256, "abc");
     KEY_HANDLE key = keyObject(der.data(), static_cast<int>(der.size()));
     EXPECT_TRUE(verify(hash, callerSignature(), &key));
-    EXPECT_TRUE(logged("DEBUG", "Public key is already DER encoded"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Public key is already DER encoded"));
     auto calls = fake::callsTo("calyth_verifySignatureHash");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].args[3], fake::hex(der));
@@ -429,9 +430,10 @@ TEST_F(Verification, NoKeyObjectAndAnEmptyContainerFailsWithBadKey) {
     SetLastError(0);
     EXPECT_FALSE(verify(hash, callerSignature(), nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(logged("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
-    EXPECT_TRUE(logged("DEBUG", "Container name : "));
-    EXPECT_TRUE(logged("ERROR", "CPVerifySignature: container not found in key list, containerName="));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Container name : "));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPVerifySignature: container not found in key list, containerName="));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
 
@@ -445,8 +447,8 @@ TEST_F(Verification, NoKeyObjectUsesTheContainersTokenKeyAlwaysWrappedAsRsa) {
     context.containerName = kKeyB;
     HCRYPTHASH hash = createHash(CALG_SHA_256, "abc");
     EXPECT_TRUE(verify(hash, callerSignature(), nullptr));
-    EXPECT_TRUE(logged("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
-    EXPECT_TRUE(logged("DEBUG", std::string("Container name : ") + kKeyB));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("Container name : ") + kKeyB));
     auto calls = fake::callsTo("calyth_verifySignatureHash");
     ASSERT_EQ(calls.size(), 1u);
     // SEQUENCE { AlgorithmIdentifier, BIT STRING { SEQUENCE { INTEGER 3003020101, INTEGER 65537 } } }
@@ -459,8 +461,8 @@ TEST_F(Verification, AKeyObjectWithoutPublicKeyFallsBackToTheContainer) {
     HCRYPTHASH hash = createHash(CALG_SHA_256, "abc");
     KEY_HANDLE key = keyObject(keyPair.publicKey, 0);
     EXPECT_TRUE(verify(hash, callerSignature(), &key));
-    EXPECT_TRUE(logged("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
-    EXPECT_FALSE(logged("DEBUG", "key handle available"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Key Handle Not Initialized or Public Key Length is zero"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "key handle available"));
     EXPECT_EQ(fake::callsTo("calyth_verifySignatureHash")[0].args[4], "294");
 }
 
@@ -469,7 +471,7 @@ TEST_F(Verification, AnAlreadyReadValueIsUsedWithoutAskingAgain) {
     ASSERT_FALSE(hashValue(hash).empty());
     KEY_HANDLE key = keyObject(keyPair.publicKey, keyPair.publicKeyLength);
     EXPECT_TRUE(verify(hash, callerSignature(), &key));
-    EXPECT_FALSE(logged("DEBUG", "Hash obtained using CPGetHashParam"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "Hash obtained using CPGetHashParam"));
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 1u);
 }
 
@@ -480,7 +482,7 @@ TEST_F(Verification, HashValueFailuresBecomeBadHash) {
     fake::failNext("calyth_finalHash", 6);
     EXPECT_FALSE(verify(hash, callerSignature(), &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam failed to get hash value"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam failed to get hash value"));
 
     HASH_CONTEXT unknownCode{};
     unknownCode.valid = 1;
@@ -488,7 +490,7 @@ TEST_F(Verification, HashValueFailuresBecomeBadHash) {
     unknownCode.hashLength = 32;
     EXPECT_FALSE(verify(handleOf(unknownCode), callerSignature(), &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "CPGetHashParam failed to get hash size"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetHashParam failed to get hash size"));
 
     HASH_CONTEXT tooLong{};
     tooLong.valid = 1;
@@ -496,7 +498,7 @@ TEST_F(Verification, HashValueFailuresBecomeBadHash) {
     tooLong.hashLength = 32;
     EXPECT_FALSE(verify(handleOf(tooLong), callerSignature(), &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "Hash size larger than expected"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Hash size larger than expected"));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
 
@@ -505,10 +507,10 @@ TEST_F(Verification, VerifyChecksContextAndHash) {
     CspContext fresh;
     EXPECT_FALSE(CPVerifySignature(handleOf(fresh), 1, signature.data(), 256, 0, nullptr, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(logged("ERROR", "CSP Context Not Initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CSP Context Not Initialized"));
     EXPECT_FALSE(CPVerifySignature(provider(), 0, signature.data(), 256, 0, nullptr, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH));
-    EXPECT_TRUE(logged("ERROR", "Hash Context is not Initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Hash Context is not Initialized"));
     EXPECT_TRUE(fake::calls().empty());
 }
 

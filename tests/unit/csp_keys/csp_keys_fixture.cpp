@@ -2,35 +2,12 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
-
-#include "support/test_support.h"
-#include "token/process_state.h"
-#include "token/token_table.h"
 
 namespace keystest {
 
 const char* const kSignId = "11111111111111111111111111111111";
 const char* const kExchangeId = "22222222222222222222222222222222";
 const char* const kBothId = "33333333333333333333333333333333";
-
-bool hasLogLine(const std::string& level, const std::string& message) {
-    std::istringstream in(testsupport::readLog());
-    std::string line;
-    std::string wanted = level + " ::=>" + message;
-    while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (line.size() >= wanted.size() &&
-            line.compare(line.size() - wanted.size(), wanted.size(), wanted) == 0)
-            return true;
-    }
-    return false;
-}
-
-std::vector<std::string> logLinesAt(const std::string& level) {
-    return testsupport::logMessagesAt(level);
-}
 
 std::vector<unsigned char> bytesOf(std::initializer_list<int> values) {
     std::vector<unsigned char> out;
@@ -57,20 +34,16 @@ unsigned char* mallocCopy(const std::vector<unsigned char>& bytes) {
 }
 
 void KeysTest::SetUp() {
-    fake::reset();
-    resetTokenTableForTests();
-    clearProcessIv();
+    CspTest::SetUp();
     fake::addToken("SN1");
-    context_.serialNumber = "SN1";
-    context_.initialized = true;
-    context_.keysetType = CSP_KEYSET_TYPE;
-    testsupport::clearLog();
+    csptest::openOnToken(context_, "SN1");
 }
 
 void KeysTest::TearDown() {
     for (HCRYPTKEY key : keys_)
         CPDestroyKey(prov(), key);
     keys_.clear();
+    CspTest::TearDown();
 }
 
 HCRYPTKEY KeysTest::userKey(DWORD keySpec) {

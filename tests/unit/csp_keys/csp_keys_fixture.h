@@ -12,9 +12,8 @@
 
 #include "csp/csp_entry_points.h"
 #include "csp/key_handle.h"
-#include "fake_device/fake_device.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
+#include "unit/csp/csp_fixture.h"
 
 namespace keystest {
 
@@ -23,11 +22,6 @@ extern const char* const kSignId;      // usage 1, RSA-2048
 extern const char* const kExchangeId;  // usage 2, RSA-2048
 extern const char* const kBothId;      // usage 3, RSA-2048
 
-// True when the log holds a line "<level> ::=><message>" with exactly this message.
-bool hasLogLine(const std::string& level, const std::string& message);
-// Messages of all log lines at that level, in order.
-std::vector<std::string> logLinesAt(const std::string& level);
-
 std::vector<unsigned char> bytesOf(std::initializer_list<int> values);
 std::vector<unsigned char> reversed(std::vector<unsigned char> bytes);
 // `length` bytes counting up from `start` (wrapping at 256).
@@ -35,7 +29,7 @@ std::vector<unsigned char> counting(size_t length, int start);
 // A malloc'ed copy, as the device library hands out its output buffers.
 unsigned char* mallocCopy(const std::vector<unsigned char>& bytes);
 
-class KeysTest : public ::testing::Test {
+class KeysTest : public csptest::CspTest {
 protected:
     void SetUp() override;
     void TearDown() override;

@@ -69,7 +69,8 @@ TEST_F(EncryptTest, BufferOneByteShortFailsWithMoreDataBeforeAnyDeviceCall) {
     EXPECT_FALSE(CPEncrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length, 255));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 256u);
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: buffer too small, cbBufLen=255 requiredSize=256"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPEncrypt: buffer too small, cbBufLen=255 requiredSize=256"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
@@ -78,7 +79,7 @@ TEST_F(EncryptTest, ZeroDataLengthFailsWithBadLen) {
     DWORD length = 0;
     EXPECT_FALSE(CPEncrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length, 256));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_LEN));
-    EXPECT_TRUE(hasLogLine("ERROR", "Invalid data length for encrypt: 0"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Invalid data length for encrypt: 0"));
 }
 
 TEST_F(EncryptTest, ArgumentChecksInOrder) {
@@ -86,13 +87,13 @@ TEST_F(EncryptTest, ArgumentChecksInOrder) {
     DWORD length = 4;
     EXPECT_FALSE(CPEncrypt(0, 0, 0, TRUE, 0, buffer.data(), nullptr, 256));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: pcbDataLen is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPEncrypt: pcbDataLen is null"));
     EXPECT_FALSE(CPEncrypt(0, rsaKey_, 0, TRUE, 0, buffer.data(), &length, 256));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: context is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPEncrypt: context is null or not initialized"));
     EXPECT_FALSE(CPEncrypt(prov(), 0, 0, TRUE, 0, buffer.data(), &length, 256));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPEncrypt: key handle is null"));
 }
 
 TEST_F(EncryptTest, RsaCiphertextComesBackByteReversed) {
@@ -106,7 +107,7 @@ TEST_F(EncryptTest, RsaCiphertextComesBackByteReversed) {
     for (unsigned char& b : tokenCipher)
         b ^= fake::kRsaFakeMask;
     EXPECT_EQ(std::vector<unsigned char>(buffer.begin(), buffer.begin() + 20), reversed(tokenCipher));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPEncrypt - return success"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPEncrypt - return success"));
 }
 
 TEST_F(EncryptTest, RsaRawModulusIsWrappedAsDerWithExponent65537) {
@@ -121,7 +122,7 @@ TEST_F(EncryptTest, RsaRawModulusIsWrappedAsDerWithExponent65537) {
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{"8", "1", std::string(32, '3'), "16", "0",
                                                        fake::hex(der), std::to_string(der.size())}))
         << "type 8, PKCS #1, the data, output length starting at 0, the DER key";
-    EXPECT_TRUE(hasLogLine("DEBUG", "CSP: Public key is raw modulus, converting to DER"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CSP: Public key is raw modulus, converting to DER"));
 }
 
 TEST_F(EncryptTest, RsaDerPublicKeyIsPassedAsItStands) {
@@ -137,7 +138,7 @@ TEST_F(EncryptTest, RsaDerPublicKeyIsPassedAsItStands) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].args[5], fake::hex(der));
     EXPECT_EQ(calls[0].args[0], "8") << "a real key's stored length never matches 1024..4096";
-    EXPECT_TRUE(hasLogLine("DEBUG", "CSP: Public key is already DER encoded"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CSP: Public key is already DER encoded"));
 }
 
 TEST_F(EncryptTest, OaepFlagSelectsPaddingFour) {
@@ -173,7 +174,7 @@ TEST_F(EncryptTest, RsaDeviceFailureBecomesProviderDllFail) {
     DWORD length = 16;
     EXPECT_FALSE(CPEncrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length, 256));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "Encrypt data failed: 3"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Encrypt data failed: 3"));
 }
 
 TEST_F(EncryptTest, RsaEncryptionNeedsNoPin) {
@@ -253,8 +254,8 @@ TEST_F(EncryptTest, AesCallCarriesKeyDataAndNoTokenFlag) {
     ASSERT_EQ(length, 10u);
     for (size_t i = 0; i < 10; ++i)
         EXPECT_EQ(buffer[i], static_cast<unsigned char>(plain[i] ^ (0x41 + i))) << i;
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPEncrypt: symmetric encryption, keyLen=24"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPEncrypt: symmetric encryption success, length=10"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPEncrypt: symmetric encryption, keyLen=24"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPEncrypt: symmetric encryption success, length=10"));
 }
 
 TEST_F(EncryptTest, AesKeyOfTwentyBytesFailsWithBadKey) {
@@ -263,7 +264,7 @@ TEST_F(EncryptTest, AesKeyOfTwentyBytesFailsWithBadKey) {
     DWORD length = 10;
     EXPECT_FALSE(CPEncrypt(prov(), handleOf(key), 0, TRUE, 0, buffer.data(), &length, 64));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: unsupported symmetric key length: 20"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPEncrypt: unsupported symmetric key length: 20"));
     EXPECT_EQ(fake::countCalls("calyth_encrypt_aes"), 0u);
 }
 
@@ -274,7 +275,8 @@ TEST_F(EncryptTest, AesOutputLongerThanTheBufferFailsWithMoreData) {
     EXPECT_FALSE(CPEncrypt(prov(), handleOf(key), 0, TRUE, 0, buffer.data(), &length, 18));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 20u);
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: symmetric output buffer too small, required=20"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPEncrypt: symmetric output buffer too small, required=20"));
     EXPECT_EQ(buffer, std::vector<unsigned char>(20, 0x01)) << "nothing is written";
 }
 
@@ -285,7 +287,7 @@ TEST_F(EncryptTest, AesDeviceFailureBecomesProviderDllFail) {
     DWORD length = 10;
     EXPECT_FALSE(CPEncrypt(prov(), handleOf(key), 0, TRUE, 0, buffer.data(), &length, 64));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: symmetric encryption failed: 12"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPEncrypt: symmetric encryption failed: 12"));
 }
 
 // --- RSA decryption -----------------------------------------------------------------------------
@@ -321,10 +323,10 @@ TEST_F(DecryptTest, InputIsReversedForTheTokenAndThePlaintextIsNot) {
               (std::vector<std::string>{kExchangeId, "1234", fake::hex(tokenCipher), "48", "true"}));
     for (const char* line : {"Before reversing encrypted data", "After reversing encrypted data",
                              "Before decrypting data", "After decrypting data", "CPDecrypt- return"})
-        EXPECT_TRUE(hasLogLine("DEBUG", line)) << line;
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt - dwFlags : 0"));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("CPDecrypt - key id : ") + kExchangeId));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt - usage : 2"));
+        EXPECT_TRUE(testsupport::logHasLine("DEBUG", line)) << line;
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt - dwFlags : 0"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("CPDecrypt - key id : ") + kExchangeId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt - usage : 2"));
 }
 
 TEST_F(DecryptTest, ShorterPlaintextSetsTheLength) {
@@ -380,7 +382,7 @@ TEST_F(DecryptTest, SingleSignOnExpiryAsksForThePinOnceAndRetriesOnce) {
     EXPECT_EQ(calls[1].args[1], "") << "the held PIN was forgotten; single sign-on stores an empty one";
     EXPECT_EQ(calls[0].args[2], calls[1].args[2]) << "the same reversed ciphertext";
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 1u) << "one new PIN check";
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt: SSO expired, re-prompting for PIN"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt: SSO expired, re-prompting for PIN"));
 }
 
 TEST_F(DecryptTest, SecondSingleSignOnExpiryIsAFailure) {
@@ -391,7 +393,7 @@ TEST_F(DecryptTest, SecondSingleSignOnExpiryIsAFailure) {
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 2u);
-    EXPECT_TRUE(hasLogLine("ERROR", "Decrypt data failed : 49"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Decrypt data failed : 49"));
     EXPECT_EQ(length, 32u);
 }
 
@@ -402,7 +404,8 @@ TEST_F(DecryptTest, FailedPinCheckAfterExpiryEndsTheDecryption) {
     DWORD length = 32;
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT)) << "the PIN check's error stands";
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDecrypt: ensurePasswordValidated failed after SSO expiry"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPDecrypt: ensurePasswordValidated failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 1u);
     EXPECT_FALSE(isPinValidated("SN1"));
 }
@@ -414,7 +417,7 @@ TEST_F(DecryptTest, MissingPinInASilentContextFailsBeforeTheToken) {
     DWORD length = 32;
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDecrypt: ensurePasswordValidated failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDecrypt: ensurePasswordValidated failed"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 0u);
 }
 
@@ -424,9 +427,9 @@ TEST_F(DecryptTest, OtherDeviceFailuresAreNotRetried) {
     DWORD length = 32;
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "Decrypt data failed : 50"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Decrypt data failed : 50"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 1u);
-    EXPECT_FALSE(hasLogLine("DEBUG", "CPDecrypt: SSO expired, re-prompting for PIN"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "CPDecrypt: SSO expired, re-prompting for PIN"));
 }
 
 TEST_F(DecryptTest, ZeroLengthOrMissingDataFailsWithBadData) {
@@ -434,11 +437,11 @@ TEST_F(DecryptTest, ZeroLengthOrMissingDataFailsWithBadData) {
     DWORD length = 0;
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "Invalid data length for decrypt : 0"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Invalid data length for decrypt : 0"));
     length = 32;
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "Invalid data length for decrypt : 32"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Invalid data length for decrypt : 32"));
     EXPECT_FALSE(CPDecrypt(prov(), rsaKey_, 0, TRUE, 0, buffer.data(), nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 0u);
@@ -449,10 +452,10 @@ TEST_F(DecryptTest, ContextAndKeyAreChecked) {
     DWORD length = 32;
     EXPECT_FALSE(CPDecrypt(0, rsaKey_, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDecrypt: context is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDecrypt: context is null or not initialized"));
     EXPECT_FALSE(CPDecrypt(prov(), 0, 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDecrypt: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDecrypt: key handle is null"));
 }
 
 // --- AES decryption ---------------------------------------------------------------------------
@@ -478,10 +481,10 @@ TEST_F(DecryptTest, AesDecryptionUsesTheKeyAndIvWithoutAPinCheck) {
         expected[i] = static_cast<unsigned char>(cipher[i] ^ (0x41 + i % 16));
     EXPECT_EQ(buffer, expected);
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt input iv : " + fake::hex(counting(16, 0x90))));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt input key : " + fake::hex(counting(16, 0x41))));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt - decrypted data : " + fake::hex(expected)));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt- return"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt input iv : " + fake::hex(counting(16, 0x90))));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt input key : " + fake::hex(counting(16, 0x41))));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt - decrypted data : " + fake::hex(expected)));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt- return"));
 }
 
 TEST_F(DecryptTest, AesDecryptionWithoutIvPassesNone) {
@@ -493,7 +496,7 @@ TEST_F(DecryptTest, AesDecryptionWithoutIvPassesNone) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].args[3], "null");
     EXPECT_EQ(calls[0].args[4], "0");
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDecrypt input iv : "));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDecrypt input iv : "));
 }
 
 TEST_F(DecryptTest, AesDeviceFailureBecomesProviderDllFail) {
@@ -503,7 +506,7 @@ TEST_F(DecryptTest, AesDeviceFailureBecomesProviderDllFail) {
     DWORD length = 16;
     EXPECT_FALSE(CPDecrypt(prov(), handleOf(key), 0, TRUE, 0, buffer.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "Symetric decryption failed : 4"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Symetric decryption failed : 4"));
 }
 
 TEST_F(DecryptTest, ImportedAesKeyEncryptsAndDecryptsThroughTheToken) {

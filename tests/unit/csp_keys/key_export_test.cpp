@@ -46,9 +46,9 @@ TEST_F(ExportTest, SizeQueryAnswers276WithMoreDataAsLastError) {
     EXPECT_TRUE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(length, 276u);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Emport public key more data required"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Exportkey return status : 1"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "dwBlobType : 6"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Emport public key more data required"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Exportkey return status : 1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "dwBlobType : 6"));
 }
 
 TEST_F(ExportTest, BlobHasTheCryptoApiLayoutWithTheModulusLittleEndian) {
@@ -67,7 +67,7 @@ TEST_F(ExportTest, BlobHasTheCryptoApiLayoutWithTheModulusLittleEndian) {
     const CalythKeyPair& pair = fake::token("SN1").keyPairs[1];
     std::vector<unsigned char> modulusBE(pair.publicKey, pair.publicKey + 256);
     EXPECT_EQ(std::vector<unsigned char>(blob.begin() + 20, blob.end()), reversed(modulusBE));
-    EXPECT_TRUE(hasLogLine("DEBUG", "key usage : 41984"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "key usage : 41984"));
 }
 
 TEST_F(ExportTest, SignatureKeyObjectReportsItsOwnAlgorithm) {
@@ -142,8 +142,9 @@ TEST_F(ExportTest, ShortBufferFailsWithMoreData) {
     DWORD length = 275;
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, blob.data(), &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "ExportPublicKeyComponents: output buffer too small, required=276"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Exportkey return status : 0"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "ExportPublicKeyComponents: output buffer too small, required=276"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Exportkey return status : 0"));
 }
 
 TEST_F(ExportTest, PrivateKeyExportIsDenied) {
@@ -151,7 +152,7 @@ TEST_F(ExportTest, PrivateKeyExportIsDenied) {
     DWORD length = 0;
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PRIVATEKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPExportKey: PRIVATEKEYBLOB export denied"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPExportKey: PRIVATEKEYBLOB export denied"));
 }
 
 TEST_F(ExportTest, OtherBlobTypesAreUnsupported) {
@@ -159,7 +160,7 @@ TEST_F(ExportTest, OtherBlobTypesAreUnsupported) {
     DWORD length = 0;
     EXPECT_FALSE(CPExportKey(prov(), key, 0, SIMPLEBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPExportKey: unsupported dwBlobType=1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPExportKey: unsupported dwBlobType=1"));
 }
 
 TEST_F(ExportTest, NullKeyOrLengthFailsBeforeTheContextTest) {
@@ -169,10 +170,10 @@ TEST_F(ExportTest, NullKeyOrLengthFailsBeforeTheContextTest) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, nullptr, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPExportKey: hKey or pcbData is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPExportKey: hKey or pcbData is null"));
     EXPECT_FALSE(CPExportKey(0, key, 0, PUBLICKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPExportKey: context is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPExportKey: context is null or not initialized"));
 }
 
 TEST_F(ExportTest, KeyMissingFromTheTokenOrNotRsa2048FailsWithBadKey) {
@@ -182,18 +183,19 @@ TEST_F(ExportTest, KeyMissingFromTheTokenOrNotRsa2048FailsWithBadKey) {
     fake::token("SN1").keyPairs[1].keySizeCode = CALYTH_KEY_RSA_3072;
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "ExportPublicKeyComponents: key algorithm is not RSA-2048, cannot export"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "ExportPublicKeyComponents: key algorithm is not RSA-2048, cannot export"));
 
     fake::token("SN1").keyPairs.erase(fake::token("SN1").keyPairs.begin() + 1);
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "ExportPublicKeyComponents: matching key not found in key list"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "ExportPublicKeyComponents: matching key not found in key list"));
 
     fake::token("SN1").keyPairs.clear();
     EXPECT_FALSE(CPExportKey(prov(), key, 0, PUBLICKEYBLOB, 0, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "ExportPublicKeyComponents: key list is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "ExportPublicKeyComponents: key list is empty"));
 }
 
 TEST_F(ExportTest, ExportReadsTheTokenKeyListNotTheKeyObject) {

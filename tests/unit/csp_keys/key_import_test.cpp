@@ -68,28 +68,28 @@ TEST_F(ImportTest, BlobOfOnlyAHeaderIsEmpty) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(import(blob, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey - Input data to import is empty"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey - input data length : 0"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Input length : 12"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPImportKey - Input data to import is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey - input data length : 0"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Input length : 12"));
 }
 
 TEST_F(ImportTest, LogsTheHeaderFields) {
     std::vector<unsigned char> blob = plainTextBlob(CALG_AES_192, counting(24, 1));
     HCRYPTKEY key = 0;
     CPImportKey(prov(), blob.data(), static_cast<DWORD>(blob.size()), 0, 0x11, &key);
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Input flag : 17"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey - input type : 8"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey - input version : 2"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey - input alg : 26127"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPImportKey - input data length : 24"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Input flag : 17"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey - input type : 8"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey - input version : 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey - input alg : 26127"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPImportKey - input data length : 24"));
 }
 
 TEST_F(ImportTest, NullDataIsCheckedBeforeTheContext) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPImportKey(0, nullptr, 40, 0, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey - Input data is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPImportKey - Input data is null"));
 }
 
 TEST_F(ImportTest, NullOrUninitialisedContextFailsWithBadUid) {
@@ -97,7 +97,7 @@ TEST_F(ImportTest, NullOrUninitialisedContextFailsWithBadUid) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPImportKey(0, blob.data(), static_cast<DWORD>(blob.size()), 0, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey - Contest null or not initialised"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPImportKey - Contest null or not initialised"));
     context_.initialized = false;
     EXPECT_FALSE(import(blob, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
@@ -111,7 +111,7 @@ TEST_F(ImportTest, PrivateKeyBlobsAreNotImplemented) {
         EXPECT_FALSE(import(blob, &key));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
     }
-    EXPECT_TRUE(hasLogLine("ERROR", "Key Block Not Implemented yet"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Key Block Not Implemented yet"));
 }
 
 TEST_F(ImportTest, OtherBlobTypesAreUnsupported) {
@@ -121,7 +121,8 @@ TEST_F(ImportTest, OtherBlobTypesAreUnsupported) {
         HCRYPTKEY key = 0;
         EXPECT_FALSE(import(blob, &key));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-        EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey - Unsupported type : " + std::to_string(type)));
+        EXPECT_TRUE(
+            testsupport::logHasLine("ERROR", "CPImportKey - Unsupported type : " + std::to_string(type)));
     }
 }
 
@@ -149,8 +150,8 @@ TEST_F(ImportTest, PublicKeyBlobBecomesADerKeyInMemoryOnly) {
     EXPECT_EQ(key->sizeCode, 2);
     EXPECT_EQ(key->keyIdLength, 16);
     EXPECT_EQ(key->symmetricKeyLength, 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "Public exponent : 010001"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "PUBLICKEYBLOB imported successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Public exponent : 010001"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "PUBLICKEYBLOB imported successfully"));
     EXPECT_TRUE(fake::calls().empty()) << "nothing is written to the token";
 }
 
@@ -179,7 +180,7 @@ TEST_F(ImportTest, PublicKeyBlobKeepsAnUnusualExponent) {
     Bytes expected = buildRsaSubjectPublicKeyInfo(utils.bytesToHex(modulusBE.data(), 128), "03");
     EXPECT_EQ(Bytes(key->publicKey, key->publicKey + key->publicKeyLength), expected);
     EXPECT_EQ(key->sizeCode, 1);
-    EXPECT_TRUE(hasLogLine("DEBUG", "Public exponent : 03"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Public exponent : 03"));
 }
 
 TEST_F(ImportTest, PublicKeyBlobOf4096BitsFitsTheKeyObject) {
@@ -198,14 +199,16 @@ TEST_F(ImportTest, PublicKeyBlobWithPrivateKeyMagicFailsWithBadData) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(import(blob, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x32415352"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x32415352"));
 }
 
 TEST_F(ImportTest, MagicIsPrintedInLowerCaseWithoutLeadingZeros) {
     std::vector<unsigned char> blob = publicKeyBlob(2048, counting(256, 1), 65537, 0x00ABCDEF);
     HCRYPTKEY key = 0;
     EXPECT_FALSE(import(blob, &key));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0xabcdef"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0xabcdef"));
 }
 
 TEST_F(ImportTest, PublicKeyBlobShorterThanItsModulusFailsWithBadData) {
@@ -213,7 +216,8 @@ TEST_F(ImportTest, PublicKeyBlobShorterThanItsModulusFailsWithBadData) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(import(blob, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=275 required=276"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=275 required=276"));
 }
 
 TEST_F(ImportTest, PublicKeyBlobOf1536BitsIsAnUnsupportedSize) {
@@ -221,7 +225,7 @@ TEST_F(ImportTest, PublicKeyBlobOf1536BitsIsAnUnsupportedSize) {
     HCRYPTKEY key = 0x77;
     EXPECT_FALSE(import(blob, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported RSA key size"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported RSA key size"));
     EXPECT_EQ(key, 0x77u) << "the handle is not touched";
 }
 
@@ -259,10 +263,10 @@ TEST_F(SimpleBlobTest, SessionKeyIsUnwrappedBigEndianOnTheToken) {
     EXPECT_EQ(std::vector<unsigned char>(key->symmetricKey, key->symmetricKey + 32), session);
     EXPECT_EQ(key->algId, 10u);
     EXPECT_EQ(key->inMemory, 1);
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("Input key id : ") + kExchangeId));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Output key id : 00000000000000000000000000000000"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "SIMPLEBLOB imported successfully (AES)"));
-    EXPECT_FALSE(hasLogLine("ERROR", "SIMPLEBLOB decryption failed"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("Input key id : ") + kExchangeId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Output key id : 00000000000000000000000000000000"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "SIMPLEBLOB imported successfully (AES)"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "SIMPLEBLOB decryption failed"));
     EXPECT_EQ(fake::countCalls("calyth_importAesKey"), 0u) << "the session key stays off the token";
 }
 
@@ -296,7 +300,7 @@ TEST_F(SimpleBlobTest, SessionKeyThatOnlyDecryptsLittleEndianStillImports) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[0].args[2], fake::hex(reversed(encryptedLE)));
     EXPECT_EQ(calls[1].args[2], fake::hex(encryptedLE));
-    EXPECT_TRUE(hasLogLine("ERROR", "SIMPLEBLOB decryption failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "SIMPLEBLOB decryption failed"));
     const KEY_HANDLE* key = keyHandleFrom(handle);
     EXPECT_EQ(std::vector<unsigned char>(key->symmetricKey, key->symmetricKey + key->symmetricKeyLength),
               session);
@@ -308,7 +312,7 @@ TEST_F(SimpleBlobTest, SessionKeyThatDecryptsInNeitherOrderFailsWithNteFail) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(simpleBlob(CALG_AES_128, counting(256, 1)), &handle, unwrapKey_));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "SIMPLEBLOB decryption failed (both orderings)"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "SIMPLEBLOB decryption failed (both orderings)"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 2u);
 }
 
@@ -323,7 +327,7 @@ TEST_F(SimpleBlobTest, Aes192SessionKeyIsRejectedAfterDecryption) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(simpleBlob(CALG_AES_192, counting(24, 1)), &handle, unwrapKey_));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported algorithm for SIMPLEBLOB: 26127"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported algorithm for SIMPLEBLOB: 26127"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 1u);
 }
 
@@ -331,7 +335,7 @@ TEST_F(SimpleBlobTest, UnwrappingNeedsAKeyHandle) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(simpleBlob(CALG_AES_128, counting(256, 1)), &handle, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(hasLogLine("ERROR", "SIMPLEBLOB requires public key handle"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "SIMPLEBLOB requires public key handle"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 0u);
 }
 
@@ -367,7 +371,7 @@ TEST_F(ImportTest, PlainTextAesKeyIsStoredOnTheToken) {
     EXPECT_EQ(key->algId, static_cast<uint32_t>(CALG_AES_128));
     EXPECT_EQ(key->symmetricKeyLength, 16);
     EXPECT_EQ(std::vector<unsigned char>(key->symmetricKey, key->symmetricKey + 16), aes);
-    EXPECT_TRUE(hasLogLine("DEBUG", "PLAINTEXTKEYBLOB imported successfully (AES)"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "PLAINTEXTKEYBLOB imported successfully (AES)"));
 }
 
 TEST_F(ImportTest, PlainTextAes256KeyIsType10) {
@@ -384,7 +388,7 @@ TEST_F(ImportTest, PlainTextAes192KeyFailsWithBadAlgid) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(plainTextBlob(CALG_AES_192, counting(24, 1)), &handle));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported algorithm for PLAINTEXTKEYBLOB: 26127"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported algorithm for PLAINTEXTKEYBLOB: 26127"));
     EXPECT_EQ(fake::countCalls("calyth_importAesKey"), 0u);
 }
 
@@ -393,7 +397,7 @@ TEST_F(ImportTest, PlainTextKeyRefusedByTheTokenFailsWithBadType) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(plainTextBlob(CALG_AES_128, counting(16, 1)), &handle));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(hasLogLine("ERROR", "PLAINTEXTKEYBLOB import failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "PLAINTEXTKEYBLOB import failed"));
     EXPECT_EQ(handle, 0u);
 }
 
@@ -430,14 +434,15 @@ TEST_F(ImportTest, WrappedKeyIsUnwrappedByTheFirstAesKeyThatCan) {
                                                          fake::hex(wrapped), "24", "false", "null", "0"}));
     EXPECT_EQ(unwraps[1].args[0], "A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2");
     EXPECT_EQ(unwraps[1].args[4], "true");
-    EXPECT_TRUE(hasLogLine("DEBUG", "SYMMETRICWRAPKEYBLOB: wrapped key length = 24"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Successfully unwrapped key with KEK: A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "SYMMETRICWRAPKEYBLOB: wrapped key length = 24"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "Successfully unwrapped key with KEK: A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2A2"));
 
     std::vector<unsigned char> unwrapped(wrapped.begin() + 8, wrapped.end());
     auto imports = fake::callsTo("calyth_importAesKey");
     ASSERT_EQ(imports.size(), 1u);
     EXPECT_EQ(imports[0].args, (std::vector<std::string>{"1234", fake::hex(unwrapped), "16", "8"}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "SYMMETRICWRAPKEYBLOB imported successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "SYMMETRICWRAPKEYBLOB imported successfully"));
     EXPECT_EQ(keyHandleFrom(handle)->algId, static_cast<uint32_t>(CALG_AES_128));
 }
 
@@ -457,7 +462,8 @@ TEST_F(ImportTest, WrappedKeyThatNoKeyUnwrapsFailsWithBadKey) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(wrapBlob(CALG_AES_128, counting(24, 1)), &handle));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK"));
     EXPECT_EQ(fake::countCalls("calyth_importAesKey"), 0u);
 }
 
@@ -474,7 +480,7 @@ TEST_F(ImportTest, UnwrappedKeyRefusedByTheTokenFailsWithBadType) {
     HCRYPTKEY handle = 0;
     EXPECT_FALSE(import(wrapBlob(CALG_AES_128, counting(24, 1)), &handle));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-    EXPECT_TRUE(hasLogLine("ERROR", "Import of unwrapped AES key failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Import of unwrapped AES key failed"));
 }
 
 }  // namespace

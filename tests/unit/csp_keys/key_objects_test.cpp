@@ -23,8 +23,8 @@ TEST_F(GenKeyTest, SignatureKeyWithoutSizeFailsWithBadLen) {
     EXPECT_FALSE(CPGenKey(prov(), AT_SIGNATURE, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_LEN));
     EXPECT_EQ(key, 0u) << "the handle is cleared before anything is checked";
-    EXPECT_TRUE(hasLogLine("DEBUG", "rsa sign"));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported Length2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "rsa sign"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported Length2"));
     EXPECT_EQ(fake::countCalls("calyth_generateKeyPair"), 0u);
 }
 
@@ -32,8 +32,8 @@ TEST_F(GenKeyTest, ExchangeKeyWithoutSizeFailsWithBadLen) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPGenKey(prov(), AT_KEYEXCHANGE, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_LEN));
-    EXPECT_TRUE(hasLogLine("DEBUG", "key exhange"));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported Length1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "key exhange"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported Length1"));
 }
 
 TEST_F(GenKeyTest, SignatureKeyWithSizeInUpperFlagBitsStoresBitsAndAlgid2) {
@@ -43,7 +43,7 @@ TEST_F(GenKeyTest, SignatureKeyWithSizeInUpperFlagBitsStoresBitsAndAlgid2) {
     EXPECT_EQ(getDword(key, KP_KEYLEN), 2048u);
     EXPECT_EQ(getDword(key, KP_ALGID), 2u);
     EXPECT_EQ(keyHandleFrom(key)->keyUsage, 1);
-    EXPECT_TRUE(hasLogLine("DEBUG", "Key generated successfully, Algid=2 bits=2048"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Key generated successfully, Algid=2 bits=2048"));
 }
 
 TEST_F(GenKeyTest, RsaKeyExchangeWithoutSizeDefaultsTo2048) {
@@ -53,8 +53,8 @@ TEST_F(GenKeyTest, RsaKeyExchangeWithoutSizeDefaultsTo2048) {
     EXPECT_EQ(keyHandleFrom(key)->bits, 2048u);
     EXPECT_EQ(keyHandleFrom(key)->keyUsage, 2);
     EXPECT_EQ(getDword(key, KP_ALGID), static_cast<DWORD>(CALG_RSA_KEYX));
-    EXPECT_TRUE(hasLogLine("DEBUG", "key exhange"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Key generated successfully, Algid=41984 bits=2048"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "key exhange"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Key generated successfully, Algid=41984 bits=2048"));
 }
 
 TEST_F(GenKeyTest, RsaSignWithExplicitSizeKeepsTheGivenSizeAndSendsNoSize) {
@@ -63,7 +63,7 @@ TEST_F(GenKeyTest, RsaSignWithExplicitSizeKeepsTheGivenSizeAndSendsNoSize) {
     keep(key);
     EXPECT_EQ(keyHandleFrom(key)->bits, 1024u);
     EXPECT_EQ(keyHandleFrom(key)->keyUsage, 1);
-    EXPECT_TRUE(hasLogLine("DEBUG", "rsa sign"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "rsa sign"));
     // serial SN1, validated PIN, a request with no size code, no usage, no label.
     auto calls = fake::callsTo("calyth_generateKeyPair");
     ASSERT_EQ(calls.size(), 1u);
@@ -117,7 +117,7 @@ TEST_F(GenKeyTest, EmptyContainerNameRecordsNoContainerEntry) {
 TEST_F(GenKeyTest, NullHandlePointerFailsWithInvalidParameter) {
     EXPECT_FALSE(CPGenKey(prov(), CALG_RSA_KEYX, 0, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGenKey: phKey is NULL"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGenKey: phKey is NULL"));
 }
 
 TEST_F(GenKeyTest, NullOrUninitialisedContextFailsWithBadUid) {
@@ -127,14 +127,14 @@ TEST_F(GenKeyTest, NullOrUninitialisedContextFailsWithBadUid) {
     context_.initialized = false;
     EXPECT_FALSE(CPGenKey(prov(), CALG_RSA_KEYX, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "Invalid CSP context"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Invalid CSP context"));
 }
 
 TEST_F(GenKeyTest, UnsupportedAlgorithmFailsWithBadAlgid) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPGenKey(prov(), CALG_AES_128, 0x00800000, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
-    EXPECT_TRUE(hasLogLine("ERROR", "Unsupported algorithm26126"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Unsupported algorithm26126"));
     EXPECT_EQ(fake::countCalls("calyth_generateKeyPair"), 0u);
 }
 
@@ -144,7 +144,7 @@ TEST_F(GenKeyTest, FailedPinCheckKeepsTheErrorOfThePinCheck) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPGenKey(prov(), CALG_RSA_KEYX, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_SILENT_CONTEXT));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGenKey: ensurePasswordValidated failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGenKey: ensurePasswordValidated failed"));
     EXPECT_EQ(fake::countCalls("calyth_generateKeyPair"), 0u);
     EXPECT_EQ(key, 0u);
 }
@@ -155,7 +155,7 @@ TEST_F(GenKeyTest, DeviceFailureBecomesKeysetStorageFull) {
     context_.containerName = "unchanged";
     EXPECT_FALSE(CPGenKey(prov(), CALG_RSA_KEYX, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_TOKEN_KEYSET_STORAGE_FULL));
-    EXPECT_TRUE(hasLogLine("ERROR", "RSA Keypair Generation Failed, code=5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "RSA Keypair Generation Failed, code=5"));
     EXPECT_EQ(key, 0u);
     EXPECT_EQ(context_.containerName, "unchanged");
 }
@@ -179,9 +179,10 @@ TEST_F(GetUserKeyTest, SignatureWithEmptyContainerTakesFirstKeyWithAnyUsage) {
     EXPECT_EQ(idOf(key), kSignId);
     EXPECT_EQ(keyHandleFrom(key)->algId, static_cast<uint32_t>(CALG_RSA_SIGN));
     EXPECT_EQ(keyHandleFrom(key)->bits, 1024u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetUserKey -> dwKeySpec : 2"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Sign key found"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetUserKey: algo=9216 keyUsage=1 bits=1024, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetUserKey -> dwKeySpec : 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Sign key found"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "CPGetUserKey: algo=9216 keyUsage=1 bits=1024, return TRUE"));
 }
 
 TEST_F(GetUserKeyTest, SignatureAcceptsAnExchangeKeyWhenItComesFirst) {
@@ -199,7 +200,7 @@ TEST_F(GetUserKeyTest, KeyExchangeSkipsSignatureOnlyKeys) {
     EXPECT_EQ(idOf(key), kExchangeId);
     EXPECT_EQ(keyHandleFrom(key)->algId, static_cast<uint32_t>(CALG_RSA_KEYX));
     EXPECT_EQ(keyHandleFrom(key)->bits, 2048u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "Encryption key found"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Encryption key found"));
 }
 
 TEST_F(GetUserKeyTest, CopiesTheKeyPairFields) {
@@ -224,8 +225,8 @@ TEST_F(GetUserKeyTest, KeySpecThreeWithoutQueriedContainerFailsWithBadKey) {
     HCRYPTKEY key = 0x99;
     EXPECT_FALSE(CPGetUserKey(prov(), 3, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "CPGetUserKey: requested key not found, dwKeySpec=3 container=, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "CPGetUserKey: requested key not found, dwKeySpec=3 container=, return FALSE"));
     EXPECT_EQ(key, 0x99u) << "nothing is handed out on failure";
 }
 
@@ -234,7 +235,7 @@ TEST_F(GetUserKeyTest, KeySpecThreeWithQueriedContainerTakesTheFirstKeyAsSignatu
     HCRYPTKEY key = userKey(3);
     ASSERT_NE(key, 0u);
     EXPECT_EQ(idOf(key), kSignId);
-    EXPECT_TRUE(hasLogLine("DEBUG", "Sign key found"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Sign key found"));
 }
 
 TEST_F(GetUserKeyTest, ContainerNameSelectsExactlyThatKey) {
@@ -243,7 +244,7 @@ TEST_F(GetUserKeyTest, ContainerNameSelectsExactlyThatKey) {
     ASSERT_NE(key, 0u);
     EXPECT_EQ(idOf(key), kBothId);
     EXPECT_EQ(keyHandleFrom(key)->bits, 3072u);
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("CPGetUserKey - Container name : ") + kBothId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("CPGetUserKey - Container name : ") + kBothId));
 }
 
 TEST_F(GetUserKeyTest, ContainerNameComparisonIsCaseSensitive) {
@@ -259,9 +260,9 @@ TEST_F(GetUserKeyTest, SignatureKeyUsageOnlyDoesNotServeKeyExchange) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPGetUserKey(prov(), AT_KEYEXCHANGE, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(
-        hasLogLine("ERROR", std::string("CPGetUserKey: requested key not found, dwKeySpec=1 container=") +
-                                kSignId + ", return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", std::string("CPGetUserKey: requested key not found, dwKeySpec=1 container=") + kSignId +
+                     ", return FALSE"));
 }
 
 TEST_F(GetUserKeyTest, EllipticCurveSignatureKeyReportsEcdsa) {
@@ -286,7 +287,7 @@ TEST_F(GetUserKeyTest, EmptyKeyListFailsWithNoKey) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPGetUserKey(prov(), AT_SIGNATURE, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NO_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetUserKey: key list is empty"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetUserKey: key list is empty"));
 }
 
 TEST_F(GetUserKeyTest, NullArgumentsAndUninitialisedContext) {
@@ -295,11 +296,11 @@ TEST_F(GetUserKeyTest, NullArgumentsAndUninitialisedContext) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
     EXPECT_FALSE(CPGetUserKey(0, AT_SIGNATURE, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetUserKey: phUserKey or hProv is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetUserKey: phUserKey or hProv is null"));
     context_.initialized = false;
     EXPECT_FALSE(CPGetUserKey(prov(), AT_SIGNATURE, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetUserKey: context is not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetUserKey: context is not initialized"));
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 0u);
 }
 
@@ -317,10 +318,10 @@ TEST_F(DestroyAndDeriveTest, DestroyKeyChecksContextThenHandle) {
     KEY_HANDLE* key = allocateKeyHandle();
     EXPECT_FALSE(CPDestroyKey(0, handleOf(key)));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDestroyKey: invalid or uninitialized context"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDestroyKey: invalid or uninitialized context"));
     EXPECT_FALSE(CPDestroyKey(prov(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDestroyKey: pKeyHandle is NULL"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDestroyKey: pKeyHandle is NULL"));
     EXPECT_TRUE(CPDestroyKey(prov(), handleOf(key)));
     EXPECT_TRUE(fake::calls().empty()) << "the token's key is not touched";
 }
@@ -329,8 +330,8 @@ TEST_F(DestroyAndDeriveTest, DeriveKeyIsNotSupported) {
     HCRYPTKEY key = 0;
     EXPECT_FALSE(CPDeriveKey(prov(), CALG_AES_128, 0, 0, &key));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_SUPPORTED));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPDeriveKey"));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPDeriveKey: not supported"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPDeriveKey"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPDeriveKey: not supported"));
 }
 
 }  // namespace

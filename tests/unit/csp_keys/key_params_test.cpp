@@ -30,7 +30,7 @@ TEST_F(KeyParamTest, AlgidWithZeroLengthAndBufferIsASizeQuery) {
     EXPECT_TRUE(CPGetKeyParam(prov(), key, KP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(length, 4u);
     EXPECT_EQ(value, 0xDEADBEEFu) << "a size query writes nothing";
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: KP_ALGID size query, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam: KP_ALGID size query, return TRUE"));
 }
 
 TEST_F(KeyParamTest, ModeWithZeroLengthAndBufferIsTooSmall) {
@@ -41,7 +41,7 @@ TEST_F(KeyParamTest, ModeWithZeroLengthAndBufferIsTooSmall) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 4u);
     EXPECT_EQ(value, 0xDEADBEEFu);
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: KP_MODE buffer too small, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetKeyParam: KP_MODE buffer too small, return FALSE"));
 }
 
 TEST_F(KeyParamTest, ModeWithoutBufferIsASizeQuery) {
@@ -49,16 +49,16 @@ TEST_F(KeyParamTest, ModeWithoutBufferIsASizeQuery) {
     DWORD length = 0;
     EXPECT_TRUE(CPGetKeyParam(prov(), key, KP_MODE, nullptr, &length, 0));
     EXPECT_EQ(length, 4u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: KP_MODE size query, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam: KP_MODE size query, return TRUE"));
 }
 
 TEST_F(KeyParamTest, ModeStartsAsCbcAndFollowsSetKeyParam) {
     HCRYPTKEY key = keyFor(kExchangeId, AT_KEYEXCHANGE);
     EXPECT_EQ(getDword(key, KP_MODE), static_cast<DWORD>(CRYPT_MODE_CBC));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam - KP_MODE = 1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam - KP_MODE = 1"));
     DWORD ecb = CRYPT_MODE_ECB;
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_MODE, reinterpret_cast<const BYTE*>(&ecb), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_MODE = 2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_MODE = 2"));
     EXPECT_EQ(getDword(key, KP_MODE), static_cast<DWORD>(CRYPT_MODE_ECB));
 }
 
@@ -82,12 +82,14 @@ TEST_F(KeyParamTest, DwordParametersFailWithMoreDataOnOneToThreeBytes) {
         EXPECT_FALSE(CPGetKeyParam(prov(), key, param, reinterpret_cast<BYTE*>(&value), &length, 0)) << name;
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA)) << name;
         EXPECT_EQ(length, 4u) << name;
-        EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: " + name + " buffer too small, return FALSE"))
+        EXPECT_TRUE(
+            testsupport::logHasLine("ERROR", "CPGetKeyParam: " + name + " buffer too small, return FALSE"))
             << name;
         length = 0;
         EXPECT_TRUE(CPGetKeyParam(prov(), key, param, nullptr, &length, 0)) << name;
         EXPECT_EQ(length, 4u) << name;
-        EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: " + name + " size query, return TRUE")) << name;
+        EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam: " + name + " size query, return TRUE"))
+            << name;
     }
 }
 
@@ -96,10 +98,10 @@ TEST_F(KeyParamTest, KeyLengthAndBlockLengthAreTheKeyBits) {
     EXPECT_EQ(getDword(key, KP_KEYLEN), 4096u);
     EXPECT_EQ(getDword(key, KP_BLOCKLEN), 4096u);
     EXPECT_EQ(getDword(key, KP_ALGID), static_cast<DWORD>(CALG_RSA_SIGN));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam - copying alg id : 9216"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: return TRUE"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam - dwparam : 9"));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("CPGetKeyParam - key id : ") + kBothId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam - copying alg id : 9216"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam: return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam - dwparam : 9"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("CPGetKeyParam - key id : ") + kBothId));
 }
 
 TEST_F(KeyParamTest, IvAndPaddingAndUnknownParametersAreNotReadable) {
@@ -109,7 +111,7 @@ TEST_F(KeyParamTest, IvAndPaddingAndUnknownParametersAreNotReadable) {
         DWORD length = 4;
         EXPECT_FALSE(CPGetKeyParam(prov(), key, param, reinterpret_cast<BYTE*>(&value), &length, 0));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_TYPE));
-        EXPECT_TRUE(hasLogLine(
+        EXPECT_TRUE(testsupport::logHasLine(
             "ERROR", "CPGetKeyParam: unsupported dwParam=" + std::to_string(param) + ", return FALSE"));
     }
 }
@@ -120,10 +122,10 @@ TEST_F(KeyParamTest, GetKeyParamChecksContextThenKey) {
     DWORD length = 4;
     EXPECT_FALSE(CPGetKeyParam(0, key, KP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: context is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetKeyParam: context is null or not initialized"));
     EXPECT_FALSE(CPGetKeyParam(prov(), 0, KP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetKeyParam: key handle is null"));
     context_.initialized = false;
     EXPECT_FALSE(CPGetKeyParam(prov(), key, KP_ALGID, reinterpret_cast<BYTE*>(&value), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
@@ -155,11 +157,12 @@ TEST_F(KeyParamTest, CertificateIsFoundByLabel) {
     DWORD length = 0;
     EXPECT_TRUE(CPGetKeyParam(prov(), key, KP_CERTIFICATE, nullptr, &length, 0));
     EXPECT_EQ(length, mine.size());
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: KP_CERTIFICATE size query, len=6, return TRUE"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "CPGetKeyParam: KP_CERTIFICATE size query, len=6, return TRUE"));
     std::vector<unsigned char> out(length);
     EXPECT_TRUE(CPGetKeyParam(prov(), key, KP_CERTIFICATE, out.data(), &length, 0));
     EXPECT_EQ(out, mine);
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPGetKeyParam: KP_CERTIFICATE copied, len=6, return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPGetKeyParam: KP_CERTIFICATE copied, len=6, return TRUE"));
 
     auto init = fake::callsTo("calyth_initDevice");
     ASSERT_EQ(init.size(), 2u);
@@ -193,7 +196,8 @@ TEST_F(KeyParamTest, CertificateShortBufferFailsWithMoreDataAndTheLength) {
     EXPECT_FALSE(CPGetKeyParam(prov(), key, KP_CERTIFICATE, out.data(), &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 300u);
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: KP_CERTIFICATE buffer too small, return FALSE"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPGetKeyParam: KP_CERTIFICATE buffer too small, return FALSE"));
 }
 
 TEST_F(KeyParamTest, MissingCertificateFailsWithNotFound) {
@@ -202,7 +206,7 @@ TEST_F(KeyParamTest, MissingCertificateFailsWithNotFound) {
     DWORD length = 0;
     EXPECT_FALSE(CPGetKeyParam(prov(), key, KP_CERTIFICATE, nullptr, &length, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_NOT_FOUND));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE"));
 }
 
 // --- CPSetKeyParam ------------------------------------------------------------------------------
@@ -211,12 +215,12 @@ TEST_F(KeyParamTest, SetKeyParamLogsItsInputs) {
     HCRYPTKEY key = keyFor(kExchangeId, AT_KEYEXCHANGE);
     DWORD value = 1;
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_PERMISSIONS, reinterpret_cast<const BYTE*>(&value), 5));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("Set key param key id : ") + kExchangeId));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Set key param  dwParam : 6"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Set key param  dwFlags : 5"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Set key param key algo : 41984"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_PERMISSIONS = 1"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("Set key param key id : ") + kExchangeId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set key param  dwParam : 6"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set key param  dwFlags : 5"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Set key param key algo : 41984"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_PERMISSIONS = 1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: return TRUE"));
     EXPECT_EQ(getDword(key, KP_PERMISSIONS), static_cast<DWORD>(CRYPT_DECRYPT)) << "nothing is stored";
 }
 
@@ -224,15 +228,15 @@ TEST_F(KeyParamTest, UnknownParameterIsAcceptedAndLogged) {
     HCRYPTKEY key = keyFor(kExchangeId, AT_KEYEXCHANGE);
     DWORD value = 0;
     EXPECT_TRUE(CPSetKeyParam(prov(), key, 99, reinterpret_cast<const BYTE*>(&value), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: unhandled dwParam=99"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: unhandled dwParam=99"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: return TRUE"));
 }
 
 TEST_F(KeyParamTest, PaddingIsLoggedOnly) {
     HCRYPTKEY key = keyFor(kExchangeId, AT_KEYEXCHANGE);
     DWORD padding = PKCS5_PADDING;
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_PADDING, reinterpret_cast<const BYTE*>(&padding), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_PADDING = 1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_PADDING = 1"));
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_MODE, nullptr, 0)) << "a missing value is ignored";
     EXPECT_EQ(getDword(key, KP_MODE), static_cast<DWORD>(CRYPT_MODE_CBC));
 }
@@ -268,10 +272,10 @@ TEST_F(KeyParamTest, SetKeyParamChecksContextThenKey) {
     DWORD value = 0;
     EXPECT_FALSE(CPSetKeyParam(0, key, KP_MODE, reinterpret_cast<const BYTE*>(&value), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_UID));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: context is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetKeyParam: context is null or not initialized"));
     EXPECT_FALSE(CPSetKeyParam(prov(), 0, KP_MODE, reinterpret_cast<const BYTE*>(&value), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetKeyParam: key handle is null"));
 }
 
 // --- KP_CERTIFICATE store ---------------------------------------------------------------------
@@ -297,7 +301,8 @@ TEST_F(KeyParamTest, CertificateWithFourByteLengthFormFailsWithBadData) {
     std::vector<unsigned char> der = bytesOf({0x30, 0x84, 0x00, 0x00, 0x01, 0x00});
     EXPECT_FALSE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, der.data(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding"));
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 0u);
 }
 
@@ -306,14 +311,15 @@ TEST_F(KeyParamTest, CertificateNotStartingWithSequenceFailsWithBadData) {
     std::vector<unsigned char> der = bytesOf({0x31, 0x03, 0x01, 0x01, 0x00});
     EXPECT_FALSE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, der.data(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_DATA));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE invalid DER (not a SEQUENCE)"));
 }
 
 TEST_F(KeyParamTest, NullCertificateFailsWithInvalidParameter) {
     HCRYPTKEY key = keyFor(kExchangeId, AT_KEYEXCHANGE);
     EXPECT_FALSE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, nullptr, 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE pbData is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE pbData is null"));
 }
 
 TEST_F(KeyParamTest, CertificateLengthComesFromTheDerHeaderAndTheRecordCarriesTheKey) {
@@ -324,9 +330,9 @@ TEST_F(KeyParamTest, CertificateLengthComesFromTheDerHeaderAndTheRecordCarriesTh
     std::vector<unsigned char> der(buffer.begin(), buffer.begin() + 1300);
     fake::registerCertificate(der, leafDetails());
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, buffer.data(), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=1300"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE imported successfully"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: return TRUE"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=1300"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE imported successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: return TRUE"));
 
     auto imports = fake::callsTo("calyth_importCertificate");
     ASSERT_EQ(imports.size(), 1u);
@@ -347,11 +353,11 @@ TEST_F(KeyParamTest, CertificateShortAndOneByteLengthForms) {
     std::vector<unsigned char> shortForm = derBlob(bytesOf({0x30, 0x10}), 18);
     fake::registerCertificate(shortForm, leafDetails());
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, shortForm.data(), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=18"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=18"));
     std::vector<unsigned char> oneByte = derBlob(bytesOf({0x30, 0x81, 0x90}), 0x93);
     fake::registerCertificate(oneByte, leafDetails());
     EXPECT_TRUE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, oneByte.data(), 0));
-    EXPECT_TRUE(hasLogLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=147"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "CPSetKeyParam: KP_CERTIFICATE DER length=147"));
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 2u);
 }
 
@@ -363,7 +369,7 @@ TEST_F(KeyParamTest, CertificateImportFailureBecomesNteFail) {
     fake::failNext("calyth_importCertificate", 7);
     EXPECT_FALSE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, der.data(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE import failed ret=7"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE import failed ret=7"));
 }
 
 TEST_F(KeyParamTest, CertificateWithoutPinLogsInFirstAndFailsWhenLoginFails) {
@@ -372,8 +378,8 @@ TEST_F(KeyParamTest, CertificateWithoutPinLogsInFirstAndFailsWhenLoginFails) {
     std::vector<unsigned char> der = derBlob(bytesOf({0x30, 0x10}), 18);
     EXPECT_FALSE(CPSetKeyParam(prov(), key, KP_CERTIFICATE, der.data(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_FAIL));
-    EXPECT_TRUE(hasLogLine("DEBUG", "loginUser: enter"));
-    EXPECT_TRUE(hasLogLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE login failed"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "loginUser: enter"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "CPSetKeyParam: KP_CERTIFICATE login failed"));
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 0u);
 }
 

@@ -16,6 +16,7 @@
 #include "token/csp_context.h"
 #include "token/process_state.h"
 #include "token/token_table.h"
+#include "unit/csp/csp_fixture.h"
 
 namespace paramtest {
 
@@ -26,9 +27,7 @@ constexpr const char* kKeyC = "C0C1C2C3C4C5C6C7C8C9CACBCCCDCECF";
 
 inline CspContext tokenContext(const std::string& container = "", std::vector<std::string> keyIds = {}) {
     CspContext context;
-    context.initialized = true;
-    context.keysetType = CSP_KEYSET_TYPE;
-    context.serialNumber = kSerial;
+    csptest::openOnToken(context, kSerial);
     context.containerName = container;
     context.keyIds = std::move(keyIds);
     return context;
@@ -46,19 +45,6 @@ inline HCRYPTPROV handleOf(CspContext& context) {
     return reinterpret_cast<HCRYPTPROV>(&context);
 }
 
-class ParamTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        fake::reset();
-        resetTokenTableForTests();
-        g_useHardwareRng = true;
-        // The log makes its folders over its first calls and writes from the third call on.
-        static const bool logReady =
-            (logDebug("log warm-up"), logDebug("log warm-up"), logDebug("log warm-up"), true);
-        (void)logReady;
-        testsupport::clearLog();
-    }
-    void TearDown() override { g_useHardwareRng = true; }
-};
+class ParamTest : public csptest::CspTest {};
 
 }  // namespace paramtest

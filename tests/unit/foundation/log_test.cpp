@@ -365,6 +365,20 @@ TEST_F(Log, WriteLogUsesTheTagOfItsLevel) {
     EXPECT_THAT(log, testing::HasSubstr("-> ->INFO  ::=>minus one\n"));
 }
 
+TEST_F(Log, TheTestReadersNameEveryLevelAsTheLogDoes) {
+    writeLog(1, "one");
+    writeLog(2, "two");
+    writeLog(3, "three");
+    writeLog(0, "zero");
+    EXPECT_TRUE(testsupport::logHasLine("EXCEP", "one"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "two"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "three"));
+    EXPECT_TRUE(testsupport::logHasLine("INFO", "zero"));
+    EXPECT_FALSE(testsupport::logHasLine("INFO", "one"));
+    EXPECT_THAT(testsupport::logMessagesAt("INFO"), ElementsAre("zero"));
+    EXPECT_THAT(testsupport::logEntries(), ElementsAre("EXCEP:one", "ERROR:two", "DEBUG:three", "INFO:zero"));
+}
+
 TEST_F(Log, WriteLogDoesNotTestTheLevelAgain) {
     testsupport::setLogLevel(0);
     writeLog(3, "written anyway");
@@ -595,6 +609,9 @@ TEST(LogHelpers, MutexHookIsUnsetAndLockedAroundTheWriteWhenSet) {
         logError("waits for the mutex");
         done = true;
     });
+    // The subject is a duration: the writer stays blocked for as long as the mutex is held, here
+    // 200 ms. Load can only make a writer that does not wait look like one that does, never fail
+    // a correct one.
     Sleep(200);
     bool writtenWhileLocked = done || testsupport::logContains("waits for the mutex");
     mutex.unlock();

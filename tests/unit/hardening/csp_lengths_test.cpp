@@ -64,7 +64,8 @@ TEST_F(CspLengths, EncryptWithAKeySmallerThanTheTokensWritesNothingPastTheCaller
     EXPECT_FALSE(encrypt(key, 64, &buffer, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(length, 512u);
-    EXPECT_TRUE(hasLogLine("ERROR", "CPEncrypt: buffer too small, cbBufLen=64 requiredSize=512"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "CPEncrypt: buffer too small, cbBufLen=64 requiredSize=512"));
     EXPECT_TRUE(untouchedFrom(buffer, 20));
 
     ASSERT_TRUE(encrypt(key, 512, &buffer, &length));
@@ -348,7 +349,7 @@ TEST_F(CspLengths, ChainExportParsesNoRecordPastItsField) {
     DWORD length = 0;
     EXPECT_FALSE(BuildCertificateChain(chain, nullptr, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_KEY));
-    EXPECT_TRUE(hasLogLine("ERROR", "Failed creating leaf certificate"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "Failed creating leaf certificate"));
 }
 
 // After the import the key pair with the leaf's public key gets the label; a key pair whose public

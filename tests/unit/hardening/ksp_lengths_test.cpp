@@ -160,8 +160,8 @@ TEST_F(KspLengths, KeyPairRecordLengthsAndLabelsAreHeldToTheObjectsFields) {
     ASSERT_NE(key, 0u);
     EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 0u)
         << "a public key too long for the object is not cut short";
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "KSP: Public key from the token too long for the key object, length=100000"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSP: Public key from the token too long for the key object, length=100000"));
     EXPECT_EQ(kspKeyFrom(key)->linkIdLength, KSP_LINK_ID_ROOM);
     EXPECT_EQ(std::string(kspKeyFrom(key)->label), std::string(KSP_LABEL_CHARACTERS, 'K'));
 }

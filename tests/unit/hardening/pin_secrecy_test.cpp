@@ -10,13 +10,13 @@
 
 #include "both_front_ends.h"
 #include "csp/csp_entry_points.h"
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 #include "support/test_support.h"
 #include "token/token_table.h"
 #include "util/utils.h"
 
 using namespace hardening;
-using namespace access_test;
+using namespace testsupport;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 

@@ -16,14 +16,6 @@ std::wstring wide(const std::string& text) {
     return std::wstring(text.begin(), text.end());
 }
 
-bool hasLogLine(const std::string& level, const std::string& message) {
-    return testsupport::logHasLine(level, message);
-}
-
-std::vector<std::string> logLinesAt(const std::string& level) {
-    return testsupport::logMessagesAt(level);
-}
-
 void KspTest::SetUp() {
     fake::reset();
     resetTokenTableForTests();

@@ -13,6 +13,7 @@
 #include "fake_device/fake_device.h"
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
+#include "support/test_support.h"
 
 namespace ksptest {
 
@@ -22,10 +23,6 @@ extern const char* const kRsaExchangeId;  // usage 2, RSA-2048, label "rsa-excha
 extern const char* const kEcSignId;       // usage 1, P-256, label "ec-sign"
 
 std::wstring wide(const std::string& text);
-// True when the log holds a line at `level` ("DEBUG", "ERROR") with exactly `message`.
-bool hasLogLine(const std::string& level, const std::string& message);
-// Messages of all log lines at that level, in order.
-std::vector<std::string> logLinesAt(const std::string& level);
 
 class KspTest : public ::testing::Test {
 protected:

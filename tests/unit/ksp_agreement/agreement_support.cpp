@@ -77,20 +77,4 @@ NCRYPT_SECRET_HANDLE makeSecret(const Bytes& secret, KspProvider* provider) {
     return reinterpret_cast<NCRYPT_SECRET_HANDLE>(made);
 }
 
-PageEnd::PageEnd(size_t size) {
-    SYSTEM_INFO info;
-    GetSystemInfo(&info);
-    size_t page = info.dwPageSize;
-    size_t pages = (size + page - 1) / page + 1;
-    base_ = static_cast<unsigned char*>(
-        VirtualAlloc(nullptr, pages * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-    DWORD old = 0;
-    VirtualProtect(base_ + (pages - 1) * page, page, PAGE_NOACCESS, &old);
-    data_ = base_ + (pages - 1) * page - size;
-}
-
-PageEnd::~PageEnd() {
-    VirtualFree(base_, 0, MEM_RELEASE);
-}
-
 }  // namespace agreementtest

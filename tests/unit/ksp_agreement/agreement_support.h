@@ -38,19 +38,4 @@ private:
 // A secret record as KSPSecretAgreement leaves it; released with KSPFreeSecret by the caller.
 NCRYPT_SECRET_HANDLE makeSecret(const Bytes& secret, KspProvider* provider);
 
-// `size` bytes that end exactly where an inaccessible page begins: reading one byte past them
-// faults and ends the program.
-class PageEnd {
-public:
-    explicit PageEnd(size_t size);
-    ~PageEnd();
-    PageEnd(const PageEnd&) = delete;
-    PageEnd& operator=(const PageEnd&) = delete;
-    unsigned char* data() { return data_; }
-
-private:
-    unsigned char* base_ = nullptr;
-    unsigned char* data_ = nullptr;
-};
-
 }  // namespace agreementtest

@@ -13,7 +13,6 @@ using agreementtest::Bytes;
 using agreementtest::bytesOf;
 using agreementtest::concat;
 using agreementtest::ParameterList;
-using ksptest::hasLogLine;
 
 class DeriveKey : public ksptest::KspTest {
 protected:
@@ -56,8 +55,8 @@ TEST_F(DeriveKey, WithoutKdfNameHashesTheSecretWithSha256) {
     EXPECT_EQ(init[0].args, std::vector<std::string>{"3"});
     EXPECT_EQ(fake::countCalls("calyth_updateHash"), 1u);
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 1u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPDeriveKey"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPDeriveKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
 }
 
 TEST_F(DeriveKey, ConcatHashesAlgorithmIdPartyUAndSecret) {
@@ -152,7 +151,7 @@ TEST_F(DeriveKey, AskingMoreThanOneHashGivesOneHash) {
     ASSERT_EQ(derive(nullptr, nullptr, 64, &key), 0);
     EXPECT_EQ(result, 32u);
     EXPECT_EQ(key, bcryptDigest(L"SHA256", z));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
 }
 
 TEST_F(DeriveKey, AskingLessGivesTheFirstBytesOfTheHash) {
@@ -162,7 +161,7 @@ TEST_F(DeriveKey, AskingLessGivesTheFirstBytesOfTheHash) {
     Bytes full = bcryptDigest(L"SHA256", z);
     EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 16), Bytes(full.begin(), full.begin() + 16));
     EXPECT_EQ(Bytes(buffer.begin() + 16, buffer.end()), Bytes(48, 0xEE));  // nothing written past 16
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPDeriveKey: derived 16 bytes"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPDeriveKey: derived 16 bytes"));
 }
 
 TEST_F(DeriveKey, BufferWithZeroSizeIsTooSmallAfterReportingTheFullSize) {
@@ -171,7 +170,7 @@ TEST_F(DeriveKey, BufferWithZeroSizeIsTooSmallAfterReportingTheFullSize) {
               KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 32u);
     EXPECT_EQ(buffer, Bytes(64, 0xEE));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: output buffer too small"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: output buffer too small"));
 }
 
 TEST_F(DeriveKey, NullOutputIsASizeQueryAfterHashing) {
@@ -180,7 +179,7 @@ TEST_F(DeriveKey, NullOutputIsASizeQueryAfterHashing) {
     EXPECT_EQ(KSPDeriveKey(provider_, secret, nullptr, nullptr, nullptr, 20, &result, 0), 0);
     EXPECT_EQ(result, 20u);
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 2u);
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSPDeriveKey: derived 32 bytes"));
 }
 
 TEST_F(DeriveKey, SecretCanBeDerivedFromManyTimes) {
@@ -197,7 +196,8 @@ TEST_F(DeriveKey, NullSecretOrResultIsInvalidParameter) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPDeriveKey(provider_, secret, nullptr, nullptr, buffer.data(), 32, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"), std::vector<std::string>(2, "KSPDeriveKey: invalid parameter"));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
+              std::vector<std::string>(2, "KSPDeriveKey: invalid parameter"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
@@ -205,7 +205,7 @@ TEST_F(DeriveKey, EmptySecretIsInvalidHandle) {
     NCRYPT_SECRET_HANDLE empty = agreementtest::makeSecret({}, provider());
     DWORD size = 0;
     EXPECT_EQ(KSPDeriveKey(provider_, empty, nullptr, nullptr, nullptr, 0, &size, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: invalid secret handle"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: invalid secret handle"));
     EXPECT_EQ(KSPFreeSecret(provider_, empty), 0);
 }
 
@@ -215,7 +215,8 @@ TEST_F(DeriveKey, FirmwareGateUsesTheSecretsProvider) {
     Bytes buffer(32);
     EXPECT_EQ(KSPDeriveKey(newer, secret, nullptr, nullptr, buffer.data(), 32, &result, 0),
               KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: ECDH derive not supported on firmware 1.9.9"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPDeriveKey: ECDH derive not supported on firmware 1.9.9"));
     EXPECT_TRUE(fake::calls().empty());
     provider()->firmware = "2.0";
     kspProviderFrom(newer)->firmware = "1.0";
@@ -235,7 +236,7 @@ TEST_F(DeriveKey, InitHashFailureIsInternalError) {
     fake::failNext("calyth_initHash", 9);
     Bytes key;
     EXPECT_EQ(derive(nullptr, nullptr, 64, &key), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: calyth_initHash failed, ret=9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: calyth_initHash failed, ret=9"));
     EXPECT_EQ(result, 0xDEADu);
     EXPECT_EQ(key, Bytes(64, 0xEE));
 }
@@ -244,7 +245,7 @@ TEST_F(DeriveKey, UpdateHashFailureIsInternalError) {
     fake::failNext("calyth_updateHash", 10);
     Bytes key;
     EXPECT_EQ(derive(nullptr, nullptr, 64, &key), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: calyth_updateHash failed, ret=10"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: calyth_updateHash failed, ret=10"));
     EXPECT_EQ(fake::countCalls("calyth_finalHash"), 0u);
 }
 
@@ -252,7 +253,7 @@ TEST_F(DeriveKey, FinalHashFailureIsInternalError) {
     fake::failNext("calyth_finalHash", 11);
     Bytes key;
     EXPECT_EQ(derive(nullptr, nullptr, 64, &key), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: calyth_finalHash failed, ret=11"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: calyth_finalHash failed, ret=11"));
     EXPECT_EQ(result, 0xDEADu);
     EXPECT_EQ(key, Bytes(64, 0xEE));
 }

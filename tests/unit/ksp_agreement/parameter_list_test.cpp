@@ -5,6 +5,7 @@
 
 #include "agreement_support.h"
 #include "ksp/kdf_parameters.h"
+#include "support/fenced_buffer.h"
 #include "unit/ksp/ksp_fixture.h"
 
 namespace {
@@ -13,9 +14,8 @@ using agreementtest::bcryptDigest;
 using agreementtest::Bytes;
 using agreementtest::bytesOf;
 using agreementtest::concat;
-using agreementtest::PageEnd;
 using agreementtest::ParameterList;
-using ksptest::hasLogLine;
+using testsupport::FencedBuffer;
 
 class ParameterLists : public ksptest::KspTest {
 protected:
@@ -43,15 +43,15 @@ protected:
 };
 
 // Wide text placed so that its last character is the last readable one, without a NUL.
-wchar_t* unterminatedAtPageEnd(PageEnd& page, const std::wstring& text) {
-    auto* where = reinterpret_cast<wchar_t*>(page.data());
+wchar_t* unterminatedAtPageEnd(FencedBuffer& fence, const std::wstring& text) {
+    auto* where = reinterpret_cast<wchar_t*>(fence.room(text.size() * sizeof(wchar_t)));
     std::memcpy(where, text.data(), text.size() * sizeof(wchar_t));
     return where;
 }
 
 TEST_F(ParameterLists, HashNameWithoutNulEndsAtItsSize) {
-    PageEnd page(12);
-    wchar_t* name = unterminatedAtPageEnd(page, L"SHA384");
+    FencedBuffer fence;
+    wchar_t* name = unterminatedAtPageEnd(fence, L"SHA384");
     ParameterList list;
     list.addRaw(KSP_KDF_HASH_ALGORITHM, name, 12);
     Bytes key;
@@ -69,41 +69,46 @@ TEST_F(ParameterLists, HashNameIsCutAtItsSizeNotAtANulFurtherOn) {
 }
 
 TEST_F(ParameterLists, OddHashNameSizeDropsTheHalfCharacter) {
-    PageEnd page(9);
-    std::memcpy(page.data(), L"SHA1", 8);
-    page.data()[8] = 'X';
+    FencedBuffer pageFence;
+    unsigned char* page = pageFence.room(9);
+    std::memcpy(page, L"SHA1", 8);
+    page[8] = 'X';
     ParameterList list;
-    list.addRaw(KSP_KDF_HASH_ALGORITHM, page.data(), 9);
+    list.addRaw(KSP_KDF_HASH_ALGORITHM, page, 9);
     Bytes key;
     ASSERT_EQ(derive(nullptr, list.desc(), &key), 0);
     EXPECT_EQ(key, bcryptDigest(L"SHA1", z));
 }
 
 TEST_F(ParameterLists, OneByteHashNameIsAnEmptyNameAndSelectsSha256) {
-    PageEnd page(1);
-    page.data()[0] = 'S';
+    FencedBuffer pageFence;
+    unsigned char* page = pageFence.room(1);
+    page[0] = 'S';
     ParameterList list;
-    list.addText(KSP_KDF_HASH_ALGORITHM, L"SHA1").addRaw(KSP_KDF_HASH_ALGORITHM, page.data(), 1);
+    list.addText(KSP_KDF_HASH_ALGORITHM, L"SHA1").addRaw(KSP_KDF_HASH_ALGORITHM, page, 1);
     Bytes key;
     ASSERT_EQ(derive(nullptr, list.desc(), &key), 0);
     EXPECT_EQ(key, bcryptDigest(L"SHA256", z));
 }
 
 TEST_F(ParameterLists, ConcatInputsAreReadToTheirSizeOnly) {
-    PageEnd algorithm(3);
-    std::memcpy(algorithm.data(), "ALG", 3);
-    PageEnd partyU(2);
-    std::memcpy(partyU.data(), "PU", 2);
+    FencedBuffer algorithmFence;
+    unsigned char* algorithm = algorithmFence.room(3);
+    std::memcpy(algorithm, "ALG", 3);
+    FencedBuffer partyUFence;
+    unsigned char* partyU = partyUFence.room(2);
+    std::memcpy(partyU, "PU", 2);
     ParameterList list;
-    list.addRaw(KSP_KDF_ALGORITHMID, algorithm.data(), 3).addRaw(KSP_KDF_PARTYUINFO, partyU.data(), 2);
+    list.addRaw(KSP_KDF_ALGORITHMID, algorithm, 3).addRaw(KSP_KDF_PARTYUINFO, partyU, 2);
     Bytes key;
     ASSERT_EQ(derive(L"SP800_56ACONCAT", list.desc(), &key), 0);
     EXPECT_EQ(key, bcryptDigest(L"SHA256", concat(bytesOf("ALGPU"), z)));
 }
 
 TEST_F(ParameterLists, BufferArrayIsReadToItsCountOnly) {
-    PageEnd page(2 * sizeof(NCryptBuffer));
-    auto* buffers = reinterpret_cast<NCryptBuffer*>(page.data());
+    FencedBuffer pageFence;
+    unsigned char* page = pageFence.room(2 * sizeof(NCryptBuffer));
+    auto* buffers = reinterpret_cast<NCryptBuffer*>(page);
     static unsigned char a = 'A';
     static unsigned char u = 'U';
     buffers[0] = {1, KSP_KDF_ALGORITHMID, &a};
@@ -129,7 +134,7 @@ TEST_F(ParameterLists, CountWithoutArrayIsInvalidParameter) {
     NCryptBufferDesc desc{NCRYPTBUFFER_VERSION, 3, nullptr};
     Bytes key;
     EXPECT_EQ(derive(nullptr, &desc, &key), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeriveKey: invalid parameter"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeriveKey: invalid parameter"));
     EXPECT_EQ(fake::countCalls("calyth_initHash"), 0u);
 }
 

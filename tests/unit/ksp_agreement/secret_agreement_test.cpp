@@ -12,7 +12,6 @@
 namespace {
 
 using agreementtest::Bytes;
-using ksptest::hasLogLine;
 
 const char* const kEcExchangeId = "D4D4D4D4D4D4D4D4D4D4D4D4D4D4D4D4";
 
@@ -76,8 +75,8 @@ TEST_F(SecretAgreement, ComputesTheSecretOnTheTokenWithTheHeldPin) {
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{kEcExchangeId, "1234", fake::hex(point), "65"}));
     EXPECT_EQ(secretBytes(), Bytes(point.begin() + 1, point.begin() + 33));
     EXPECT_EQ(kspSecretFrom(secret)->provider, provider());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPSecretAgreement"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPSecretAgreement: ECDH shared secret computed, len=32"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPSecretAgreement"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPSecretAgreement: ECDH shared secret computed, len=32"));
 }
 
 TEST_F(SecretAgreement, SecretOf80BytesIsKeptAs66) {
@@ -94,7 +93,7 @@ TEST_F(SecretAgreement, SecretOf80BytesIsKeptAs66) {
     ASSERT_EQ(agree(), 0);
     EXPECT_EQ(kspSecretFrom(secret)->length, 66u);
     EXPECT_EQ(secretBytes(), Bytes(long80.begin(), long80.begin() + 66));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPSecretAgreement: ECDH shared secret computed, len=66"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPSecretAgreement: ECDH shared secret computed, len=66"));
 }
 
 TEST_F(SecretAgreement, NullOrUninitialisedProviderIsInvalidHandle) {
@@ -102,21 +101,21 @@ TEST_F(SecretAgreement, NullOrUninitialisedProviderIsInvalidHandle) {
     NCRYPT_PROV_HANDLE closed = makeProvider();
     kspProviderFrom(closed)->initialized = 0;
     EXPECT_EQ(agree(closed), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPSecretAgreement: provider not initialized"));
     EXPECT_EQ(secret, 0u);
 }
 
 TEST_F(SecretAgreement, NullOutputIsInvalidParameter) {
     EXPECT_EQ(KSPSecretAgreement(provider_, privateKey, peerKey, nullptr, 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSecretAgreement: phAgreedSecret is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSecretAgreement: phAgreedSecret is null"));
 }
 
 TEST_F(SecretAgreement, FirmwareBelow200IsNotSupported) {
     storeValidatedPin("SN1", "1234");
     provider()->firmware = "1.9.9";
     EXPECT_EQ(agree(), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSecretAgreement: ECDH not supported on firmware 1.9.9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSecretAgreement: ECDH not supported on firmware 1.9.9"));
     EXPECT_EQ(fake::countCalls("calyth_ecdhDerive"), 0u);
     // The gate comes before the key checks.
     EXPECT_EQ(KSPSecretAgreement(provider_, 0, 0, &secret, 0), KSP_NTE_NOT_SUPPORTED);
@@ -134,15 +133,15 @@ TEST_F(SecretAgreement, Firmware20AndAboveIsAccepted) {
 TEST_F(SecretAgreement, NullKeyIsInvalidHandle) {
     EXPECT_EQ(KSPSecretAgreement(provider_, 0, peerKey, &secret, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(KSPSecretAgreement(provider_, privateKey, 0, &secret, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPSecretAgreement: key handle is null"));
 }
 
 TEST_F(SecretAgreement, PrivateKeyWithoutTokenIdentifierIsBadKey) {
     EXPECT_EQ(KSPSecretAgreement(provider_, makePeer(peerPoint(0x04, 32)), peerKey, &secret, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "KSPSecretAgreement: private key has no credential ID (not a device key)"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSPSecretAgreement: private key has no credential ID (not a device key)"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
@@ -153,8 +152,9 @@ TEST_F(SecretAgreement, CompressedPeerPointIsBadKeyBeforeAnyPrompt) {
         fake::clearCalls();
         testsupport::clearLog();
         EXPECT_EQ(agree(), KSP_NTE_BAD_KEY) << int(first);
-        EXPECT_TRUE(hasLogLine("ERROR", "KSPSecretAgreement: peer public key is not uncompressed EC point"));
-        EXPECT_FALSE(hasLogLine("ERROR", "KSPSecretAgreement: password validation failed"));
+        EXPECT_TRUE(testsupport::logHasLine(
+            "ERROR", "KSPSecretAgreement: peer public key is not uncompressed EC point"));
+        EXPECT_FALSE(testsupport::logHasLine("ERROR", "KSPSecretAgreement: password validation failed"));
         EXPECT_TRUE(fake::calls().empty());
     }
 }
@@ -165,7 +165,7 @@ TEST_F(SecretAgreement, PeerPointShorterThanThreeBytesIsBadKey) {
     peerKey = makeEmptyKey();
     EXPECT_EQ(agree(), KSP_NTE_BAD_KEY);
     EXPECT_EQ(
-        ksptest::logLinesAt("ERROR"),
+        testsupport::logMessagesAt("ERROR"),
         std::vector<std::string>(2, "KSPSecretAgreement: peer public key is not uncompressed EC point"));
     EXPECT_TRUE(fake::calls().empty());
 }
@@ -180,7 +180,7 @@ TEST_F(SecretAgreement, NoCurveCheckBetweenTheKeys) {
 TEST_F(SecretAgreement, FailedPinCheckIsNteFail) {
     // Headless, the PIN dialog fails at once.
     EXPECT_EQ(agree(), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSecretAgreement: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSecretAgreement: password validation failed"));
     EXPECT_EQ(fake::countCalls("calyth_ecdhDerive"), 0u);
     EXPECT_EQ(secret, 0u);
 }
@@ -189,7 +189,7 @@ TEST_F(SecretAgreement, DeviceFailureIsInternalErrorWithoutSingleSignOnRetry) {
     storeValidatedPin("SN1", "1234");
     fake::failNext("calyth_ecdhDerive", CALYTH_SSO_EXPIRED);
     EXPECT_EQ(agree(), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSecretAgreement: ECDH derive failed, ret=49"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSecretAgreement: ECDH derive failed, ret=49"));
     EXPECT_EQ(fake::countCalls("calyth_ecdhDerive"), 1u);
     EXPECT_EQ(secret, 0u);
 }
@@ -208,19 +208,19 @@ TEST_F(SecretAgreement, SuccessWithoutSecretIsInternalError) {
         return 0;
     };
     EXPECT_EQ(agree(), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPSecretAgreement: ECDH derive failed, ret=0"));
     EXPECT_EQ(secret, 0u);
 }
 
 TEST_F(SecretAgreement, FreeSecretAcceptsNullAndReleasesASecret) {
     EXPECT_EQ(KSPFreeSecret(provider_, 0), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeSecret"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeSecret"));
     storeValidatedPin("SN1", "1234");
     ASSERT_EQ(agree(), 0);
     EXPECT_EQ(KSPFreeSecret(0, secret), 0);  // the provider argument is not needed
     secret = 0;
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"), std::vector<std::string>{});
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"), std::vector<std::string>{});
 }
 
 }  // namespace

@@ -76,8 +76,8 @@ TEST_F(KspExportTest, NullOrUninitialisedProviderIsAnInvalidHandle) {
     DWORD size = 0;
     EXPECT_EQ(KSPExportKey(0, key, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPExportKey"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPExportKey: provider handle is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPExportKey"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPExportKey: provider handle is null or not initialized"));
 
     NCRYPT_PROV_HANDLE closed = makeProvider();
     kspProviderFrom(closed)->initialized = 0;
@@ -96,7 +96,7 @@ TEST_F(KspExportTest, NullKeyBlobTypeOrResultIsAnInvalidParameter) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"), (std::vector<std::string>{line, line, line}));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"), (std::vector<std::string>{line, line, line}));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
 
@@ -108,7 +108,7 @@ TEST_F(KspExportTest, PrivateBlobsAreRefusedBeforeTheKeyIsLookedAt) {
         DWORD size = 12345;
         EXPECT_EQ(KSPExportKey(provider_, key, 0, type, nullptr, nullptr, 0, &size, 0),
                   KSP_NTE_NOT_SUPPORTED);
-        EXPECT_TRUE(hasLogLine("ERROR", "KSPExportKey: private key export not supported"));
+        EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPExportKey: private key export not supported"));
         EXPECT_EQ(size, 12345u);
     }
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 0u);
@@ -122,7 +122,8 @@ TEST_F(KspExportTest, UnknownAndWronglyCasedBlobTypesAreNotSupported) {
         DWORD size = 0;
         EXPECT_EQ(KSPExportKey(provider_, key, 0, type, nullptr, nullptr, 0, &size, 0),
                   KSP_NTE_NOT_SUPPORTED);
-        EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{"KSP: Unsupported blob type for export"});
+        EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
+                  std::vector<std::string>{"KSP: Unsupported blob type for export"});
     }
 }
 
@@ -141,7 +142,7 @@ TEST_F(KspExportTest, Rsa2048ExportsA283ByteBcryptBlob) {
     EXPECT_EQ(wordAt(blob, 20), 0u);
     EXPECT_EQ(Bytes(blob.begin() + 24, blob.begin() + 27), (Bytes{0x01, 0x00, 0x01}));
     EXPECT_EQ(Bytes(blob.begin() + 27, blob.end()), modulus);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public key exported, bits=2048"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public key exported, bits=2048"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
     EXPECT_TRUE(fake::callsFromThisThread().empty()) << "the key object held its public key";
 
@@ -163,8 +164,9 @@ TEST_F(KspExportTest, Rsa2048ExportsA276ByteLegacyBlobWithTheModulusReversed) {
     EXPECT_EQ(wordAt(blob, 16), 0x10001u);
     EXPECT_EQ(Bytes(blob.begin() + 20, blob.end()), Bytes(modulus.rbegin(), modulus.rend()));
     // The legacy form logs nothing of its own.
-    EXPECT_EQ(logLinesAt("DEBUG"), (std::vector<std::string>{"KSPExportKey", "KSPExportKey"}));
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG"),
+              (std::vector<std::string>{"KSPExportKey", "KSPExportKey"}));
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(KspExportTest, SizeQueryAnswersTheSizeAndWritesNothing) {
@@ -182,9 +184,9 @@ TEST_F(KspExportTest, SizeQueryAnswersTheSizeAndWritesNothing) {
         // A null output with a non-zero cbOutput is still a size query.
         EXPECT_EQ(KSPExportKey(provider_, c.key, 0, c.type, nullptr, nullptr, 600, &size, 0), 0);
         EXPECT_EQ(size, c.size);
-        EXPECT_TRUE(logLinesAt("ERROR").empty());
-        EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Public key exported, bits=2048"));
-        EXPECT_FALSE(hasLogLine("DEBUG", "KSPExportKey: ECC public key exported, cbKey=48"));
+        EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
+        EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Public key exported, bits=2048"));
+        EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSPExportKey: ECC public key exported, cbKey=48"));
     }
 }
 
@@ -211,7 +213,7 @@ TEST_F(KspExportTest, ShortBuffersAreRefusedWithTheRequiredSizeAndLeftUntouched)
         EXPECT_EQ(KSPExportKey(provider_, c.key, 0, c.type, nullptr, buffer.data(), c.size - 1, &size, 0),
                   KSP_NTE_BUFFER_TOO_SMALL);
         EXPECT_EQ(size, c.size);
-        EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{c.line});
+        EXPECT_EQ(testsupport::logMessagesAt("ERROR"), std::vector<std::string>{c.line});
         EXPECT_TRUE(
             std::all_of(buffer.begin(), buffer.end(), [](unsigned char b) { return b == kSentinel; }));
     }
@@ -227,8 +229,8 @@ TEST_F(KspExportTest, P384SigningKeyExportsA104ByteEccBlob) {
     EXPECT_EQ(wordAt(blob, 0), 0x33534345u);
     EXPECT_EQ(wordAt(blob, 4), 48u);
     EXPECT_EQ(Bytes(blob.begin() + 8, blob.end()), Bytes(point.begin() + 1, point.end()));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Enter to the BCRYPT_ECCPUBLIC_BLOB"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPExportKey: ECC public key exported, cbKey=48"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Enter to the BCRYPT_ECCPUBLIC_BLOB"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPExportKey: ECC public key exported, cbKey=48"));
 }
 
 TEST_F(KspExportTest, EccMagicFollowsCurveAndUsage) {
@@ -288,11 +290,12 @@ TEST_F(KspExportTest, KeyMissingFromTheTokenHasNoPublicKey) {
     DWORD size = 77;
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No public key data available for export"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: No public key data available for export"));
     EXPECT_EQ(size, 77u);
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"ECCPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPExportKey: ECC public key not available or invalid format"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPExportKey: ECC public key not available or invalid format"));
     EXPECT_EQ(kspKeyFrom(key)->publicKeyLength, 0u);
     EXPECT_EQ(fake::countCalls("calyth_getKeyPairList"), 2u) << "no match leaves the length at 0";
 }
@@ -310,9 +313,10 @@ TEST_F(KspExportTest, TokenPublicKeysLongerThanTheObjectFieldAreRefusedNotCut) {
     DWORD size = 0;
     EXPECT_EQ(KSPExportKey(provider_, big, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Public key from the token too long for the key object, length=" +
-                                        std::to_string(KSP_PUBLIC_KEY_ROOM + 1)));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No public key data available for export"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSP: Public key from the token too long for the key object, length=" +
+                     std::to_string(KSP_PUBLIC_KEY_ROOM + 1)));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: No public key data available for export"));
     EXPECT_EQ(kspKeyFrom(big)->publicKeyLength, 0u);
 
     NCRYPT_KEY_HANDLE none = makeEmptyKey();
@@ -347,7 +351,7 @@ TEST_F(KspExportTest, ATokenRsa4096KeyKeepsItsWholeDer) {
     std::memcpy(kspKeyFrom(refilled)->keyId, pair.keyId, 16);
     ASSERT_EQ(exportBlob(refilled, L"CAPIPUBLICBLOB", &blob), 0);
     EXPECT_EQ(Bytes(blob.begin() + 20, blob.end()), Bytes(der.rbegin(), der.rend()));
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(KspExportTest, RsaKeyAskedForAnEccBlobFailsOnItsFirstByteBeforeTheAlgorithmCheck) {
@@ -355,7 +359,7 @@ TEST_F(KspExportTest, RsaKeyAskedForAnEccBlobFailsOnItsFirstByteBeforeTheAlgorit
     DWORD size = 0;
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"ECCPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>{"KSPExportKey: ECC public key not available or invalid format"});
 }
 
@@ -365,7 +369,8 @@ TEST_F(KspExportTest, PointShorterThanThreeBytesIsInvalid) {
     DWORD size = 0;
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"ECCPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPExportKey: ECC public key not available or invalid format"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPExportKey: ECC public key not available or invalid format"));
 
     kspKeyFrom(key)->publicKeyLength = 3;  // 04 X Y of one byte each
     Bytes blob;
@@ -379,8 +384,8 @@ TEST_F(KspExportTest, PointWithANonEcAlgorithmIsNotEcc) {
     DWORD size = 0;
     EXPECT_EQ(KSPExportKey(provider_, key, 0, L"ECCPUBLICBLOB", nullptr, nullptr, 0, &size, 0),
               KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPExportKey: key is not ECC"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "Enter to the BCRYPT_ECCPUBLIC_BLOB"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPExportKey: key is not ECC"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "Enter to the BCRYPT_ECCPUBLIC_BLOB"));
 }
 
 TEST_F(KspExportTest, EcKeyAskedForAnRsaBlobExportsThePointAsModulus) {
@@ -391,7 +396,7 @@ TEST_F(KspExportTest, EcKeyAskedForAnRsaBlobExportsThePointAsModulus) {
     ASSERT_EQ(blob.size(), 65u + 27u);
     EXPECT_EQ(wordAt(blob, 4), 520u);
     EXPECT_EQ(Bytes(blob.begin() + 27, blob.end()), point);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public key exported, bits=520"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public key exported, bits=520"));
 }
 
 TEST_F(KspExportTest, DerPublicKeyIsExportedAsItStands) {

@@ -69,7 +69,7 @@ protected:
     }
 
     void expectRefused(const std::string& line) {
-        EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{line});
+        EXPECT_EQ(testsupport::logMessagesAt("ERROR"), std::vector<std::string>{line});
     }
 };
 
@@ -90,7 +90,8 @@ TEST_F(KspImportAesTest, KeyDataBlobsAreStoredOnTheTokenWithTheirType) {
                   (std::vector<std::string>{"1234", fake::hex(material), std::to_string(c.length),
                                             std::to_string(c.type)}));
         expectTokenKeyObject(key, c.type);
-        EXPECT_TRUE(hasLogLine("DEBUG", "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)"));
+        EXPECT_TRUE(
+            testsupport::logHasLine("DEBUG", "KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)"));
         EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u) << "import runs no password check";
     }
 }
@@ -183,7 +184,7 @@ TEST_F(KspImportAesTest, OpaqueBlobIsUnwrappedByTheFirstKekThatWorksAndStored) {
     EXPECT_EQ(fake::callsTo("calyth_getAesKeyList").at(0).serial, "SN1");
     EXPECT_EQ(importAesArguments(), (std::vector<std::string>{"1234", fake::hex(material), "32", "10"}));
     expectTokenKeyObject(key, CALYTH_SYMMETRIC_AES_256);
-    EXPECT_EQ(logLinesAt("DEBUG"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG"),
               (std::vector<std::string>{
                   "KSPImportKey", "KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = 40",
                   "KSP: Successfully unwrapped key with KEK: 53535353535353535353535353535353",
@@ -288,7 +289,7 @@ TEST_F(KspImportAesTest, TransportBlobIsDecryptedByTheImportKeyAndKeptInTheObjec
             EXPECT_EQ(object->algorithm, c.type);
             EXPECT_EQ(object->finalized, 1);
             EXPECT_EQ(fake::countCalls("calyth_importAesKey"), 0u) << "nothing is written to the token";
-            EXPECT_EQ(logLinesAt("DEBUG"),
+            EXPECT_EQ(testsupport::logMessagesAt("DEBUG"),
                       (std::vector<std::string>{"KSPImportKey",
                                                 "KSP: Input key id : " + std::string(kRsaExchangeId),
                                                 "KSP: Encrypted key imported successfully"}));

@@ -20,7 +20,7 @@ class KspImportPublicTest : public KspImportTest {
 protected:
     // Expects exactly one ERROR line and no device call.
     void expectRefused(const std::string& line) {
-        EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{line});
+        EXPECT_EQ(testsupport::logMessagesAt("ERROR"), std::vector<std::string>{line});
         EXPECT_TRUE(fake::callsFromThisThread().empty());
     }
 };
@@ -42,9 +42,10 @@ TEST_F(KspImportPublicTest, NullOrUninitialisedProviderIsAnInvalidHandle) {
     EXPECT_EQ(KSPImportKey(provider_, 0, L"RSAPUBLICBLOB", nullptr, &key, blob.data(), 283, 0),
               KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(key, kUntouched);
-    EXPECT_EQ(logLinesAt("DEBUG"), (std::vector<std::string>{"KSPImportKey", "KSPImportKey"}));
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG"),
+              (std::vector<std::string>{"KSPImportKey", "KSPImportKey"}));
     const std::string line = "KSPImportKey: provider handle is null or not initialized";
-    EXPECT_EQ(logLinesAt("ERROR"), (std::vector<std::string>{line, line}));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"), (std::vector<std::string>{line, line}));
 }
 
 TEST_F(KspImportPublicTest, MissingTypeOutputOrDataIsAnInvalidParameter) {
@@ -60,7 +61,7 @@ TEST_F(KspImportPublicTest, MissingTypeOutputOrDataIsAnInvalidParameter) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(key, kUntouched);
     const std::string line = "KSPImportKey: invalid parameters";
-    EXPECT_EQ(logLinesAt("ERROR"), (std::vector<std::string>{line, line, line, line}));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"), (std::vector<std::string>{line, line, line, line}));
 }
 
 TEST_F(KspImportPublicTest, UnknownBlobTypeWithoutImportKeyIsNotSupported) {
@@ -84,7 +85,7 @@ TEST_F(KspImportPublicTest, RsaPublicBlobBecomesAPublicKeyObject) {
     EXPECT_EQ(object->keyIdLength, 0u);
     EXPECT_EQ(object->usage, 0);
     EXPECT_EQ(object->symmetricKeyLength, 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: RSA public key imported, bits=2048"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: RSA public key imported, bits=2048"));
     EXPECT_TRUE(fake::callsFromThisThread().empty()) << "nothing is written to the token";
 }
 
@@ -202,8 +203,8 @@ TEST_F(KspImportPublicTest, EccPublicBlobBecomesAPointWithCurveAndUsageFromTheMa
         EXPECT_EQ(object->usage, c.usage);
         EXPECT_EQ(object->finalized, 1);
         EXPECT_EQ(object->keyIdLength, 0u);
-        EXPECT_TRUE(
-            hasLogLine("DEBUG", "KSPImportKey: ECC public key imported, cbKey=" + std::to_string(c.cbKey)));
+        EXPECT_TRUE(testsupport::logHasLine(
+            "DEBUG", "KSPImportKey: ECC public key imported, cbKey=" + std::to_string(c.cbKey)));
     }
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -295,7 +296,7 @@ TEST_F(KspImportPublicTest, LegacyBlobBecomesADerPublicKey) {
     EXPECT_EQ(object->bits, 2048u);
     EXPECT_EQ(object->algorithm, CALYTH_KEY_RSA_2048);
     EXPECT_EQ(object->finalized, 1);
-    EXPECT_EQ(logLinesAt("DEBUG"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG"),
               (std::vector<std::string>{"KSPImportKey", "KSP: Public exponent : 010001",
                                         "KSP: Legacy RSA public key imported successfully"}));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
@@ -307,7 +308,7 @@ TEST_F(KspImportPublicTest, LegacyExponentIsAlwaysThreeBytes) {
     ASSERT_EQ(import(L"CAPIPUBLICBLOB",
                      legacyPublicBlob(0x31415352, 1024, 3, Bytes(modulus.rbegin(), modulus.rend())), &key),
               0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public exponent : 000003"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public exponent : 000003"));
     const KspKey* object = kspKeyFrom(key);
     Bytes stored(object->publicKey, object->publicKey + object->publicKeyLength);
     Bytes exponent{0x02, 0x03, 0x00, 0x00, 0x03};
@@ -342,8 +343,8 @@ TEST_F(KspImportPublicTest, LegacyBlobOfAnOddSizeIsNotSupported) {
     NCRYPT_KEY_HANDLE key;
     EXPECT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 1536, 65537, modulusOf(192)), &key),
               KSP_NTE_NOT_SUPPORTED);
-    EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>{"KSP: Unsupported RSA key size"});
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public exponent : 010001"));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"), std::vector<std::string>{"KSP: Unsupported RSA key size"});
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public exponent : 010001"));
 }
 
 TEST_F(KspImportPublicTest, Legacy4096BitKeyIsImportedExportedAndReportedWithItsDer) {
@@ -354,8 +355,8 @@ TEST_F(KspImportPublicTest, Legacy4096BitKeyIsImportedExportedAndReportedWithIts
     ASSERT_GT(der.size(), 512u);
     NCRYPT_KEY_HANDLE key;
     ASSERT_EQ(import(L"CAPIPUBLICBLOB", legacyPublicBlob(0x31415352, 4096, 65537, modulus), &key), 0);
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Legacy RSA public key imported successfully"));
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Legacy RSA public key imported successfully"));
     EXPECT_EQ(kspKeyFrom(key)->algorithm, CALYTH_KEY_RSA_4096);
     EXPECT_EQ(
         Bytes(kspKeyFrom(key)->publicKey, kspKeyFrom(key)->publicKey + kspKeyFrom(key)->publicKeyLength),

@@ -1,5 +1,4 @@
-// Helpers shared by the CNG cryptographic-operation tests: guarded output buffers and the fixed
-// inputs of the fake token.
+// Helpers shared by the CNG cryptographic-operation tests: the fixed inputs of the fake token.
 #pragma once
 
 #include <windows.h>
@@ -12,35 +11,7 @@
 
 namespace ksptest {
 
-constexpr unsigned char kGuardByte = 0xEE;
 constexpr DWORD kUnsetResult = 0xDEADBEEF;
-
-// A caller's output buffer of `room` bytes followed by a guard zone that must stay untouched.
-struct GuardedBuffer {
-    explicit GuardedBuffer(size_t roomBytes, size_t guard = 64)
-        : room(roomBytes), bytes(roomBytes + guard, kGuardByte) {}
-    PBYTE data() { return bytes.data(); }
-    DWORD size() const { return static_cast<DWORD>(room); }
-    bool guardIntact() const {
-        for (size_t i = room; i < bytes.size(); ++i) {
-            if (bytes[i] != kGuardByte)
-                return false;
-        }
-        return true;
-    }
-    bool untouched() const {
-        for (unsigned char b : bytes) {
-            if (b != kGuardByte)
-                return false;
-        }
-        return true;
-    }
-    std::vector<unsigned char> written(size_t count) const {
-        return std::vector<unsigned char>(bytes.begin(), bytes.begin() + static_cast<long>(count));
-    }
-    size_t room;
-    std::vector<unsigned char> bytes;
-};
 
 // A 32-byte digest; the fake token signs any bytes, a fixed pattern keeps the rendered arguments
 // predictable.

@@ -9,11 +9,14 @@
 #include <gtest/gtest.h>
 
 #include "crypto_test_support.h"
+#include "support/guarded_buffer.h"
 #include "token/process_state.h"
 #include "token/token_table.h"
 
 namespace ksptest {
 namespace {
+
+using testsupport::GuardedBuffer;
 
 std::vector<unsigned char> masked(const std::vector<unsigned char>& data) {
     std::vector<unsigned char> out(data);
@@ -75,8 +78,8 @@ protected:
 
 TEST_F(Decrypt, LogsItsNameFirst) {
     KSPDecrypt(provider_, rsaKey, nullptr, 0, nullptr, nullptr, 0, &result, 0);
-    ASSERT_FALSE(logLinesAt("DEBUG").empty());
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPDecrypt");
+    ASSERT_FALSE(testsupport::logMessagesAt("DEBUG").empty());
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPDecrypt");
 }
 
 TEST_F(Decrypt, NullOrUninitialisedProviderIsAnInvalidHandle) {
@@ -85,7 +88,7 @@ TEST_F(Decrypt, NullOrUninitialisedProviderIsAnInvalidHandle) {
               KSP_NTE_INVALID_HANDLE);
     provider()->initialized = 0;
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPDecrypt: provider handle is null or not initialized"));
 }
 
@@ -94,7 +97,7 @@ TEST_F(Decrypt, NullKeyOrResultIsAnInvalidParameter) {
     EXPECT_EQ(decrypt(0, buffer), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPDecrypt(provider_, rsaKey, input.data(), 48, nullptr, buffer.data(), 256, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPDecrypt: key handle or pcbResult is null"));
 }
 
@@ -102,7 +105,7 @@ TEST_F(Decrypt, RsaSizeQuerySucceedsBeforeTheInputIsLookedAt) {
     EXPECT_EQ(KSPDecrypt(provider_, rsaKey, nullptr, 0, nullptr, nullptr, 0, &result, 0), KSP_SUCCESS);
     EXPECT_EQ(result, 256u);
     EXPECT_TRUE(fake::calls().empty());
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(Decrypt, MissingInputIsAnInvalidParameter) {
@@ -115,7 +118,7 @@ TEST_F(Decrypt, MissingInputIsAnInvalidParameter) {
     EXPECT_EQ(
         KSPDecrypt(provider_, aesKey(16, KSP_CHAINING_CBC), nullptr, 0, nullptr, nullptr, 0, &result, 0),
         KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(3, "KSPDecrypt: pbInput is null or cbInput is zero"));
     EXPECT_EQ(result, kUnsetResult);
     EXPECT_TRUE(buffer.untouched());
@@ -126,14 +129,14 @@ TEST_F(Decrypt, MissingInputIsAnInvalidParameter) {
 TEST_F(Decrypt, SilentWithoutValidatedPinFailsBeforeTheToken) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(decrypt(rsaKey, buffer, NCRYPT_SILENT_FLAG), KSP_NTE_SILENT_CONTEXT);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDecrypt: silent mode requested but PIN not validated"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDecrypt: silent mode requested but PIN not validated"));
     EXPECT_TRUE(fake::calls().empty());
 }
 
 TEST_F(Decrypt, FailedPinCheckIsNteFail) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDecrypt: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDecrypt: password validation failed"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 0u);
     EXPECT_TRUE(buffer.untouched());
 }
@@ -148,7 +151,7 @@ TEST_F(Decrypt, DecryptsOnTheTokenWithTheHeldPin) {
     fake::Call call = onlyCall("calyth_decrypt");
     EXPECT_EQ(call.serial, "SN1");
     EXPECT_EQ(call.args, (std::vector<std::string>{kRsaExchangeId, "1234", fake::hex(input), "48", "true"}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Decrypt success"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Decrypt success"));
 }
 
 TEST_F(Decrypt, TokenFlagOfTheKeyIsPassed) {
@@ -164,7 +167,7 @@ TEST_F(Decrypt, RsaDeviceFailureIsAnInternalError) {
     fake::failNext("calyth_decrypt", 7);
     GuardedBuffer buffer(256);
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Decrypt failed: 7"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Decrypt failed: 7"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(result, kUnsetResult);
 }
@@ -174,7 +177,7 @@ TEST_F(Decrypt, ShortBufferReportsThePlaintextLength) {
     GuardedBuffer buffer(47);
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 48u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDecrypt: output buffer too small, required=48"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDecrypt: output buffer too small, required=48"));
     EXPECT_TRUE(buffer.untouched());
 }
 
@@ -224,7 +227,7 @@ TEST_F(Decrypt, ExpiredSingleSignOnRechecksAndRetriesOnce) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[0].args[1], "1234");
     EXPECT_EQ(calls[1].args[1], "");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Decrypt SSO expired, re-prompting for PIN"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Decrypt SSO expired, re-prompting for PIN"));
 }
 
 TEST_F(Decrypt, SecondExpiryIsFinal) {
@@ -234,7 +237,7 @@ TEST_F(Decrypt, SecondExpiryIsFinal) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 2u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Decrypt failed: 49"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Decrypt failed: 49"));
 }
 
 TEST_F(Decrypt, FailedRecheckAfterExpiryIsNteFail) {
@@ -242,7 +245,7 @@ TEST_F(Decrypt, FailedRecheckAfterExpiryIsNteFail) {
     fake::failNext("calyth_decrypt", CALYTH_SSO_EXPIRED);
     GuardedBuffer buffer(256);
     EXPECT_EQ(decrypt(rsaKey, buffer), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDecrypt: password validation failed after SSO expiry"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDecrypt: password validation failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_decrypt"), 1u);
     EXPECT_FALSE(isPinValidated("SN1"));
     EXPECT_TRUE(buffer.untouched());
@@ -265,10 +268,11 @@ TEST_F(Decrypt, CbcDecryptsWithTheSharedIvIntoARoomOfCbInput) {
     EXPECT_EQ(result, 48u);
     EXPECT_EQ(buffer.written(48), expected);
     EXPECT_TRUE(buffer.guardIntact());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric decrypt CBC mode"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Decrypt input iv : 0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Decrypt input key : 606162636465666768696A6B6C6D6E6F"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric decrypt success, length: 48"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric decrypt CBC mode"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Decrypt input iv : 0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "KSP: Decrypt input key : 606162636465666768696A6B6C6D6E6F"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric decrypt success, length: 48"));
     // No password: the key material is in the key object.
     EXPECT_EQ(fake::callNames(), std::vector<std::string>{"calyth_decryptSymetric"});
 }
@@ -280,8 +284,8 @@ TEST_F(Decrypt, EcbPassesNoIv) {
     fake::Call call = onlyCall("calyth_decryptSymetric");
     EXPECT_EQ(call.args[3], "null");
     EXPECT_EQ(call.args[4], "0");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric decrypt ECB mode"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Decrypt input iv : "));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric decrypt ECB mode"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Decrypt input iv : "));
 }
 
 TEST_F(Decrypt, SymmetricSizeQueryRunsTheDecryption) {
@@ -290,14 +294,15 @@ TEST_F(Decrypt, SymmetricSizeQueryRunsTheDecryption) {
               KSP_SUCCESS);
     EXPECT_EQ(result, 48u);
     EXPECT_EQ(fake::countCalls("calyth_decryptSymetric"), 1u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "pbOutput == NULL "));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "pbOutput == NULL "));
 }
 
 TEST_F(Decrypt, ShortSymmetricBufferReportsTheLength) {
     GuardedBuffer buffer(47);
     EXPECT_EQ(decrypt(aesKey(16, KSP_CHAINING_CBC), buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 48u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDecrypt: symmetric output buffer too small, required=48"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPDecrypt: symmetric output buffer too small, required=48"));
     EXPECT_TRUE(buffer.untouched());
 }
 
@@ -305,7 +310,7 @@ TEST_F(Decrypt, SymmetricDeviceFailureIsAnInternalError) {
     fake::failNext("calyth_decryptSymetric", 4);
     GuardedBuffer buffer(48);
     EXPECT_EQ(decrypt(aesKey(16, KSP_CHAINING_CBC), buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Symmetric decryption failed: 4"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Symmetric decryption failed: 4"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(result, kUnsetResult);
 }

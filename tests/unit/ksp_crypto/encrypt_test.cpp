@@ -8,11 +8,14 @@
 #include <gtest/gtest.h>
 
 #include "crypto_test_support.h"
+#include "support/guarded_buffer.h"
 #include "token/process_state.h"
 #include "util/encoding.h"
 
 namespace ksptest {
 namespace {
+
+using testsupport::GuardedBuffer;
 
 std::vector<unsigned char> keyBytes(size_t length) {
     std::vector<unsigned char> key(length);
@@ -68,8 +71,8 @@ protected:
 
 TEST_F(Encrypt, LogsItsNameFirst) {
     sizeQuery(rsaKey);
-    ASSERT_FALSE(logLinesAt("DEBUG").empty());
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPEncrypt");
+    ASSERT_FALSE(testsupport::logMessagesAt("DEBUG").empty());
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPEncrypt");
 }
 
 TEST_F(Encrypt, NullOrUninitialisedProviderIsAnInvalidHandle) {
@@ -77,7 +80,7 @@ TEST_F(Encrypt, NullOrUninitialisedProviderIsAnInvalidHandle) {
               KSP_NTE_INVALID_HANDLE);
     provider()->initialized = 0;
     EXPECT_EQ(sizeQuery(rsaKey), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEncrypt: provider handle is null or not initialized"));
 }
 
@@ -85,7 +88,7 @@ TEST_F(Encrypt, NullKeyOrResultIsAnInvalidParameter) {
     EXPECT_EQ(sizeQuery(0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPEncrypt(provider_, rsaKey, input.data(), 40, nullptr, nullptr, 0, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEncrypt: key handle or pcbResult is null"));
 }
 
@@ -94,7 +97,7 @@ TEST_F(Encrypt, MissingInputIsAnInvalidParameterEvenForASizeQuery) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPEncrypt(provider_, rsaKey, input.data(), 0, nullptr, nullptr, 0, &result, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEncrypt: pbInput is null or cbInput is zero"));
     EXPECT_EQ(result, kUnsetResult);
 }
@@ -110,7 +113,7 @@ TEST_F(Encrypt, TwentyFourByteKeyInCbcAsksForTypeTwoWithTheSharedIv) {
     EXPECT_EQ(call.serial, "SN1");
     EXPECT_EQ(call.args, (std::vector<std::string>{"2", fake::hex(aes), "24", fake::hex(input), "40", "false",
                                                    fake::hex(processIv()), "16", "null", "0"}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric encrypt CBC mode"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric encrypt CBC mode"));
 }
 
 TEST_F(Encrypt, SixteenByteKeyInCbcIsTypeOne) {
@@ -132,7 +135,7 @@ TEST_F(Encrypt, EcbPassesNoIv) {
         EXPECT_EQ(call.args[6], "null");
         EXPECT_EQ(call.args[7], "0");
     }
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric encrypt ECB mode"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric encrypt ECB mode"));
 }
 
 TEST_F(Encrypt, SymmetricOutputIsCopiedAndReported) {
@@ -142,7 +145,7 @@ TEST_F(Encrypt, SymmetricOutputIsCopiedAndReported) {
     EXPECT_EQ(result, 40u);
     EXPECT_EQ(buffer.written(40), xorWith(input, aes));
     EXPECT_TRUE(buffer.guardIntact());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Symmetric encrypt success, length: 40"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Symmetric encrypt success, length: 40"));
 }
 
 TEST_F(Encrypt, SymmetricSizeQueryRunsTheEncryption) {
@@ -155,7 +158,8 @@ TEST_F(Encrypt, ShortSymmetricBufferReportsTheLength) {
     GuardedBuffer buffer(39);
     EXPECT_EQ(encrypt(aesKey(16, KSP_CHAINING_CBC), buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 40u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPEncrypt: symmetric output buffer too small, required=40"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPEncrypt: symmetric output buffer too small, required=40"));
     EXPECT_TRUE(buffer.untouched());
 }
 
@@ -163,7 +167,7 @@ TEST_F(Encrypt, SymmetricDeviceFailureIsAnInternalError) {
     fake::failNext("calyth_encrypt_aes", 3);
     GuardedBuffer buffer(64);
     EXPECT_EQ(encrypt(aesKey(16, KSP_CHAINING_CBC), buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Symmetric encryption failed: 3"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Symmetric encryption failed: 3"));
     EXPECT_EQ(result, kUnsetResult);
     EXPECT_TRUE(buffer.untouched());
 }
@@ -203,7 +207,7 @@ TEST_F(Encrypt, ShortRsaBufferReportsTheModulusLength) {
     GuardedBuffer buffer(255);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 256u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPEncrypt: output buffer too small, required=256"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPEncrypt: output buffer too small, required=256"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_TRUE(fake::calls().empty());
 }
@@ -216,8 +220,8 @@ TEST_F(Encrypt, RsaEncryptsWithTheWrappedPublicKey) {
     fake::Call call = onlyCall("calyth_encrypt");
     EXPECT_EQ(call.args, (std::vector<std::string>{"8", "1", fake::hex(input), "40", "0", fake::hex(der),
                                                    std::to_string(der.size())}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public key is raw modulus, converting to DER"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Encrypt success"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public key is raw modulus, converting to DER"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Encrypt success"));
     // The fake's "ciphertext" is the input masked, as long as the input.
     EXPECT_EQ(result, 40u);
     std::vector<unsigned char> expected(input);
@@ -241,7 +245,7 @@ TEST_F(Encrypt, StoredDerIsPassedUnchanged) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_SUCCESS);
     EXPECT_EQ(onlyCall("calyth_encrypt").args[5], fake::hex(der));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public key is already DER encoded"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public key is already DER encoded"));
 }
 
 TEST_F(Encrypt, EmptyPublicKeyCountsAsDer) {
@@ -249,7 +253,7 @@ TEST_F(Encrypt, EmptyPublicKeyCountsAsDer) {
     GuardedBuffer buffer(256);
     encrypt(rsaKey, buffer);
     EXPECT_EQ(onlyCall("calyth_encrypt").args[6], "0");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Public key is already DER encoded"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Public key is already DER encoded"));
 }
 
 TEST_F(Encrypt, OaepFlagSelectsOaepPadding) {
@@ -290,7 +294,7 @@ TEST_F(Encrypt, RsaDeviceFailureIsAnInternalError) {
     fake::failNext("calyth_encrypt", 5);
     GuardedBuffer buffer(256);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Encrypt failed: 5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Encrypt failed: 5"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(result, kUnsetResult);
 }
@@ -308,7 +312,7 @@ TEST_F(Encrypt, WholeModulusLongerThanTheCallerBufferIsNotCopied) {
     GuardedBuffer buffer(128);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 512u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPEncrypt: output buffer too small, required=512"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPEncrypt: output buffer too small, required=512"));
     EXPECT_TRUE(buffer.untouched());
 
     GuardedBuffer large(512);
@@ -326,7 +330,7 @@ TEST_F(Encrypt, DeviceLengthBeyondItsBlockIsAnInternalError) {
     };
     GuardedBuffer buffer(1024);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Encrypt failed: ciphertext length 513"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Encrypt failed: ciphertext length 513"));
     EXPECT_TRUE(buffer.untouched());
 }
 
@@ -338,7 +342,7 @@ TEST_F(Encrypt, NegativeDeviceLengthIsAnInternalError) {
     };
     GuardedBuffer buffer(256);
     EXPECT_EQ(encrypt(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Encrypt failed: ciphertext length -1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Encrypt failed: ciphertext length -1"));
     EXPECT_TRUE(buffer.untouched());
 }
 

@@ -5,14 +5,16 @@
 #include <ncrypt.h>
 
 #include <gtest/gtest.h>
-
 #include <string>
 
 #include "crypto_test_support.h"
+#include "support/guarded_buffer.h"
 #include "token/token_table.h"
 
 namespace ksptest {
 namespace {
+
+using testsupport::GuardedBuffer;
 
 const char* const kP384Id = "D4D4D4D4D4D4D4D4D4D4D4D4D4D4D4D4";
 const char* const kP521Id = "E5E5E5E5E5E5E5E5E5E5E5E5E5E5E5E5";
@@ -44,33 +46,33 @@ protected:
 
 TEST_F(SignHash, LogsItsNameFirst) {
     sizeQuery(rsaKey);
-    ASSERT_FALSE(logLinesAt("DEBUG").empty());
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPSignHash");
+    ASSERT_FALSE(testsupport::logMessagesAt("DEBUG").empty());
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPSignHash");
 }
 
 TEST_F(SignHash, NullProviderIsAnInvalidHandle) {
     EXPECT_EQ(KSPSignHash(0, rsaKey, nullptr, nullptr, 0, nullptr, 0, &result, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: provider handle is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: provider handle is null or not initialized"));
     EXPECT_EQ(result, kUnsetResult);
 }
 
 TEST_F(SignHash, UninitialisedProviderIsAnInvalidHandle) {
     provider()->initialized = 0;
     EXPECT_EQ(sizeQuery(rsaKey), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: provider handle is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: provider handle is null or not initialized"));
 }
 
 TEST_F(SignHash, NullKeyOrResultIsAnInvalidParameter) {
     EXPECT_EQ(sizeQuery(0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPSignHash(provider_, rsaKey, nullptr, nullptr, 0, nullptr, 0, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: key handle or pcbResult is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: key handle or pcbResult is null"));
 }
 
 TEST_F(SignHash, SizeQueryOnP521AsksNoPassword) {
     EXPECT_EQ(sizeQuery(makeKey(kP521Id)), KSP_SUCCESS);
     EXPECT_EQ(result, 132u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash size query, returning 132"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash size query, returning 132"));
     EXPECT_TRUE(fake::calls().empty());  // neither the token state nor the PIN was asked for
 }
 
@@ -97,7 +99,7 @@ TEST_F(SignHash, MissingHashIsAnInvalidParameter) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPSignHash(provider_, rsaKey, nullptr, digest.data(), 0, buffer.data(), 256, &result, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: pbHashValue is null or cbHashValue is zero"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: pbHashValue is null or cbHashValue is zero"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
 }
@@ -107,7 +109,7 @@ TEST_F(SignHash, ShortSignatureBufferReportsTheSize) {
     GuardedBuffer buffer(255);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(result, 256u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: signature buffer too small, required=256"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: signature buffer too small, required=256"));
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
 }
@@ -115,7 +117,7 @@ TEST_F(SignHash, ShortSignatureBufferReportsTheSize) {
 TEST_F(SignHash, SilentWithoutValidatedPinFailsBeforeTheToken) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, NCRYPT_SILENT_FLAG), KSP_NTE_SILENT_CONTEXT);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: silent mode requested but PIN not validated"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: silent mode requested but PIN not validated"));
     EXPECT_TRUE(fake::calls().empty());
     EXPECT_TRUE(buffer.untouched());
 }
@@ -131,7 +133,7 @@ TEST_F(SignHash, FailedPinCheckIsNteFail) {
     // Headless, the PIN dialog fails at once: the check fails without a held PIN.
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: password validation failed"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
     EXPECT_TRUE(buffer.untouched());
 }
@@ -158,10 +160,10 @@ TEST_F(SignHash, SignsOnTheTokenWithTheHeldPin) {
     EXPECT_EQ(calls[0].serial, "SN1");
     EXPECT_EQ(calls[0].args, (std::vector<std::string>{kRsaSignId, "1234", fake::hex(digest), "32", "256",
                                                        "false", "false"}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash - padding=PKCS1"));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("KSP: SignHash - credential: ") + kRsaSignId));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash - hash length: 32"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash success, signature length=256"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash - padding=PKCS1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("KSP: SignHash - credential: ") + kRsaSignId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash - hash length: 32"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash success, signature length=256"));
 }
 
 TEST_F(SignHash, LargerBufferIsTheDeviceRoom) {
@@ -189,7 +191,7 @@ TEST_F(SignHash, PssAloneSelectsPss) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_SUCCESS);
     EXPECT_EQ(fake::callsTo("calyth_signHash")[0].args[6], "true");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash - padding=PSS"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash - padding=PSS"));
 }
 
 TEST_F(SignHash, BothPaddingFlagsSignPkcs1) {
@@ -197,7 +199,7 @@ TEST_F(SignHash, BothPaddingFlagsSignPkcs1) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1), KSP_SUCCESS);
     EXPECT_EQ(fake::callsTo("calyth_signHash")[0].args[6], "false");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash - padding=PKCS1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash - padding=PKCS1"));
 }
 
 TEST_F(SignHash, BothPaddingFlagsPassTheOldFirmware) {
@@ -212,7 +214,7 @@ TEST_F(SignHash, PssOnFirmwareBelowTwoIsNotSupported) {
     provider()->firmware = "1.9.9";
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: PSS not supported on firmware 1.9.9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: PSS not supported on firmware 1.9.9"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u);
     EXPECT_TRUE(buffer.untouched());
 }
@@ -235,7 +237,8 @@ TEST_F(SignHash, PssOnFirmwareWithANegativePieceIsNotSupported) {
         provider()->firmware = firmware;
         GuardedBuffer buffer(256);
         EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_NTE_NOT_SUPPORTED) << firmware;
-        EXPECT_TRUE(hasLogLine("ERROR", std::string("KSPSignHash: PSS not supported on firmware ") + firmware));
+        EXPECT_TRUE(testsupport::logHasLine(
+            "ERROR", std::string("KSPSignHash: PSS not supported on firmware ") + firmware));
         EXPECT_EQ(fake::countCalls("calyth_signHash"), 0u) << firmware;
     }
 }
@@ -245,14 +248,14 @@ TEST_F(SignHash, PssOnATokenWithoutFirmwareTextIsNotSupported) {
     provider()->firmware.clear();
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: PSS not supported on firmware "));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: PSS not supported on firmware "));
 }
 
 TEST_F(SignHash, PinCheckComesBeforeTheFirmwareGate) {
     provider()->firmware = "1.0.0";
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer, BCRYPT_PAD_PSS), KSP_NTE_FAIL);
-    EXPECT_FALSE(hasLogLine("ERROR", "KSPSignHash: PSS not supported on firmware 1.0.0"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "KSPSignHash: PSS not supported on firmware 1.0.0"));
 }
 
 TEST_F(SignHash, DeviceFailureIsAnInternalError) {
@@ -260,7 +263,7 @@ TEST_F(SignHash, DeviceFailureIsAnInternalError) {
     fake::failNext("calyth_signHash", 7);
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Sign hash failed: 7"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Sign hash failed: 7"));
     EXPECT_EQ(result, kUnsetResult);
 }
 
@@ -269,7 +272,7 @@ TEST_F(SignHash, NegativeDeviceResultIsLoggedSigned) {
     fake::failNext("calyth_signHash", -3);
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Sign hash failed: -3"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Sign hash failed: -3"));
 }
 
 TEST_F(SignHash, ExpiredSingleSignOnRechecksAndRetriesOnce) {
@@ -295,7 +298,7 @@ TEST_F(SignHash, ExpiredSingleSignOnRechecksAndRetriesOnce) {
     EXPECT_EQ(calls[0].args[1], "1234");
     EXPECT_EQ(calls[1].args[1], "");  // the PIN was forgotten; single sign-on holds none
     EXPECT_EQ(calls[1].args[4], "256");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash SSO expired, re-prompting for PIN"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash SSO expired, re-prompting for PIN"));
 }
 
 TEST_F(SignHash, SecondExpiryIsFinal) {
@@ -305,7 +308,7 @@ TEST_F(SignHash, SecondExpiryIsFinal) {
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_INTERNAL_ERROR);
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 2u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Sign hash failed: 49"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Sign hash failed: 49"));
 }
 
 TEST_F(SignHash, FailedRecheckAfterExpiryIsNteFail) {
@@ -313,7 +316,7 @@ TEST_F(SignHash, FailedRecheckAfterExpiryIsNteFail) {
     fake::failNext("calyth_signHash", CALYTH_SSO_EXPIRED);
     GuardedBuffer buffer(256);
     EXPECT_EQ(sign(rsaKey, buffer), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSignHash: password validation failed after SSO expiry"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: password validation failed after SSO expiry"));
     EXPECT_EQ(fake::countCalls("calyth_signHash"), 1u);
     EXPECT_FALSE(isPinValidated("SN1"));
 }
@@ -330,7 +333,7 @@ TEST_F(SignHash, OversizedDeviceLengthIsCutToTheBuffer) {
     EXPECT_EQ(sign(rsaKey, buffer), KSP_SUCCESS);
     EXPECT_EQ(result, 256u);
     EXPECT_TRUE(buffer.guardIntact());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: SignHash success, signature length=256"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: SignHash success, signature length=256"));
 }
 
 TEST_F(SignHash, NegativeDeviceLengthReportsNothing) {

@@ -25,16 +25,16 @@ TEST_F(PromptUser, NullOrUninitialisedProviderIsAnInvalidHandle) {
     EXPECT_EQ(KSPPromptUser(0, 0, nullptr, 0), KSP_NTE_INVALID_HANDLE);
     provider()->initialized = 0;
     EXPECT_EQ(KSPPromptUser(provider_, 0, nullptr, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPPromptUser: provider handle is null or not initialized"));
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPPromptUser");
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPPromptUser");
 }
 
 TEST_F(PromptUser, HeldPinSucceedsWithoutAskingTheToken) {
     storeValidatedPin("SN1", "1234");
     EXPECT_EQ(KSPPromptUser(provider_, bogusKey, L"sign", 0), KSP_SUCCESS);
     EXPECT_TRUE(fake::calls().empty());
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(PromptUser, SingleSignOnSucceeds) {
@@ -46,7 +46,7 @@ TEST_F(PromptUser, SingleSignOnSucceeds) {
 
 TEST_F(PromptUser, FailedPinCheckIsNteFail) {
     EXPECT_EQ(KSPPromptUser(provider_, bogusKey, L"sign", 0), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPPromptUser: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPPromptUser: password validation failed"));
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 1u);
 }
 
@@ -55,7 +55,7 @@ TEST_F(PromptUser, SilentFlagIsIgnored) {
     // headless), never answering NTE_SILENT_CONTEXT.
     EXPECT_EQ(KSPPromptUser(provider_, 0, nullptr, NCRYPT_SILENT_FLAG), KSP_NTE_FAIL);
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 1u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: User cancelled password dialog"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: User cancelled password dialog"));
     storeValidatedPin("SN1", "1234");
     EXPECT_EQ(KSPPromptUser(provider_, 0, nullptr, NCRYPT_SILENT_FLAG), KSP_SUCCESS);
 }
@@ -67,8 +67,9 @@ TEST_F(NotifyChangeKey, IsNotSupportedWhateverTheArguments) {
     EXPECT_EQ(KSPNotifyChangeKey(0, nullptr, 0), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(KSPNotifyChangeKey(makeProvider(), &event, 0xFFFFFFFF), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(event, nullptr);
-    EXPECT_EQ(logLinesAt("DEBUG"), std::vector<std::string>(2, "KSPNotifyChangeKey"));
-    EXPECT_EQ(logLinesAt("ERROR"), std::vector<std::string>(2, "KSPNotifyChangeKey: not supported"));
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG"), std::vector<std::string>(2, "KSPNotifyChangeKey"));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
+              std::vector<std::string>(2, "KSPNotifyChangeKey: not supported"));
     EXPECT_TRUE(fake::calls().empty());
 }
 

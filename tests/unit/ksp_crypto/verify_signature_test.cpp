@@ -41,8 +41,8 @@ protected:
 
 TEST_F(VerifySignature, LogsItsNameFirst) {
     verify(rsaKey, good);
-    ASSERT_FALSE(logLinesAt("DEBUG").empty());
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPVerifySignature");
+    ASSERT_FALSE(testsupport::logMessagesAt("DEBUG").empty());
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPVerifySignature");
 }
 
 TEST_F(VerifySignature, NullOrUninitialisedProviderIsAnInvalidHandle) {
@@ -50,13 +50,14 @@ TEST_F(VerifySignature, NullOrUninitialisedProviderIsAnInvalidHandle) {
               KSP_NTE_INVALID_HANDLE);
     provider()->initialized = 0;
     EXPECT_EQ(verify(rsaKey, good), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPVerifySignature: provider handle is null or not initialized"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPVerifySignature: provider handle is null or not initialized"));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
 
 TEST_F(VerifySignature, NullKeyIsAnInvalidHandle) {
     EXPECT_EQ(verify(0, good), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPVerifySignature: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPVerifySignature: key handle is null"));
 }
 
 TEST_F(VerifySignature, EachMissingInputIsAnInvalidParameter) {
@@ -68,7 +69,7 @@ TEST_F(VerifySignature, EachMissingInputIsAnInvalidParameter) {
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPVerifySignature(provider_, rsaKey, nullptr, digest.data(), 32, good.data(), 0, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(4, "KSPVerifySignature: invalid input parameters"));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
@@ -76,7 +77,7 @@ TEST_F(VerifySignature, EachMissingInputIsAnInvalidParameter) {
 TEST_F(VerifySignature, KeyWithoutPublicKeyIsABadKey) {
     kspKeyFrom(rsaKey)->publicKeyLength = 0;
     EXPECT_EQ(verify(rsaKey, good), KSP_NTE_BAD_KEY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No public key for verification"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: No public key for verification"));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
 
@@ -90,13 +91,13 @@ TEST_F(VerifySignature, RawModulusIsWrappedIntoDer) {
     EXPECT_EQ(call.args,
               (std::vector<std::string>{"2", fake::hex(digest), "32", fake::hex(der),
                                         std::to_string(der.size()), fake::hex(good), "256", "false"}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: RSA Public key is raw modulus, converting to DER"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: VerifySignature - hash length: 32"));
-    EXPECT_TRUE(
-        hasLogLine("DEBUG", "KSP: VerifySignature - public key DER length: " + std::to_string(der.size())));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: VerifySignature - signature length: 256"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: VerifySignature - padding=PKCS1"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Verify signature success"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: RSA Public key is raw modulus, converting to DER"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: VerifySignature - hash length: 32"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "DEBUG", "KSP: VerifySignature - public key DER length: " + std::to_string(der.size())));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: VerifySignature - signature length: 256"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: VerifySignature - padding=PKCS1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Verify signature success"));
 }
 
 TEST_F(VerifySignature, StoredDerIsPassedUnchanged) {
@@ -106,8 +107,8 @@ TEST_F(VerifySignature, StoredDerIsPassedUnchanged) {
     key->publicKeyLength = static_cast<uint32_t>(der.size());
     EXPECT_EQ(verify(rsaKey, good), KSP_SUCCESS);
     EXPECT_EQ(onlyVerifyCall().args[3], fake::hex(der));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: RSA Public key is already DER encoded"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: VerifySignature - public key DER length: 8"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: RSA Public key is already DER encoded"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: VerifySignature - public key DER length: 8"));
 }
 
 TEST_F(VerifySignature, EcPointIsPassedRawWithTheKeyCode) {
@@ -119,7 +120,7 @@ TEST_F(VerifySignature, EcPointIsPassedRawWithTheKeyCode) {
     fake::Call call = onlyVerifyCall();
     EXPECT_EQ(call.args[0], "5");
     EXPECT_EQ(call.args[3], fake::hex(point));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: ECC public key, passing raw EC point"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: ECC public key, passing raw EC point"));
 }
 
 TEST_F(VerifySignature, OverlongStoredLengthIsBoundedByTheKeyObject) {
@@ -132,13 +133,13 @@ TEST_F(VerifySignature, OverlongStoredLengthIsBoundedByTheKeyObject) {
 TEST_F(VerifySignature, RejectedSignatureIsABadSignature) {
     std::vector<unsigned char> wrong(256, 0x11);
     EXPECT_EQ(verify(rsaKey, wrong), KSP_NTE_BAD_SIGNATURE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Verify signature failed: 1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Verify signature failed: 1"));
 }
 
 TEST_F(VerifySignature, AnyDeviceFailureIsABadSignature) {
     fake::failNext("calyth_verifySignatureHash", -2);
     EXPECT_EQ(verify(rsaKey, good), KSP_NTE_BAD_SIGNATURE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Verify signature failed: -2"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Verify signature failed: -2"));
 }
 
 TEST_F(VerifySignature, AsksNoPassword) {
@@ -149,13 +150,13 @@ TEST_F(VerifySignature, AsksNoPassword) {
 TEST_F(VerifySignature, PssFlagSelectsPssWhateverElseIsSet) {
     EXPECT_EQ(verify(rsaKey, good, BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1), KSP_SUCCESS);
     EXPECT_EQ(onlyVerifyCall().args[7], "true");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: VerifySignature - padding=PSS"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: VerifySignature - padding=PSS"));
 }
 
 TEST_F(VerifySignature, PssOnFirmwareBelowTwoIsNotSupported) {
     provider()->firmware = "1.9.9";
     EXPECT_EQ(verify(rsaKey, good, BCRYPT_PAD_PSS | BCRYPT_PAD_PKCS1), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPVerifySignature: PSS not supported on firmware 1.9.9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPVerifySignature: PSS not supported on firmware 1.9.9"));
     EXPECT_EQ(fake::countCalls("calyth_verifySignatureHash"), 0u);
 }
 

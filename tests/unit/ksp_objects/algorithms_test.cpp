@@ -9,8 +9,6 @@
 
 namespace {
 
-using ksptest::hasLogLine;
-
 struct Row {
     std::wstring name;
     DWORD algorithmClass;
@@ -61,20 +59,20 @@ TEST_F(AlgorithmsTest, IsAlgSupportedAcceptsTheReportedNames) {
     for (const wchar_t* name :
          {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"SHA256", L"SHA1", L"SHA384", L"SHA512"})
         EXPECT_EQ(KSPIsAlgSupported(0, name, 0), 0) << std::string(name, name + wcslen(name));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPIsAlgSupported"));
-    EXPECT_TRUE(ksptest::logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPIsAlgSupported"));
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(AlgorithmsTest, IsAlgSupportedRefusesOtherNames) {
     for (const wchar_t* name : {L"rsa", L"AES", L"SHA256 ", L"", L"ECDSA_P256X"})
         EXPECT_EQ(KSPIsAlgSupported(0, name, 0), KSP_NTE_NOT_SUPPORTED)
             << std::string(name, name + wcslen(name));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPIsAlgSupported: algorithm not supported"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPIsAlgSupported: algorithm not supported"));
 }
 
 TEST_F(AlgorithmsTest, IsAlgSupportedNullNameIsAnInvalidParameter) {
     EXPECT_EQ(KSPIsAlgSupported(provider_, nullptr, 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPIsAlgSupported: pszAlgId is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPIsAlgSupported: pszAlgId is null"));
 }
 
 TEST_F(AlgorithmsTest, IsAlgSupportedDoesNotLookAtTheProvider) {
@@ -98,15 +96,15 @@ TEST_F(AlgorithmsTest, EnumeratesAllEightRowsInOrder) {
     makeProvider();
     std::vector<Row> expected{kRsa, kP256, kP384, kP521, kSha1, kSha256, kSha384, kSha512};
     EXPECT_EQ(enumerate(0), expected);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPEnumAlgorithms"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Enumerated 8 algorithms"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPEnumAlgorithms"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Enumerated 8 algorithms"));
 }
 
 TEST_F(AlgorithmsTest, SignatureOperationKeepsRsaAndTheCurves) {
     makeProvider();
     std::vector<Row> expected{kRsa, kP256, kP384, kP521};
     EXPECT_EQ(enumerate(NCRYPT_SIGNATURE_OPERATION), expected);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Enumerated 4 algorithms"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Enumerated 4 algorithms"));
 }
 
 TEST_F(AlgorithmsTest, OtherOperationMasksFilterByAnySharedBit) {
@@ -124,7 +122,7 @@ TEST_F(AlgorithmsTest, SecretAgreementSelectsNothingAndSucceeds) {
     EXPECT_EQ(count, 0u);
     EXPECT_NE(list, nullptr);
     EXPECT_EQ(KSPFreeBuffer(list), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Enumerated 0 algorithms"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Enumerated 0 algorithms"));
 }
 
 TEST_F(AlgorithmsTest, NullOrClosedProviderIsAnInvalidHandle) {
@@ -136,7 +134,7 @@ TEST_F(AlgorithmsTest, NullOrClosedProviderIsAnInvalidHandle) {
     EXPECT_EQ(KSPEnumAlgorithms(reinterpret_cast<NCRYPT_PROV_HANDLE>(closed), 0, &count, &list, 0),
               KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEnumAlgorithms: provider handle is null or not initialized"));
 }
 
@@ -148,7 +146,7 @@ TEST_F(AlgorithmsTest, NullOutputsAreAnInvalidParameter) {
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(KSPEnumAlgorithms(provider_, 0, &count, nullptr, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(count, 0xDEADu);
-    EXPECT_EQ(ksptest::logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEnumAlgorithms: pdwAlgCount or ppAlgList is null"));
 }
 

@@ -7,8 +7,6 @@
 
 namespace {
 
-using ksptest::hasLogLine;
-
 class FunctionTableTest : public ksptest::KspTest {};
 
 TEST_F(FunctionTableTest, HandsOutVersionOneZeroAndLogsItsName) {
@@ -17,7 +15,7 @@ TEST_F(FunctionTableTest, HandsOutVersionOneZeroAndLogsItsName) {
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->Version.MajorVersion, 1);
     EXPECT_EQ(table->Version.MinorVersion, 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "GetKeyStorageInterface"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "GetKeyStorageInterface"));
 }
 
 TEST_F(FunctionTableTest, EverySlotHoldsItsOperationInOrder) {

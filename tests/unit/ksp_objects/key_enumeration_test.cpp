@@ -10,11 +10,9 @@
 
 namespace {
 
-using ksptest::hasLogLine;
 using ksptest::kEcSignId;
 using ksptest::kRsaExchangeId;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
 using ksptest::wide;
 using objtest::myCallsTo;
 
@@ -66,8 +64,8 @@ TEST_F(EnumKeysTest, NullOrClosedProviderIsAnInvalidHandle) {
               KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(keyName, nullptr);
     EXPECT_EQ(state_, nullptr);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPEnumKeys"));
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPEnumKeys"));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEnumKeys: provider handle is null or not initialized"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -79,7 +77,7 @@ TEST_F(EnumKeysTest, NullOutputsAreAnInvalidParameter) {
     EXPECT_EQ(KSPEnumKeys(provider_, nullptr, &keyName, nullptr, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(state_, nullptr);
     EXPECT_EQ(keyName, nullptr);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPEnumKeys: ppKeyName or ppEnumState is null"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -99,9 +97,9 @@ TEST_F(EnumKeysTest, ListsEveryKeyInTokenOrder) {
     EXPECT_EQ(listed[2].legacyKeySpec, static_cast<DWORD>(AT_SIGNATURE));
     for (const Listed& one : listed)
         EXPECT_EQ(one.flags, 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("KSP: Enumerated key: ") + kRsaSignId));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("KSP: Enumerated key: ") + kRsaExchangeId));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("KSP: Enumerated key: ") + kEcSignId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("KSP: Enumerated key: ") + kRsaSignId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("KSP: Enumerated key: ") + kRsaExchangeId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("KSP: Enumerated key: ") + kEcSignId));
 }
 
 TEST_F(EnumKeysTest, AfterTheLastKeyEveryCallAnswersNoMoreItems) {
@@ -112,9 +110,9 @@ TEST_F(EnumKeysTest, AfterTheLastKeyEveryCallAnswersNoMoreItems) {
         EXPECT_EQ(KSPEnumKeys(provider_, nullptr, &keyName, &state_, 0), KSP_NTE_NO_MORE_ITEMS);
         EXPECT_EQ(keyName, nullptr);
     }
-    std::vector<std::string> debug = logLinesAt("DEBUG");
+    std::vector<std::string> debug = testsupport::logMessagesAt("DEBUG");
     EXPECT_EQ(std::count(debug.begin(), debug.end(), "KSP: No more keys to enumerate"), 4);
-    EXPECT_TRUE(logLinesAt("ERROR").empty());  // the end of the list is no error
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());  // the end of the list is no error
 }
 
 TEST_F(EnumKeysTest, TheTokenIsReadOnceForTheWholeEnumeration) {
@@ -137,7 +135,7 @@ TEST_F(EnumKeysTest, ATokenWithoutKeysEndsAtOnce) {
     makeProvider();
     EXPECT_EQ(next(), KSP_NTE_NO_MORE_ITEMS);
     EXPECT_NE(state_, nullptr);  // the state exists and is released by the caller
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: No more keys to enumerate"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: No more keys to enumerate"));
 }
 
 TEST_F(EnumKeysTest, AProviderWithoutATokenEndsAtOnce) {

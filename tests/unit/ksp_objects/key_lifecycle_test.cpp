@@ -11,10 +11,8 @@
 
 namespace {
 
-using ksptest::hasLogLine;
 using ksptest::kEcSignId;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
 using ksptest::wide;
 using objtest::myCallsTo;
 
@@ -37,9 +35,9 @@ TEST_F(KeyLifecycleTest, CreateRefusesANullOrClosedProvider) {
     EXPECT_EQ(KSPCreatePersistedKey(0, &key, L"RSA", L"k", 0, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(KSPCreatePersistedKey(closed(), &key, L"RSA", L"k", 0, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(key, 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPCreatePersistedKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPCreatePersistedKey"));
     EXPECT_EQ(
-        logLinesAt("ERROR"),
+        testsupport::logMessagesAt("ERROR"),
         std::vector<std::string>(2, "KSPCreatePersistedKey: provider handle is null or not initialized"));
 }
 
@@ -49,7 +47,7 @@ TEST_F(KeyLifecycleTest, CreateRefusesANullOutputOrAlgorithm) {
     EXPECT_EQ(KSPCreatePersistedKey(provider_, nullptr, L"RSA", L"k", 0, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPCreatePersistedKey(provider_, &key, nullptr, L"k", 0, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(key, 0u);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPCreatePersistedKey: phKey or pszAlgId is null"));
 }
 
@@ -60,7 +58,7 @@ TEST_F(KeyLifecycleTest, CreateRefusesOtherAlgorithms) {
         EXPECT_EQ(KSPCreatePersistedKey(provider_, &key, algorithm, L"k", 0, 0), KSP_NTE_NOT_SUPPORTED);
         EXPECT_EQ(key, 0u);
     }
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(6, "KSP: Unsupported algorithm for key generation"));
 }
 
@@ -87,7 +85,7 @@ TEST_P(CreateTableTest, SetsUsageCodeAndLengthWithoutTouchingTheToken) {
     EXPECT_EQ(key->finalized, 0);
     EXPECT_EQ(key->keyIdLength, 0u);
     EXPECT_TRUE(fake::callsFromThisThread().empty());
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key object created, waiting for FinalizeKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key object created, waiting for FinalizeKey"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -114,7 +112,7 @@ TEST_F(KeyLifecycleTest, FinalizeRefusesANullOrClosedProvider) {
     NCRYPT_KEY_HANDLE key = createKey(L"RSA");
     EXPECT_EQ(KSPFinalizeKey(0, key, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(KSPFinalizeKey(closed(), key, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPFinalizeKey: provider handle is null or not initialized"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -122,8 +120,8 @@ TEST_F(KeyLifecycleTest, FinalizeRefusesANullOrClosedProvider) {
 TEST_F(KeyLifecycleTest, FinalizeRefusesANullKey) {
     makeProvider();
     EXPECT_EQ(KSPFinalizeKey(provider_, 0, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFinalizeKey"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFinalizeKey"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: key handle is null"));
 }
 
 TEST_F(KeyLifecycleTest, FinalizeOfAnOpenedKeyTouchesNothing) {
@@ -132,8 +130,8 @@ TEST_F(KeyLifecycleTest, FinalizeOfAnOpenedKeyTouchesNothing) {
     fake::clearCalls();
     EXPECT_EQ(KSPFinalizeKey(provider_, key, 0), 0);
     EXPECT_TRUE(fake::callsFromThisThread().empty());  // no PIN check, no generation
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Password not validated, checking SSO"));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Key finalized successfully"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Password not validated, checking SSO"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Key finalized successfully"));
     EXPECT_EQ(fake::hex(keyOf(key)->keyId, 16), kRsaSignId);
 }
 
@@ -141,7 +139,7 @@ TEST_F(KeyLifecycleTest, FinalizeFailsWhenThePinCheckFails) {
     makeProvider();
     NCRYPT_KEY_HANDLE key = createKey(L"RSA");
     EXPECT_EQ(KSPFinalizeKey(provider_, key, 0), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: password validation failed"));
     EXPECT_TRUE(myCallsTo("calyth_generateKeyPair").empty());
     EXPECT_EQ(keyOf(key)->finalized, 0);
 }
@@ -162,8 +160,9 @@ TEST_F(KeyLifecycleTest, AnRsaKeyWithoutLengthBecomesRsa2048) {
     EXPECT_EQ(generated[0].serial, "SN1");
     // PIN, size code, usage, label: the key name is not sent to the token.
     EXPECT_EQ(generated[0].args, (std::vector<std::string>{"1234", "2", "2", ""}));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=2 bitSize=2048"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key finalized successfully"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=2 bitSize=2048"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key finalized successfully"));
 
     // The object now carries what the token made.
     ASSERT_EQ(fake::token("SN1").keyPairs.size(), keysBefore + 1);
@@ -188,7 +187,8 @@ TEST_F(KeyLifecycleTest, AnUnofferedRsaLengthIsGeneratedAs2048AndKeptAsGiven) {
     EXPECT_EQ(keyOf(handle)->bits, 1536u);
     ASSERT_EQ(myCallsTo("calyth_generateKeyPair").size(), 1u);
     EXPECT_EQ(myCallsTo("calyth_generateKeyPair")[0].args[1], "2");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=2 bitSize=1536"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=2 bitSize=1536"));
 }
 
 TEST_F(KeyLifecycleTest, OfferedRsaLengthsPickTheirCodes) {
@@ -215,7 +215,8 @@ TEST_F(KeyLifecycleTest, CurveKeysTakeTheirCurveLength) {
     ASSERT_EQ(KSPFinalizeKey(provider_, signing, 0), 0);
     EXPECT_EQ(keyOf(signing)->bits, 384u);
     EXPECT_EQ(keyOf(signing)->publicKeyLength, 97u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=6 bitSize=384"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("DEBUG", "KSP: FinalizeKey - generating key, algorithm=6 bitSize=384"));
 
     NCRYPT_KEY_HANDLE agreement = createKey(L"ECDH_P521");
     ASSERT_EQ(KSPFinalizeKey(provider_, agreement, 0), 0);
@@ -232,7 +233,7 @@ TEST_F(KeyLifecycleTest, AnUnknownSizeCodeIsNotSupported) {
     NCRYPT_KEY_HANDLE handle = createKey(L"ECDSA_P256");
     keyOf(handle)->algorithm = 9;
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=9"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=9"));
     EXPECT_TRUE(myCallsTo("calyth_generateKeyPair").empty());
     EXPECT_EQ(keyOf(handle)->finalized, 0);
 }
@@ -242,7 +243,7 @@ TEST_F(KeyLifecycleTest, ThePinCheckComesBeforeTheAlgorithm) {
     NCRYPT_KEY_HANDLE handle = createKey(L"ECDSA_P256");
     keyOf(handle)->algorithm = 9;
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_FAIL);
-    EXPECT_FALSE(hasLogLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=9"));
+    EXPECT_FALSE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=9"));
 }
 
 TEST_F(KeyLifecycleTest, AGenerationFailureIsAnInternalError) {
@@ -251,10 +252,10 @@ TEST_F(KeyLifecycleTest, AGenerationFailureIsAnInternalError) {
     NCRYPT_KEY_HANDLE handle = createKey(L"RSA");
     fake::failNext("calyth_generateKeyPair", 12);
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Key generation failed: 12"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Key generation failed: 12"));
     EXPECT_EQ(keyOf(handle)->finalized, 0);
     EXPECT_EQ(keyOf(handle)->keyIdLength, 0u);
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Key finalized successfully"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Key finalized successfully"));
 }
 
 // The key object is settled before the token is asked: after a failed RSA generation it reads
@@ -286,7 +287,7 @@ TEST_F(KeyLifecycleTest, ASecondFinalizeAfterAFailedRsaGenerationIsNotSupported)
     EXPECT_EQ(keyOf(handle)->bits, 1536u) << "an unoffered length is kept as given";
 
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=2"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: unsupported ECC algorithm=2"));
     EXPECT_EQ(keyOf(handle)->finalized, 0);
     EXPECT_EQ(myCallsTo("calyth_generateKeyPair").size(), 1u);
 }
@@ -322,14 +323,14 @@ TEST_F(KeyLifecycleTest, AnExceptionFromTheDeviceStaysInsideTheProvider) {
         throw std::runtime_error("device gone");
     };
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: unexpected failure"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: unexpected failure"));
     // A fresh key: the first one was settled to code 2 before the device call.
     handle = createKey(L"RSA");
     fake::hooks().generateKeyPair = [](const char*, const char*, CalythKeyPair*) -> int {
         throw std::bad_alloc();
     };
     EXPECT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_NO_MEMORY);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFinalizeKey: out of memory"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFinalizeKey: out of memory"));
     fake::hooks().generateKeyPair = nullptr;
 }
 
@@ -340,7 +341,7 @@ TEST_F(KeyLifecycleTest, DeleteRefusesANullOrClosedProvider) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     EXPECT_EQ(KSPDeleteKey(0, key, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(KSPDeleteKey(closed(), key, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPDeleteKey: provider handle is null or not initialized"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -348,15 +349,15 @@ TEST_F(KeyLifecycleTest, DeleteRefusesANullOrClosedProvider) {
 TEST_F(KeyLifecycleTest, DeleteRefusesANullKey) {
     makeProvider();
     EXPECT_EQ(KSPDeleteKey(provider_, 0, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPDeleteKey"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeleteKey: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPDeleteKey"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeleteKey: key handle is null"));
 }
 
 TEST_F(KeyLifecycleTest, DeleteFailsWhenThePinCheckFails) {
     makeProvider();
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     EXPECT_EQ(KSPDeleteKey(provider_, key, 0), KSP_NTE_FAIL);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPDeleteKey: password validation failed"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPDeleteKey: password validation failed"));
     EXPECT_TRUE(myCallsTo("calyth_deleteKeyPair").empty());
     EXPECT_EQ(fake::token("SN1").keyPairs.size(), 3u);
     EXPECT_EQ(keyOf(key)->name, wide(kRsaSignId));
@@ -374,7 +375,7 @@ TEST_F(KeyLifecycleTest, DeleteRemovesThePairAndKeepsTheObject) {
     EXPECT_EQ(fake::token("SN1").keyPairs.size(), 2u);
     EXPECT_EQ(keyOf(key)->name, L"");
     EXPECT_EQ(fake::hex(keyOf(key)->keyId, 16), kRsaSignId);  // still readable until KSPFreeKey
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key deleted successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key deleted successfully"));
 }
 
 TEST_F(KeyLifecycleTest, DeleteHandsBackTheTokenFlag) {
@@ -393,9 +394,9 @@ TEST_F(KeyLifecycleTest, ADeviceRefusalIsAnInternalError) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     fake::failNext("calyth_deleteKeyPair", 33);
     EXPECT_EQ(KSPDeleteKey(provider_, key, 0), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Delete key failed: 33"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Delete key failed: 33"));
     EXPECT_EQ(keyOf(key)->name, wide(kRsaSignId));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Key deleted successfully"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Key deleted successfully"));
 }
 
 TEST_F(KeyLifecycleTest, DeleteUnderSingleSignOnSendsAnEmptyPin) {
@@ -426,8 +427,8 @@ TEST_F(KeyLifecycleTest, CreateFinalizeAndDeleteTogether) {
 
 TEST_F(KeyLifecycleTest, FreeKeyAcceptsNull) {
     EXPECT_EQ(KSPFreeKey(0, 0), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeKey"));
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeKey"));
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(KeyLifecycleTest, FreeKeyReleasesAKeyWithoutLookingAtTheProvider) {
@@ -436,7 +437,7 @@ TEST_F(KeyLifecycleTest, FreeKeyReleasesAKeyWithoutLookingAtTheProvider) {
     ASSERT_EQ(KSPCreatePersistedKey(provider_, &key, L"RSA", L"a key name long enough for the heap", 0, 0),
               0);
     EXPECT_EQ(KSPFreeKey(0, key), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeKey"));
 }
 
 }  // namespace

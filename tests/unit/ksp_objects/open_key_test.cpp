@@ -11,11 +11,9 @@
 
 namespace {
 
-using ksptest::hasLogLine;
 using ksptest::kEcSignId;
 using ksptest::kRsaExchangeId;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
 using ksptest::wide;
 using objtest::myCallsTo;
 
@@ -33,7 +31,7 @@ protected:
 
     std::vector<std::string> availableKeyLines() {
         std::vector<std::string> out;
-        for (const std::string& line : logLinesAt("DEBUG")) {
+        for (const std::string& line : testsupport::logMessagesAt("DEBUG")) {
             if (line.rfind("KSP: Available key: ", 0) == 0)
                 out.push_back(line);
         }
@@ -51,8 +49,8 @@ TEST_F(OpenKeyTest, NullOrClosedProviderIsAnInvalidHandle) {
                          L"A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1", 0, 0),
               KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(key, 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPOpenKey"));
-    EXPECT_EQ(logLinesAt("ERROR"),
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPOpenKey"));
+    EXPECT_EQ(testsupport::logMessagesAt("ERROR"),
               std::vector<std::string>(2, "KSPOpenKey: provider handle is null or not initialized"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
@@ -61,7 +59,7 @@ TEST_F(OpenKeyTest, NullOutputIsAnInvalidParameter) {
     makeProvider();
     EXPECT_EQ(KSPOpenKey(provider_, nullptr, L"A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1", 0, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPOpenKey: phKey is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPOpenKey: phKey is null"));
     EXPECT_TRUE(fake::callsFromThisThread().empty());
 }
 
@@ -88,12 +86,12 @@ TEST_F(OpenKeyTest, OpensAKeyByItsHexadecimalIdentifier) {
     EXPECT_EQ(key->finalized, 1);
     EXPECT_EQ(key->symmetricKeyLength, 0u);
 
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPOpenKey"));
-    EXPECT_TRUE(hasLogLine("DEBUG", std::string("KSP: Opening key: ") + kRsaSignId));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN1"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key match found, proceeding..."));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key opened, algorithm=2 bits=2048"));
-    EXPECT_TRUE(logLinesAt("ERROR").empty());
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPOpenKey"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", std::string("KSP: Opening key: ") + kRsaSignId));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key match found, proceeding..."));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key opened, algorithm=2 bits=2048"));
+    EXPECT_TRUE(testsupport::logMessagesAt("ERROR").empty());
 }
 
 TEST_F(OpenKeyTest, OpensAnEcKeyWithItsCurveLength) {
@@ -103,7 +101,7 @@ TEST_F(OpenKeyTest, OpensAnEcKeyWithItsCurveLength) {
     EXPECT_EQ(keyOf(handle)->algorithm, CALYTH_KEY_EC_P256);
     EXPECT_EQ(keyOf(handle)->bits, 256u);
     EXPECT_EQ(keyOf(handle)->publicKeyLength, 65u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key opened, algorithm=5 bits=256"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key opened, algorithm=5 bits=256"));
 }
 
 TEST_F(OpenKeyTest, TheGateLogsEachKeyUpToTheMatch) {
@@ -128,8 +126,8 @@ TEST_F(OpenKeyTest, NullNameFailsAfterListingEveryKey) {
     EXPECT_EQ(KSPOpenKey(provider_, &key, nullptr, 0, 0), KSP_NTE_NO_KEY);
     EXPECT_EQ(key, 0u);
     EXPECT_EQ(availableKeyLines().size(), 3u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Input key not found on token: "));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Key match found, proceeding..."));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Input key not found on token: "));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Key match found, proceeding..."));
     // An empty name resolves no token: the device list is not read.
     EXPECT_TRUE(myCallsTo("calyth_getConnectedDeviceList").empty());
     EXPECT_EQ(provider()->serial, "SN1");
@@ -141,8 +139,8 @@ TEST_F(OpenKeyTest, EmptyNameFailsAfterListingEveryKey) {
     EXPECT_EQ(open("", &key), KSP_NTE_NO_KEY);
     EXPECT_EQ(key, 0u);
     EXPECT_EQ(availableKeyLines().size(), 3u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Input key not found on token: "));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Input key not found on token: "));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN1"));
 }
 
 TEST_F(OpenKeyTest, ALabelFindsTheTokenButFailsAtTheGate) {
@@ -150,9 +148,9 @@ TEST_F(OpenKeyTest, ALabelFindsTheTokenButFailsAtTheGate) {
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(open("rsa-sign", &key), KSP_NTE_NO_KEY);
     EXPECT_EQ(key, 0u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN1"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN1"));
     EXPECT_EQ(availableKeyLines().size(), 3u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Input key not found on token: rsa-sign"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Input key not found on token: rsa-sign"));
 }
 
 TEST_F(OpenKeyTest, LowerCaseHexFindsTheTokenButFailsAtTheGate) {
@@ -162,8 +160,9 @@ TEST_F(OpenKeyTest, LowerCaseHexFindsTheTokenButFailsAtTheGate) {
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(open("d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4", &key), KSP_NTE_NO_KEY);
     EXPECT_EQ(provider()->serial, "SN2");  // the lookup ignores case, the gate does not
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN2"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Input key not found on token: d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN2"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSP: Input key not found on token: d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4d4"));
 }
 
 TEST_F(OpenKeyTest, AKeyOnALaterTokenMovesTheProviderThere) {
@@ -174,7 +173,7 @@ TEST_F(OpenKeyTest, AKeyOnALaterTokenMovesTheProviderThere) {
     NCRYPT_KEY_HANDLE handle = 0;
     ASSERT_EQ(open(kOtherTokenId, &handle), 0);
     EXPECT_EQ(provider()->serial, "SN2");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN2"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN2"));
     EXPECT_EQ(fake::hex(keyOf(handle)->keyId, 16), kOtherTokenId);
     EXPECT_EQ(keyOf(handle)->algorithm, CALYTH_KEY_EC_P384);
     EXPECT_EQ(keyOf(handle)->usage, CALYTH_USAGE_EXCHANGE);
@@ -199,8 +198,9 @@ TEST_F(OpenKeyTest, ANameThatMatchesNothingMovesTheProviderToTheFirstToken) {
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(open("0000000000000000000000000000000F", &key), KSP_NTE_NO_KEY);
     EXPECT_EQ(provider()->serial, "SN1");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Resolved key to device: SN1"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Input key not found on token: 0000000000000000000000000000000F"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Resolved key to device: SN1"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSP: Input key not found on token: 0000000000000000000000000000000F"));
 }
 
 TEST_F(OpenKeyTest, AnEmptyNameLeavesTheProvidersToken) {
@@ -223,7 +223,7 @@ TEST_F(OpenKeyTest, ATokenWithoutKeysHasNoKey) {
     NCRYPT_KEY_HANDLE key = 0;
     EXPECT_EQ(open(kRsaSignId, &key), KSP_NTE_NO_KEY);
     EXPECT_EQ(key, 0u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No keys found on token"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: No keys found on token"));
     EXPECT_TRUE(availableKeyLines().empty());
 }
 
@@ -261,8 +261,8 @@ TEST_F(OpenKeyTest, AnOversizedPublicKeyIsRefusedNotCut) {
     ASSERT_EQ(open(kOtherTokenId, &handle), 0);
     KspKey* key = keyOf(handle);
     EXPECT_EQ(key->publicKeyLength, 0u);
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "KSP: Public key from the token too long for the key object, length=1024"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSP: Public key from the token too long for the key object, length=1024"));
     // The rest of the record is taken as usual.
     EXPECT_EQ(key->linkIdLength, static_cast<uint32_t>(big.objectIdLength));
     EXPECT_EQ(std::memcmp(key->linkId, big.objectId, key->linkIdLength), 0);

@@ -9,7 +9,6 @@
 
 namespace {
 
-using ksptest::hasLogLine;
 using objtest::myCallNames;
 using objtest::myCallsTo;
 
@@ -17,8 +16,8 @@ class OpenProviderTest : public objtest::ObjectsTest {};
 
 TEST_F(OpenProviderTest, NullOutputIsAnInvalidParameterAndTouchesNoToken) {
     EXPECT_EQ(KSPOpenProvider(nullptr, L"Calyth Cryptographic Provider CSP", 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPOpenProvider"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPOpenProvider: phProvider is null"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPOpenProvider"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPOpenProvider: phProvider is null"));
     EXPECT_TRUE(myCallNames().empty());
 }
 
@@ -30,9 +29,9 @@ TEST_F(OpenProviderTest, OpensOnTheFirstTokenAndInitialisesIt) {
     EXPECT_EQ(opened->initialized, 1);
     EXPECT_EQ(opened->deviceContext, nullptr);
     EXPECT_EQ(opened->firmware, "2.1.0");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPOpenProvider"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Provider firmware=2.1.0"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Provider opened successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPOpenProvider"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Provider firmware=2.1.0"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Provider opened successfully"));
     EXPECT_TRUE(isDeviceInitialized("SN1"));
     EXPECT_FALSE(isPinValidated("SN1"));  // entered without a password
 
@@ -55,7 +54,7 @@ TEST_F(OpenProviderTest, KeepsTheFirmwareTextOfTheToken) {
     NCRYPT_PROV_HANDLE handle = openProvider();
     ASSERT_NE(handle, 0u);
     EXPECT_EQ(kspProviderFrom(handle)->firmware, "10.4.7");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Provider firmware=10.4.7"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Provider firmware=10.4.7"));
 }
 
 TEST_F(OpenProviderTest, StartsTheDeviceMonitor) {
@@ -70,8 +69,8 @@ TEST_F(OpenProviderTest, WithoutATokenOpensWithAnEmptySerial) {
     EXPECT_EQ(kspProviderFrom(handle)->serial, "");
     EXPECT_EQ(kspProviderFrom(handle)->firmware, "");
     EXPECT_EQ(kspProviderFrom(handle)->initialized, 1);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: No token connected, opening provider without device"));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Provider opened successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: No token connected, opening provider without device"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Provider opened successfully"));
     EXPECT_TRUE(myCallsTo("calyth_getTokenInfo").empty());
     EXPECT_TRUE(myCallsTo("calyth_initDevice").empty());
 }
@@ -85,7 +84,7 @@ TEST_F(OpenProviderTest, WithoutATokenOpenKeyFailsOnTheEmptyKeyList) {
     std::wstring name = ksptest::wide(ksptest::kRsaSignId);
     EXPECT_EQ(KSPOpenKey(handle, &key, name.c_str(), 0, 0), KSP_NTE_NO_KEY);
     EXPECT_EQ(key, 0u);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: No keys found on token"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: No keys found on token"));
     ASSERT_EQ(myCallsTo("calyth_getKeyPairList").size(), 1u);
     EXPECT_EQ(myCallsTo("calyth_getKeyPairList")[0].serial, "");
 }
@@ -114,8 +113,8 @@ TEST_F(OpenProviderTest, AFailingTokenIsLoggedAndTheOpenStillSucceeds) {
     NCRYPT_PROV_HANDLE handle = openProvider();
     ASSERT_NE(handle, 0u);
     EXPECT_EQ(kspProviderFrom(handle)->initialized, 1);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Init device failed for SN2 : 7"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Provider opened successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Init device failed for SN2 : 7"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Provider opened successfully"));
     EXPECT_FALSE(hasDeviceEntry("SN2"));
     EXPECT_TRUE(isDeviceInitialized("SN3"));  // the failure did not stop the walk
 }
@@ -125,7 +124,7 @@ TEST_F(OpenProviderTest, AFailingFirstTokenStillBecomesTheProvidersToken) {
     NCRYPT_PROV_HANDLE handle = openProvider();
     ASSERT_NE(handle, 0u);
     EXPECT_EQ(kspProviderFrom(handle)->serial, "SN1");
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Init device failed for SN1 : 5"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Init device failed for SN1 : 5"));
     EXPECT_FALSE(isDeviceInitialized("SN1"));
 }
 
@@ -164,15 +163,15 @@ class FreeProviderTest : public objtest::ObjectsTest {};
 
 TEST_F(FreeProviderTest, NullHandleIsAnInvalidHandle) {
     EXPECT_EQ(KSPFreeProvider(0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeProvider"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPFreeProvider: provider handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeProvider"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPFreeProvider: provider handle is null"));
 }
 
 TEST_F(FreeProviderTest, FreesAnOpenedProvider) {
     NCRYPT_PROV_HANDLE handle = 0;
     ASSERT_EQ(KSPOpenProvider(&handle, nullptr, 0), 0);
     EXPECT_EQ(KSPFreeProvider(handle), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeProvider"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeProvider"));
 }
 
 TEST_F(FreeProviderTest, FreesAProviderThatWasNeverInitialised) {
@@ -185,14 +184,14 @@ class FreeBufferTest : public objtest::ObjectsTest {};
 
 TEST_F(FreeBufferTest, AcceptsNull) {
     EXPECT_EQ(KSPFreeBuffer(nullptr), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeBuffer"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeBuffer"));
 }
 
 TEST_F(FreeBufferTest, ReleasesAMallocedBlock) {
     void* block = std::malloc(64);
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(KSPFreeBuffer(block), 0);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSPFreeBuffer"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSPFreeBuffer"));
 }
 
 }  // namespace

@@ -13,19 +13,17 @@
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
 #include "properties_fixture.h"
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 #include "token/token_table.h"
 
-using access_test::enterPin;
-using access_test::pressCancel;
-using access_test::SimulatedUser;
-using ksptest::hasLogLine;
 using ksptest::kEcSignId;
 using ksptest::kRsaExchangeId;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
-using proptest::GuardedBuffer;
 using ::testing::ElementsAre;
+using testsupport::enterPin;
+using testsupport::GuardedBuffer;
+using testsupport::pressCancel;
+using testsupport::SimulatedUser;
 
 namespace {
 
@@ -110,13 +108,13 @@ TEST_F(KeyCertificateTest, ACertificateWithTheKeysLabelIsTheKeysCertificate) {
     GuardedBuffer buffer(64);
     DWORD size = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, kCertificate, buffer.data(), buffer.size(), &size, 0), 0);
-    EXPECT_EQ(buffer.value(size), derOf(0x02));
+    EXPECT_EQ(buffer.written(size), derOf(0x02));
     auto init = fake::callsTo("calyth_initDevice");
     ASSERT_EQ(init.size(), 1u);
     EXPECT_EQ(init[0].serial, "SN1");
     EXPECT_THAT(init[0].args, ElementsAre("true"));
     EXPECT_THAT(fake::callNames(), ElementsAre("calyth_initDevice", "calyth_getCertificateList"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: GetKeyProperty: SmartCardKeyCertificate"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: GetKeyProperty: SmartCardKeyCertificate"));
 }
 
 TEST_F(KeyCertificateTest, TheLookupStillRunsWhenTheDeviceDoesNotInitialise) {
@@ -224,7 +222,7 @@ TEST_F(KeyCertificateTest, NoCertificateForTheKeyIsNotFound) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     DWORD size = 1234;
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, kCertificate, nullptr, 0, &size, 0), KSP_NTE_NOT_FOUND);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSP: Certificate not found for key"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre("KSP: Certificate not found for key"));
     addCertificate(certificateRecord(derOf(0x01), "rsa-exchange"));
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, kCertificate, nullptr, 0, &size, 0), KSP_NTE_NOT_FOUND);
 }
@@ -244,10 +242,10 @@ TEST_F(KeyCertificateTest, SizeQueryAndShortBuffer) {
               KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, 700u);
     EXPECT_TRUE(small.untouchedFrom(0));
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
     GuardedBuffer exact(700);
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, kCertificate, exact.data(), exact.size(), &size, 0), 0);
-    EXPECT_EQ(exact.value(700), der);
+    EXPECT_EQ(exact.written(700), der);
     EXPECT_TRUE(exact.untouchedFrom(700));
 }
 
@@ -264,7 +262,7 @@ TEST_F(KeyCertificateTest, AHostileDerLengthIsHeldToTheRecord) {
     EXPECT_EQ(size, 3072u);
     GuardedBuffer buffer(3072);
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, kCertificate, buffer.data(), buffer.size(), &size, 0), 0);
-    EXPECT_EQ(buffer.value(3072), full);
+    EXPECT_EQ(buffer.written(3072), full);
     EXPECT_TRUE(buffer.untouchedFrom(3072));
 }
 
@@ -309,7 +307,7 @@ TEST_F(KeyCertificateTest, AStoredCertificateCarriesTheKeysLinkIdentifierAndTheH
     EXPECT_THAT(imports(), ElementsAre("1234|" + fake::hex(der) + "|Alice_Test CA"));
     EXPECT_EQ(std::vector<BYTE>(seen.objectId, seen.objectId + seen.objectIdLength), linkIdOf(key));
     EXPECT_EQ(seen.derLength, 40);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Certificate stored successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Certificate stored successfully"));
 }
 
 TEST_F(KeyCertificateTest, AStoredCertificateIsFoundAgainThroughItsLinkIdentifier) {
@@ -349,7 +347,8 @@ TEST_F(KeyCertificateTest, ACancelledPinDialogStoresNothing) {
     SimulatedUser user({pressCancel()});
     EXPECT_EQ(store(key, der), KSP_NTE_FAIL);
     EXPECT_THAT(user.finish(), ElementsAre("dialog"));
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSetKeyProperty: password validation failed for certificate import"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSPSetKeyProperty: password validation failed for certificate import"));
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 0u);
 }
 
@@ -360,7 +359,7 @@ TEST_F(KeyCertificateTest, ANullOrEmptyCertificateIsABadParameter) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, kCertificate, nullptr, 6, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, kCertificate, der.data(), 0, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_THAT(nobody.finish(), ElementsAre());
-    EXPECT_THAT(logLinesAt("ERROR"),
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
                 ElementsAre("KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty",
                             "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty"));
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 0u);
@@ -376,8 +375,8 @@ TEST_F(KeyCertificateTest, ACertificateLongerThanTheRecordIsRefusedBeforeThePinC
     SimulatedUser nobody({});
     EXPECT_EQ(store(key, tooLong), KSP_NTE_INVALID_PARAMETER);
     EXPECT_THAT(nobody.finish(), ElementsAre());
-    EXPECT_TRUE(
-        hasLogLine("ERROR", "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY too large, cbInput=3073"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY too large, cbInput=3073"));
     EXPECT_EQ(fake::countCalls("calyth_getTokenInfo"), 0u);
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 0u);
 
@@ -395,14 +394,14 @@ TEST_F(KeyCertificateTest, ARefusedImportIsAnInternalError) {
     registerDetails(der, {0xC1, 0x09});
     fake::failNext("calyth_importCertificate", 5);
     EXPECT_EQ(store(key, der), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Import certificate failed: 5"));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: Certificate stored successfully"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Import certificate failed: 5"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: Certificate stored successfully"));
 }
 
 TEST_F(KeyCertificateTest, ACertificateTheDeviceCannotParseIsAnInternalError) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     storeValidatedPin("SN1", "1234");
     EXPECT_EQ(store(key, derOf(0x2A)), KSP_NTE_INTERNAL_ERROR);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: Import certificate failed: 1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: Import certificate failed: 1"));
     EXPECT_EQ(fake::countCalls("calyth_importCertificate"), 0u);
 }

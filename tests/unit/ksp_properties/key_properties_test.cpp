@@ -13,15 +13,13 @@
 #include "ksp/ksp_objects.h"
 #include "properties_fixture.h"
 
-using ksptest::hasLogLine;
 using ksptest::kEcSignId;
 using ksptest::kRsaExchangeId;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
 using proptest::dwordAt;
-using proptest::GuardedBuffer;
 using proptest::wideAt;
 using ::testing::ElementsAre;
+using testsupport::GuardedBuffer;
 
 namespace {
 
@@ -63,8 +61,8 @@ TEST_F(KeyPropertiesTest, RefusesANullOrClosedProvider) {
     provider()->initialized = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, L"Name", nullptr, 0, &size, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPGetKeyProperty");
-    EXPECT_THAT(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPGetKeyProperty");
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
                 ElementsAre("KSPGetKeyProperty: provider handle is null or not initialized",
                             "KSPGetKeyProperty: provider handle is null or not initialized"));
 }
@@ -72,7 +70,7 @@ TEST_F(KeyPropertiesTest, RefusesANullOrClosedProvider) {
 TEST_F(KeyPropertiesTest, RefusesANullKey) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, 0, L"Name", nullptr, 0, &size, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPGetKeyProperty: key handle is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPGetKeyProperty: key handle is null"));
 }
 
 TEST_F(KeyPropertiesTest, RefusesANullNameOrResultPointer) {
@@ -80,16 +78,18 @@ TEST_F(KeyPropertiesTest, RefusesANullNameOrResultPointer) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, nullptr, nullptr, 0, &size, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, L"Name", nullptr, 0, nullptr, 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPGetKeyProperty: pszProperty or pcbResult is null",
-                                                 "KSPGetKeyProperty: pszProperty or pcbResult is null"));
-    EXPECT_FALSE(hasLogLine("DEBUG", "KSP: GetKeyProperty: "));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
+                ElementsAre("KSPGetKeyProperty: pszProperty or pcbResult is null",
+                            "KSPGetKeyProperty: pszProperty or pcbResult is null"));
+    EXPECT_FALSE(testsupport::logHasLine("DEBUG", "KSP: GetKeyProperty: "));
 }
 
 TEST_F(KeyPropertiesTest, LogsThePropertyNameNarrowed) {
     NCRYPT_KEY_HANDLE key = makeKey(kRsaSignId);
     DWORD size = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, L"Length", nullptr, 0, &size, 0), 0);
-    EXPECT_THAT(logLinesAt("DEBUG"), ElementsAre("KSPGetKeyProperty", "KSP: GetKeyProperty: Length"));
+    EXPECT_THAT(testsupport::logMessagesAt("DEBUG"),
+                ElementsAre("KSPGetKeyProperty", "KSP: GetKeyProperty: Length"));
 }
 
 // ---- names ----
@@ -120,7 +120,7 @@ TEST_F(KeyPropertiesTest, NameWith65BytesIsTooSmallAndReports66) {
               KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, 66u);
     EXPECT_TRUE(buffer.untouchedFrom(0));
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
 }
 
 TEST_F(KeyPropertiesTest, NameFillsABiggerBufferOnlyUpToItsSize) {
@@ -265,7 +265,8 @@ TEST_F(KeyPropertiesTest, SecurityDescriptorIsNotSupported) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetKeyProperty(provider_, makeKey(kRsaSignId), L"Security Descr", nullptr, 0, &size, 0),
               KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPGetKeyProperty: NCRYPT_SECURITY_DESCR_PROPERTY not supported"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPGetKeyProperty: NCRYPT_SECURITY_DESCR_PROPERTY not supported"));
 }
 
 TEST_F(KeyPropertiesTest, UnknownOrMiscasedNamesAreNotSupported) {
@@ -276,8 +277,8 @@ TEST_F(KeyPropertiesTest, UnknownOrMiscasedNamesAreNotSupported) {
     EXPECT_EQ(KSPGetKeyProperty(provider_, key, L"Chaining Mode", nullptr, 0, &size, 0),
               KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(size, 0u);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPGetKeyProperty: unsupported property",
-                                                 "KSPGetKeyProperty: unsupported property",
-                                                 "KSPGetKeyProperty: unsupported property"));
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: GetKeyProperty: Chaining Mode"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre("KSPGetKeyProperty: unsupported property",
+                                                                 "KSPGetKeyProperty: unsupported property",
+                                                                 "KSPGetKeyProperty: unsupported property"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: GetKeyProperty: Chaining Mode"));
 }

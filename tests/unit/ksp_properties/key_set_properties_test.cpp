@@ -15,13 +15,11 @@
 #include "token/process_state.h"
 #include "token/token_table.h"
 
-using ksptest::hasLogLine;
 using ksptest::kRsaSignId;
-using ksptest::logLinesAt;
-using proptest::FencedBytes;
 using proptest::narrowBytes;
 using proptest::wideBytes;
 using ::testing::ElementsAre;
+using testsupport::FencedBuffer;
 
 namespace {
 
@@ -59,8 +57,8 @@ TEST_F(KeySetPropertiesTest, RefusesANullOrClosedProvider) {
     provider()->initialized = 0;
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"Length", value.data(), 4, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(keyOf(key)->bits, 0u);
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPSetKeyProperty");
-    EXPECT_THAT(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPSetKeyProperty");
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
                 ElementsAre("KSPSetKeyProperty: provider handle is null or not initialized",
                             "KSPSetKeyProperty: provider handle is null or not initialized"));
 }
@@ -70,8 +68,8 @@ TEST_F(KeySetPropertiesTest, RefusesANullKeyOrName) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, 0, L"Length", value.data(), 4, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(KSPSetKeyProperty(provider_, makeEmptyKey(), nullptr, value.data(), 4, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPSetKeyProperty: key handle is null",
-                                                 "KSPSetKeyProperty: pszProperty is null"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre("KSPSetKeyProperty: key handle is null",
+                                                                 "KSPSetKeyProperty: pszProperty is null"));
 }
 
 TEST_F(KeySetPropertiesTest, UnknownOrMiscasedNamesAreNotSupported) {
@@ -79,8 +77,8 @@ TEST_F(KeySetPropertiesTest, UnknownOrMiscasedNamesAreNotSupported) {
     EXPECT_EQ(setKeyProperty(key, L"length", dwordBytes(4096)), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(setKeyProperty(key, L"Export Policy", dwordBytes(0)), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(keyOf(key)->bits, 0u);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPSetKeyProperty: unsupported property",
-                                                 "KSPSetKeyProperty: unsupported property"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre("KSPSetKeyProperty: unsupported property",
+                                                                 "KSPSetKeyProperty: unsupported property"));
 }
 
 // ---- window handle ----
@@ -98,7 +96,7 @@ TEST_F(KeySetPropertiesTest, AShortOrMissingWindowOnAKeyLeavesTheWindow) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", tooShort.data(), tooShort.size(), 0), 0);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"HWND Handle", nullptr, sizeof(HWND), 0), 0);
     EXPECT_EQ(provider()->window, reinterpret_cast<HWND>(0x55));
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
 }
 
 // ---- length ----
@@ -107,13 +105,13 @@ TEST_F(KeySetPropertiesTest, LengthIsTakenAsItIs) {
     NCRYPT_KEY_HANDLE key = makeEmptyKey();
     EXPECT_EQ(setKeyProperty(key, L"Length", dwordBytes(3072)), 0);
     EXPECT_EQ(keyOf(key)->bits, 3072u);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key length set to 3072"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key length set to 3072"));
     // No range check here: finalising maps the value.
     EXPECT_EQ(setKeyProperty(key, L"Length", dwordBytes(1536)), 0);
     EXPECT_EQ(keyOf(key)->bits, 1536u);
     EXPECT_EQ(setKeyProperty(key, L"Length", dwordBytes(0xFFFFFFFF)), 0);
     EXPECT_EQ(keyOf(key)->bits, 0xFFFFFFFFu);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Key length set to 4294967295"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Key length set to 4294967295"));
 }
 
 TEST_F(KeySetPropertiesTest, AShortOrMissingLengthChangesNothing) {
@@ -122,7 +120,7 @@ TEST_F(KeySetPropertiesTest, AShortOrMissingLengthChangesNothing) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"Length", three.data(), 3, 0), 0);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"Length", nullptr, 4, 0), 0);
     EXPECT_EQ(keyOf(key)->bits, 2048u);
-    EXPECT_THAT(logLinesAt("DEBUG"), ElementsAre("KSPSetKeyProperty", "KSPSetKeyProperty"));
+    EXPECT_THAT(testsupport::logMessagesAt("DEBUG"), ElementsAre("KSPSetKeyProperty", "KSPSetKeyProperty"));
 }
 
 // ---- key usage ----
@@ -165,10 +163,10 @@ TEST_F(KeySetPropertiesTest, ChainingModeEcbAndBackToCbc) {
     NCRYPT_KEY_HANDLE key = symmetricKey(16);
     EXPECT_EQ(setKeyProperty(key, L"ChainingMode", wideBytes(L"ChainingModeECB")), 0);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_ECB);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Chaining mode set to ECB"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Chaining mode set to ECB"));
     EXPECT_EQ(setKeyProperty(key, L"ChainingMode", wideBytes(L"ChainingModeCBC")), 0);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_CBC);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Chaining mode set to CBC"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Chaining mode set to CBC"));
 }
 
 TEST_F(KeySetPropertiesTest, AnotherChainingModeIsNotSupportedAndLeavesTheMode) {
@@ -178,7 +176,7 @@ TEST_F(KeySetPropertiesTest, AnotherChainingModeIsNotSupportedAndLeavesTheMode) 
     EXPECT_EQ(setKeyProperty(key, L"ChainingMode", wideBytes(L"chainingmodecbc")), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(setKeyProperty(key, L"ChainingMode", narrowBytes("ChainingModeCBC")), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_ECB);
-    EXPECT_THAT(logLinesAt("ERROR"),
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
                 ElementsAre("KSP: Unsupported chaining mode", "KSP: Unsupported chaining mode",
                             "KSP: Unsupported chaining mode"));
 }
@@ -190,7 +188,7 @@ TEST_F(KeySetPropertiesTest, AnEmptyChainingModeChangesNothing) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", nullptr, 32, 0), 0);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", value.data(), 0, 0), 0);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_ECB);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
 }
 
 // The mode text is read up to its NUL but never past cbInput: a value that fills its buffer without
@@ -198,8 +196,9 @@ TEST_F(KeySetPropertiesTest, AnEmptyChainingModeChangesNothing) {
 // shorter.
 TEST_F(KeySetPropertiesTest, TheChainingModeIsReadWithinItsLength) {
     NCRYPT_KEY_HANDLE key = symmetricKey(16);
-    FencedBytes exact(wideBytes(L"ChainingModeECB", false));
-    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", exact.data(), 30, 0), 0);
+    FencedBuffer exactFence;
+    PBYTE exact = exactFence.place(wideBytes(L"ChainingModeECB", false));
+    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", exact, 30, 0), 0);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_ECB);
 
     auto cut = wideBytes(L"ChainingModeCBC");
@@ -209,12 +208,13 @@ TEST_F(KeySetPropertiesTest, TheChainingModeIsReadWithinItsLength) {
 
 TEST_F(KeySetPropertiesTest, AnOddLengthChainingModeIgnoresTheHalfCharacter) {
     NCRYPT_KEY_HANDLE key = symmetricKey(16);
-    FencedBytes odd([] {
+    FencedBuffer oddFence;
+    PBYTE odd = oddFence.place([] {
         auto bytes = wideBytes(L"ChainingModeECB", false);
         bytes.push_back('X');
         return bytes;
     }());
-    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", odd.data(), 31, 0), 0);
+    EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"ChainingMode", odd, 31, 0), 0);
     EXPECT_EQ(keyOf(key)->chainingMode, KSP_CHAINING_ECB);
 }
 
@@ -226,7 +226,7 @@ TEST_F(KeySetPropertiesTest, AnIvOfTheAesBlockSizeIsTaken) {
         iv[i] = static_cast<BYTE>(0x40 + i);
     EXPECT_EQ(setKeyProperty(symmetricKey(16), L"IV", iv), 0);
     EXPECT_EQ(processIv(), iv);
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: IV set, size: 16"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: IV set, size: 16"));
     std::vector<BYTE> other(16, 0x99);
     EXPECT_EQ(setKeyProperty(symmetricKey(32), L"IV", other), 0);
     EXPECT_EQ(processIv(), other);
@@ -238,15 +238,15 @@ TEST_F(KeySetPropertiesTest, ATwelveByteIvOnAnAesKeyFailsAndKeepsThePreviousIv) 
     EXPECT_EQ(setKeyProperty(symmetricKey(16), L"IV", std::vector<BYTE>(12, 0x77)),
               KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(processIv(), previous);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 12, expected 16"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: IV size mismatch: got 12, expected 16"));
     EXPECT_EQ(setKeyProperty(symmetricKey(32), L"IV", std::vector<BYTE>(8, 0x77)), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 8, expected 16"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: IV size mismatch: got 8, expected 16"));
     EXPECT_EQ(processIv(), previous);
 }
 
 TEST_F(KeySetPropertiesTest, ATripleDesKeyWantsAnEightByteIv) {
     EXPECT_EQ(setKeyProperty(symmetricKey(24), L"IV", std::vector<BYTE>(16, 1)), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: IV size mismatch: got 16, expected 8"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: IV size mismatch: got 16, expected 8"));
     EXPECT_EQ(setKeyProperty(symmetricKey(24), L"IV", std::vector<BYTE>(8, 2)), 0);
     EXPECT_EQ(processIv(), std::vector<BYTE>(8, 2));
 }
@@ -271,7 +271,7 @@ TEST_F(KeySetPropertiesTest, AnEmptyIvClearsTheProcessWideIv) {
     std::vector<BYTE> some(16, 1);
     EXPECT_EQ(KSPSetKeyProperty(provider_, key, L"IV", some.data(), 0, 0), 0);
     EXPECT_TRUE(processIv().empty());
-    EXPECT_THAT(logLinesAt("DEBUG"),
+    EXPECT_THAT(testsupport::logMessagesAt("DEBUG"),
                 ElementsAre("KSPSetKeyProperty", "KSP: IV cleared", "KSPSetKeyProperty", "KSP: IV cleared"));
 }
 
@@ -290,13 +290,13 @@ TEST_F(KeySetPropertiesTest, APinOnAKeyIsValidatedForTheProvidersToken) {
     EXPECT_EQ(calls[0].serial, "SN1");
     EXPECT_THAT(calls[0].args, ElementsAre("1234", "1"));
     EXPECT_EQ(getValidatedPin("SN1"), "1234");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Setting PIN via property"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Setting PIN via property"));
 }
 
 TEST_F(KeySetPropertiesTest, AWrongPinOnAKeyFailsValidation) {
     EXPECT_EQ(setKeyProperty(makeKey(kRsaSignId), L"SmartCardPin", narrowBytes("0000")),
               KSP_NTE_VALIDATION_FAILED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: PIN validation failed: 1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: PIN validation failed: 1"));
     EXPECT_FALSE(isPinValidated("SN1"));
 }
 
@@ -309,13 +309,14 @@ TEST_F(KeySetPropertiesTest, AWidePinOnAKeyIsReadAsItsFirstCharacter) {
 TEST_F(KeySetPropertiesTest, ANullPinOnAKeyIsABadParameter) {
     EXPECT_EQ(KSPSetKeyProperty(provider_, makeKey(kRsaSignId), L"SmartCardPin", nullptr, 5, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSetKeyProperty: NCRYPT_PIN_PROPERTY pbInput is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSetKeyProperty: NCRYPT_PIN_PROPERTY pbInput is null"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
 }
 
 TEST_F(KeySetPropertiesTest, APinWithoutNulOnAKeyIsBoundedByItsLength) {
-    FencedBytes value(narrowBytes("123", false));
-    EXPECT_EQ(KSPSetKeyProperty(provider_, makeKey(kRsaSignId), L"SmartCardPin", value.data(), 3, 0),
+    FencedBuffer fence;
+    PBYTE value = fence.place(narrowBytes("123", false));
+    EXPECT_EQ(KSPSetKeyProperty(provider_, makeKey(kRsaSignId), L"SmartCardPin", value, 3, 0),
               KSP_NTE_VALIDATION_FAILED);
     auto calls = fake::callsTo("calyth_validatePassword");
     ASSERT_EQ(calls.size(), 1u);

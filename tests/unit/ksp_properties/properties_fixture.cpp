@@ -3,27 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-
 namespace proptest {
-
-bool GuardedBuffer::untouchedFrom(size_t from) const {
-    return std::all_of(bytes_.begin() + from, bytes_.end(), [](BYTE b) { return b == kGuard; });
-}
-
-FencedBytes::FencedBytes(const std::vector<BYTE>& bytes) {
-    SYSTEM_INFO info;
-    GetSystemInfo(&info);
-    DWORD page = info.dwPageSize;
-    region_ = static_cast<BYTE*>(VirtualAlloc(nullptr, 2 * page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    DWORD old = 0;
-    VirtualProtect(region_ + page, page, PAGE_NOACCESS, &old);
-    start_ = region_ + page - bytes.size();
-    std::memcpy(start_, bytes.data(), bytes.size());
-}
-
-FencedBytes::~FencedBytes() {
-    VirtualFree(region_, 0, MEM_RELEASE);
-}
 
 std::vector<BYTE> wideBytes(const std::wstring& text, bool withNul) {
     size_t count = text.size() + (withNul ? 1 : 0);
@@ -67,7 +47,7 @@ SECURITY_STATUS PropertiesTest::getKeyProperty(NCRYPT_KEY_HANDLE key, const wcha
     SECURITY_STATUS status = KSPGetKeyProperty(provider_, key, name, nullptr, 0, &size, 0);
     if (status != 0)
         return status;
-    value->assign(size, kGuard);
+    value->assign(size, testsupport::kGuardByte);
     DWORD written = 0;
     status = KSPGetKeyProperty(provider_, key, name, value->data(), size, &written, 0);
     EXPECT_EQ(written, size);
@@ -79,7 +59,7 @@ SECURITY_STATUS PropertiesTest::getProviderProperty(const wchar_t* name, std::ve
     SECURITY_STATUS status = KSPGetProviderProperty(provider_, name, nullptr, 0, &size, 0);
     if (status != 0)
         return status;
-    value->assign(size, kGuard);
+    value->assign(size, testsupport::kGuardByte);
     DWORD written = 0;
     status = KSPGetProviderProperty(provider_, name, value->data(), size, &written, 0);
     EXPECT_EQ(written, size);

@@ -14,15 +14,13 @@
 #include "properties_fixture.h"
 #include "token/token_table.h"
 
-using ksptest::hasLogLine;
-using ksptest::logLinesAt;
 using proptest::dwordAt;
-using proptest::FencedBytes;
-using proptest::GuardedBuffer;
 using proptest::narrowBytes;
 using proptest::wideAt;
 using proptest::wideBytes;
 using ::testing::ElementsAre;
+using testsupport::FencedBuffer;
+using testsupport::GuardedBuffer;
 
 namespace {
 
@@ -56,8 +54,9 @@ std::vector<BYTE> handleBytes(HWND window) {
 TEST_F(ProviderPropertiesTest, GetRefusesANullProvider) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetProviderProperty(0, NCRYPT_NAME_PROPERTY, nullptr, 0, &size, 0), KSP_NTE_INVALID_HANDLE);
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPGetProviderProperty");
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPGetProviderProperty: provider handle is null or not initialized"));
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPGetProviderProperty");
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSPGetProviderProperty: provider handle is null or not initialized"));
     EXPECT_EQ(size, 0u);
 }
 
@@ -67,7 +66,8 @@ TEST_F(ProviderPropertiesTest, GetRefusesAProviderNotInitialised) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetProviderProperty(closed, NCRYPT_NAME_PROPERTY, nullptr, 0, &size, 0),
               KSP_NTE_INVALID_HANDLE);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPGetProviderProperty: provider handle is null or not initialized"));
+    EXPECT_TRUE(testsupport::logHasLine(
+        "ERROR", "KSPGetProviderProperty: provider handle is null or not initialized"));
 }
 
 TEST_F(ProviderPropertiesTest, GetRefusesANullNameOrResultPointer) {
@@ -75,8 +75,9 @@ TEST_F(ProviderPropertiesTest, GetRefusesANullNameOrResultPointer) {
     EXPECT_EQ(KSPGetProviderProperty(provider_, nullptr, nullptr, 0, &size, 0), KSP_NTE_INVALID_PARAMETER);
     EXPECT_EQ(KSPGetProviderProperty(provider_, NCRYPT_NAME_PROPERTY, nullptr, 0, nullptr, 0),
               KSP_NTE_INVALID_PARAMETER);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPGetProviderProperty: pszProperty or pcbResult is null",
-                                                 "KSPGetProviderProperty: pszProperty or pcbResult is null"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
+                ElementsAre("KSPGetProviderProperty: pszProperty or pcbResult is null",
+                            "KSPGetProviderProperty: pszProperty or pcbResult is null"));
 }
 
 // ---- KSPGetProviderProperty: values ----
@@ -103,7 +104,7 @@ TEST_F(ProviderPropertiesTest, AShortBufferGetsTheSizeButNoBytesAndNoErrorLine) 
               KSP_NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, 68u);
     EXPECT_TRUE(buffer.untouchedFrom(0));
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
 }
 
 TEST_F(ProviderPropertiesTest, NumbersAndTheAlgorithm) {
@@ -137,7 +138,8 @@ TEST_F(ProviderPropertiesTest, ANumberIsWrittenIntoABiggerBufferWithoutTouchingT
 TEST_F(ProviderPropertiesTest, UseCountIsNotSupported) {
     DWORD size = 0;
     EXPECT_EQ(KSPGetProviderProperty(provider_, L"Use Count", nullptr, 0, &size, 0), KSP_NTE_NOT_SUPPORTED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported"));
 }
 
 TEST_F(ProviderPropertiesTest, NamesAreComparedExactly) {
@@ -147,9 +149,10 @@ TEST_F(ProviderPropertiesTest, NamesAreComparedExactly) {
     EXPECT_EQ(KSPGetProviderProperty(provider_, L"Export Policy", nullptr, 0, &size, 0),
               KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(size, 0u);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPGetProviderProperty: unsupported property",
-                                                 "KSPGetProviderProperty: unsupported property",
-                                                 "KSPGetProviderProperty: unsupported property"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
+                ElementsAre("KSPGetProviderProperty: unsupported property",
+                            "KSPGetProviderProperty: unsupported property",
+                            "KSPGetProviderProperty: unsupported property"));
 }
 
 // ---- KSPSetProviderProperty: checks ----
@@ -160,23 +163,24 @@ TEST_F(ProviderPropertiesTest, SetRefusesANullOrClosedProvider) {
     provider()->initialized = 0;
     EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", value.data(), 8, 0), KSP_NTE_INVALID_HANDLE);
     EXPECT_EQ(provider()->window, nullptr);
-    EXPECT_EQ(logLinesAt("DEBUG").front(), "KSPSetProviderProperty");
-    EXPECT_THAT(logLinesAt("ERROR"),
+    EXPECT_EQ(testsupport::logMessagesAt("DEBUG").front(), "KSPSetProviderProperty");
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
                 ElementsAre("KSPSetProviderProperty: provider handle is null or not initialized",
                             "KSPSetProviderProperty: provider handle is null or not initialized"));
 }
 
 TEST_F(ProviderPropertiesTest, SetRefusesANullName) {
     EXPECT_EQ(KSPSetProviderProperty(provider_, nullptr, nullptr, 0, 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSetProviderProperty: pszProperty is null"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSetProviderProperty: pszProperty is null"));
 }
 
 TEST_F(ProviderPropertiesTest, SetOfAnUnknownPropertyIsNotSupported) {
     EXPECT_EQ(setProperty(L"Name", wideBytes(L"x")), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(setProperty(L"hwnd handle", handleBytes(windowValue(5))), KSP_NTE_NOT_SUPPORTED);
     EXPECT_EQ(provider()->window, nullptr);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre("KSPSetProviderProperty: unsupported property",
-                                                 "KSPSetProviderProperty: unsupported property"));
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"),
+                ElementsAre("KSPSetProviderProperty: unsupported property",
+                            "KSPSetProviderProperty: unsupported property"));
 }
 
 // ---- window handle ----
@@ -196,7 +200,7 @@ TEST_F(ProviderPropertiesTest, AShortOrMissingWindowValueClearsTheWindow) {
     provider()->window = windowValue(0x77);
     EXPECT_EQ(KSPSetProviderProperty(provider_, L"HWND Handle", nullptr, sizeof(HWND), 0), 0);
     EXPECT_EQ(provider()->window, nullptr);
-    EXPECT_THAT(logLinesAt("ERROR"), ElementsAre());
+    EXPECT_THAT(testsupport::logMessagesAt("ERROR"), ElementsAre());
 }
 
 // ---- PIN ----
@@ -206,12 +210,12 @@ TEST_F(ProviderPropertiesTest, ARightPinIsValidatedAndHeldForTheToken) {
     EXPECT_THAT(pinsValidated(), ElementsAre("SN1 1234 1"));
     EXPECT_TRUE(isPinValidated("SN1"));
     EXPECT_EQ(getValidatedPin("SN1"), "1234");
-    EXPECT_TRUE(hasLogLine("DEBUG", "KSP: Setting PIN via property"));
+    EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Setting PIN via property"));
 }
 
 TEST_F(ProviderPropertiesTest, AWrongPinFailsValidationAndIsNotHeld) {
     EXPECT_EQ(setProperty(L"SmartCardPin", narrowBytes("9999")), KSP_NTE_VALIDATION_FAILED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: PIN validation failed: 1"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: PIN validation failed: 1"));
     EXPECT_FALSE(isPinValidated("SN1"));
     EXPECT_EQ(getValidatedPin("SN1"), "");
 }
@@ -219,12 +223,13 @@ TEST_F(ProviderPropertiesTest, AWrongPinFailsValidationAndIsNotHeld) {
 TEST_F(ProviderPropertiesTest, TheDeviceResultIsLoggedNotReturned) {
     fake::failNext("calyth_validatePassword", 48);
     EXPECT_EQ(setProperty(L"SmartCardPin", narrowBytes("1234")), KSP_NTE_VALIDATION_FAILED);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSP: PIN validation failed: 48"));
+    EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: PIN validation failed: 48"));
 }
 
 TEST_F(ProviderPropertiesTest, ANullPinIsABadParameter) {
     EXPECT_EQ(KSPSetProviderProperty(provider_, L"SmartCardPin", nullptr, 8, 0), KSP_NTE_INVALID_PARAMETER);
-    EXPECT_TRUE(hasLogLine("ERROR", "KSPSetProviderProperty: NCRYPT_PIN_PROPERTY pbInput is null"));
+    EXPECT_TRUE(
+        testsupport::logHasLine("ERROR", "KSPSetProviderProperty: NCRYPT_PIN_PROPERTY pbInput is null"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
 }
 
@@ -242,8 +247,9 @@ TEST_F(ProviderPropertiesTest, ThePinEndsAtItsNulWhateverTheLength) {
 // With no NUL among the cbInput bytes, the PIN is those bytes: nothing past the caller's buffer is
 // read (the page after it is inaccessible).
 TEST_F(ProviderPropertiesTest, APinWithoutNulIsBoundedByItsLength) {
-    FencedBytes value(narrowBytes("1234", false));
-    EXPECT_EQ(KSPSetProviderProperty(provider_, L"SmartCardPin", value.data(), 4, 0), 0);
+    FencedBuffer fence;
+    PBYTE value = fence.place(narrowBytes("1234", false));
+    EXPECT_EQ(KSPSetProviderProperty(provider_, L"SmartCardPin", value, 4, 0), 0);
     EXPECT_THAT(pinsValidated(), ElementsAre("SN1 1234 1"));
     EXPECT_EQ(getValidatedPin("SN1"), "1234");
 }

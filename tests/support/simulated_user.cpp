@@ -1,9 +1,9 @@
-#include "simulated_user.h"
+#include "support/simulated_user.h"
 
 #include <cstring>
 #include <string>
 
-namespace access_test {
+namespace testsupport {
 namespace {
 
 constexpr int kPinField = 1001;
@@ -229,4 +229,4 @@ bool SimulatedUser::runSteps() {
     return true;
 }
 
-}  // namespace access_test
+}  // namespace testsupport

@@ -1,12 +1,12 @@
 // A caller's buffer placed at the very end of a committed page with an inaccessible page after it:
 // a read or write one byte past its length faults at once (the in-Wine stand-in for
-// AddressSanitizer). One region, reused for every input.
+// AddressSanitizer). One region, reused for every place() or room().
 #pragma once
 
 #include <cstddef>
 #include <vector>
 
-namespace fuzzwine {
+namespace testsupport {
 
 class FencedBuffer {
 public:
@@ -25,4 +25,4 @@ private:
     size_t usable_ = 0;
 };
 
-}  // namespace fuzzwine
+}  // namespace testsupport

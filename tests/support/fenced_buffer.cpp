@@ -1,10 +1,10 @@
-#include "system/fuzz_wine/fenced_buffer.h"
+#include "support/fenced_buffer.h"
 
 #include <windows.h>
 
 #include <cstring>
 
-namespace fuzzwine {
+namespace testsupport {
 
 FencedBuffer::FencedBuffer(size_t capacity) {
     SYSTEM_INFO info{};
@@ -37,4 +37,4 @@ unsigned char* FencedBuffer::room(size_t length) {
     return at;
 }
 
-}  // namespace fuzzwine
+}  // namespace testsupport

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace access_test {
+namespace testsupport {
 
 struct UserStep {
     enum Kind {
@@ -89,4 +89,4 @@ void pressButton(HWND dialog, int id);
 // The button's own BM_CLICK, whatever its state.
 void clickButton(HWND dialog, int id);
 
-}  // namespace access_test
+}  // namespace testsupport
