@@ -92,7 +92,7 @@ protected:
 };
 
 TEST_F(CngFuzz, KSPImportKey) {
-    NCRYPT_KEY_HANDLE tokenKey = openTokenKey(cngtest::tokenKey("rsa2048", "exchange"));
+    NCRYPT_KEY_HANDLE tokenKey = openTokenKey(cngtest::generateKey(cngtest::kSerial, "rsa2048", "exchange"));
     ASSERT_NE(tokenKey, 0u);
     const Bytes seeds[] = {cngRsaPublicBlob(),
                            cngEccPublicBlob(BCRYPT_ECDSA_PUBLIC_P256_MAGIC),
@@ -118,7 +118,7 @@ TEST_F(CngFuzz, KSPImportKey) {
 }
 
 TEST_F(CngFuzz, KSPProperties) {
-    NCRYPT_KEY_HANDLE keys[2] = {openTokenKey(cngtest::tokenKey("p256", "sign")), 0};
+    NCRYPT_KEY_HANDLE keys[2] = {openTokenKey(cngtest::generateKey(cngtest::kSerial, "p256", "sign")), 0};
     Bytes rsa = cngRsaPublicBlob();
     ASSERT_EQ(client.table()->ImportKey(bare, 0, BCRYPT_RSAPUBLIC_BLOB, nullptr, &keys[1], rsa.data(),
                                         static_cast<DWORD>(rsa.size()), 0),
@@ -162,7 +162,7 @@ TEST_F(CngFuzz, KSPProperties) {
 
 TEST_F(CngFuzz, KSPDeriveKey) {
     NCRYPT_KEY_HANDLE tokenKey = 0;
-    std::wstring name = cngtest::wide(cngtest::tokenKey("p256", "exchange"));
+    std::wstring name = cngtest::wide(cngtest::generateKey(cngtest::kSerial, "p256", "exchange"));
     ASSERT_EQ(client.table()->OpenKey(provider(), &tokenKey, name.c_str(), 0, 0), 0);
     NCRYPT_KEY_HANDLE peer = 0;
     Bytes peerBlob = cngEccPublicBlob(BCRYPT_ECDH_PUBLIC_P256_MAGIC);
