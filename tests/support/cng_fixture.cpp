@@ -13,7 +13,7 @@
 
 namespace cngtest {
 
-bool makeTokenInFreshStore(const std::string& store, const TokenSpec& token) {
+bool makeTokenInFreshStore(const std::string& store, const TokenSetup& token) {
     testsupport::useFreshTokenStore(store);
     return testsupport::makeToken(token.serial, "--pin " + token.pin);
 }
@@ -36,7 +36,8 @@ std::string tokenPublicKey(const std::string& serial, const std::string& keyId) 
     return testsupport::exportPublicKey(serial, keyId, testsupport::tempPath(keyId + ".pem"));
 }
 
-bool makeTokenKey(const TokenSpec& token, const std::string& type, const std::string& usage, TokenKey* made) {
+bool makeTokenKey(const TokenSetup& token, const std::string& type, const std::string& usage,
+                  TokenKey* made) {
     made->serial = token.serial;
     if (!makeTokenInFreshStore(token.serial, token))
         return false;

@@ -18,14 +18,14 @@
 namespace cngtest {
 
 // A soft token: its serial and its user PIN.
-struct TokenSpec {
+struct TokenSetup {
     std::string serial;
     std::string pin;
 };
 
 // Points the token store at a fresh folder <temp>\<store> and makes the token there. False, with a
 // fatal failure of the test (ASSERT_NO_FATAL_FAILURE sees it), when calyth-token fails.
-bool makeTokenInFreshStore(const std::string& store, const TokenSpec& token);
+bool makeTokenInFreshStore(const std::string& store, const TokenSetup& token);
 
 // calyth-token genkey --type TYPE --usage USAGE (sign, exchange, both) on the token `serial`; the
 // 32-character key id, "" (and a test failure) when that fails.
@@ -46,7 +46,7 @@ struct TokenKey {
 // A fresh store named after the serial (so the token is the only one connected), the token, one
 // key of `type` and `usage`, and its exported public key. False, with a test failure, when a step
 // fails.
-bool makeTokenKey(const TokenSpec& token, const std::string& type, const std::string& usage, TokenKey* made);
+bool makeTokenKey(const TokenSetup& token, const std::string& type, const std::string& usage, TokenKey* made);
 
 // A provider opened through the client and the keys opened or imported through it; all are freed
 // once, keys first, when the session closes or ends. The provider opens on first use; with a PIN
@@ -88,7 +88,7 @@ private:
 // provider session with the token's PIN handed over.
 class CngTokenTest : public ::testing::Test {
 protected:
-    explicit CngTokenTest(TokenSpec spec) : token(std::move(spec)), session_(client, token.pin) {}
+    explicit CngTokenTest(TokenSetup setup) : token(std::move(setup)), session_(client, token.pin) {}
     void SetUp() override;
     // Closes the session; a failing free is a test failure.
     void TearDown() override;
@@ -97,7 +97,7 @@ protected:
     NCRYPT_KEY_HANDLE openKey(const std::string& keyId) { return session_.openKey(keyId); }
     void freeKey(NCRYPT_KEY_HANDLE key) { session_.freeKey(key); }
 
-    const TokenSpec token;
+    const TokenSetup token;
     CngClient client;
 
 private:

@@ -16,7 +16,7 @@
 namespace blobsys {
 
 // One token for a whole program, in a store of the program's own.
-const cngtest::TokenSpec kToken{"SN1", "1234"};
+const cngtest::TokenSetup kToken{"SN1", "1234"};
 
 // The DER SubjectPublicKeyInfo OpenSSL writes for a public key file (PEM or DER) of the scratch
 // folder, so that keys from different sources compare byte for byte.
