@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "cng_support.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
 
 using namespace cngtest;
@@ -36,7 +37,7 @@ TEST_F(Encryption, CngCiphertextsAreDecryptedByOpenSsl) {
     for (const char* bits : {"2048", "3072"}) {
         std::string keyFile = opensslKey(std::string("rsa") + bits + ".key",
                                          std::string("-algorithm RSA -pkeyopt rsa_keygen_bits:") + bits);
-        NCRYPT_KEY_HANDLE key = openKey(importKey(keyFile, "exchange"));
+        NCRYPT_KEY_HANDLE key = openKey(importKeyFile(kSerial, keyFile, "exchange"));
         ASSERT_NE(key, 0u);
         for (const Padding& padding : kPaddings) {
             SCOPED_TRACE(std::string(bits) + " " + padding.name);
@@ -62,10 +63,10 @@ TEST_F(Encryption, CngCiphertextsAreDecryptedByOpenSsl) {
 
 TEST_F(Encryption, OpenSslCiphertextsAreDecryptedOnTheToken) {
     std::string keyFile = opensslKey("own.key", "-algorithm RSA -pkeyopt rsa_keygen_bits:2048");
-    std::string id = importKey(keyFile, "exchange");
+    std::string id = importKeyFile(kSerial, keyFile, "exchange");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
-    std::string pem = testsupport::exportPublicKey(kSerial, id, testsupport::tempPath("own.pem"));
+    std::string pem = tokenPublicKey(kSerial, id);
     testsupport::writeTemp("secret.bin", kSecret);
     for (const Padding& padding : kPaddings) {
         SCOPED_TRACE(padding.name);
@@ -87,7 +88,7 @@ TEST_F(Encryption, OpenSslCiphertextsAreDecryptedOnTheToken) {
 }
 
 TEST_F(Encryption, TokenKeysRoundTripThroughEncryptAndDecrypt) {
-    std::string id = tokenKey("rsa2048", "exchange");
+    std::string id = generateKey(kSerial, "rsa2048", "exchange");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     for (const Padding& padding : kPaddings) {

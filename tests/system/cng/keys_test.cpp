@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "cng_support.h"
+#include "support/provider_registration.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 using namespace cngtest;
 
@@ -67,7 +69,7 @@ std::string createThroughCng(CngClient& client, NCRYPT_PROV_HANDLE provider, con
 
 // The key size OpenSSL reads from the exported public key ("Public-Key: (3072 bit)").
 std::string opensslKeySize(const std::string& keyId) {
-    std::string pem = testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath(keyId + ".pem"));
+    std::string pem = tokenPublicKey(kSerial, keyId);
     std::string output;
     EXPECT_EQ(testsupport::runOpenSsl("pkey -pubin -noout -text -in " + testsupport::unixPath(pem), &output),
               0)
@@ -79,10 +81,10 @@ std::string opensslKeySize(const std::string& keyId) {
 }  // namespace
 
 TEST_F(KeyEnumeration, ListsExactlyTheTokensKeysAndEachOpensByItsName) {
-    std::string signing = tokenKey("rsa2048", "sign");
-    std::string exchange = tokenKey("p256", "exchange");
-    std::string both = tokenKey("p384", "both");
-    std::string small = tokenKey("rsa1024", "exchange");
+    std::string signing = generateKey(kSerial, "rsa2048", "sign");
+    std::string exchange = generateKey(kSerial, "p256", "exchange");
+    std::string both = generateKey(kSerial, "p384", "both");
+    std::string small = generateKey(kSerial, "rsa1024", "exchange");
     std::vector<std::string> onToken = testsupport::listedKeyIds(kSerial);
     ASSERT_EQ(onToken.size(), 4u);
 
@@ -118,8 +120,8 @@ TEST_F(KeyEnumeration, ListsExactlyTheTokensKeysAndEachOpensByItsName) {
 }
 
 TEST_F(KeyEnumeration, EnumerationByHandStepsThroughEveryKeyThenReportsNoMoreItems) {
-    tokenKey("p256", "sign");
-    tokenKey("p521", "sign");
+    generateKey(kSerial, "p256", "sign");
+    generateKey(kSerial, "p521", "sign");
     void* state = nullptr;
     for (int i = 0; i < 2; ++i) {
         NCryptKeyName* name = nullptr;
@@ -184,7 +186,7 @@ TEST_F(KeyCreation, EcKeysLandOnTheTokenAndAreCryptoApiContainers) {
 }
 
 TEST_F(KeyCreation, DeletedKeyLeavesTheTokenAndItsHandleIsStillFreedOnce) {
-    std::string id = tokenKey("p256", "sign");
+    std::string id = generateKey(kSerial, "p256", "sign");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     EXPECT_EQ(client.deleteKey(provider(), key), 0);

@@ -7,7 +7,10 @@
 
 #include "cng_support.h"
 #include "support/ecdsa_signature.h"
+#include "support/provider_registration.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
+#include "support/token_tool.h"
 
 using namespace cngtest;
 
@@ -27,10 +30,6 @@ const Hash kHashes[] = {{BCRYPT_SHA1_ALGORITHM, "sha1"},
                         {BCRYPT_SHA384_ALGORITHM, "sha384"},
                         {BCRYPT_SHA512_ALGORITHM, "sha512"}};
 
-std::string publicKeyOf(const std::string& keyId) {
-    return testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath(keyId + ".pem"));
-}
-
 void flipOneBit(Bytes& signature) {
     signature[signature.size() / 2] ^= 0x10;
 }
@@ -38,8 +37,8 @@ void flipOneBit(Bytes& signature) {
 }  // namespace
 
 TEST_F(Signing, Pkcs1OverEveryHashVerifiesWithOpenSsl) {
-    std::string id = tokenKey("rsa2048", "sign");
-    std::string pem = publicKeyOf(id);
+    std::string id = generateKey(kSerial, "rsa2048", "sign");
+    std::string pem = tokenPublicKey(kSerial, id);
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     for (const Hash& hash : kHashes) {
@@ -58,8 +57,8 @@ TEST_F(Signing, Pkcs1OverEveryHashVerifiesWithOpenSsl) {
 TEST_F(Signing, PssOnFirmwareTwoPointOneVerifiesWithOpenSsl) {
     ASSERT_EQ(testsupport::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 2.1.0"),
               0);
-    std::string id = tokenKey("rsa3072", "sign");
-    std::string pem = publicKeyOf(id);
+    std::string id = generateKey(kSerial, "rsa3072", "sign");
+    std::string pem = tokenPublicKey(kSerial, id);
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     for (const Hash& hash : {kHashes[1], kHashes[3]}) {
@@ -80,7 +79,7 @@ TEST_F(Signing, PssOnFirmwareTwoPointOneVerifiesWithOpenSsl) {
 TEST_F(Signing, PssIsRefusedOnFirmwareOnePointNine) {
     ASSERT_EQ(testsupport::calythToken(std::string("set-firmware --serial ") + kSerial + " --version 1.9"),
               0);
-    std::string id = tokenKey("rsa2048", "sign");
+    std::string id = generateKey(kSerial, "rsa2048", "sign");
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
     Bytes digest = nativeHash(BCRYPT_SHA256_ALGORITHM, kMessage);
@@ -91,7 +90,7 @@ TEST_F(Signing, PssIsRefusedOnFirmwareOnePointNine) {
     // PKCS #1 still works on the same token.
     BCRYPT_PKCS1_PADDING_INFO pkcs1 = {BCRYPT_SHA256_ALGORITHM};
     ASSERT_EQ(client.signHash(provider(), key, &pkcs1, digest, &signature, BCRYPT_PAD_PKCS1), 0);
-    EXPECT_TRUE(opensslVerifies(publicKeyOf(id), "sha256", kMessage, signature));
+    EXPECT_TRUE(opensslVerifies(tokenPublicKey(kSerial, id), "sha256", kMessage, signature));
     freeKey(key);
 }
 
@@ -103,14 +102,14 @@ TEST_F(Signing, EcdsaOnEveryCurveVerifiesWithOpenSsl) {
     } cases[] = {{"p256", kHashes[1], 64}, {"p384", kHashes[2], 96}, {"p521", kHashes[3], 132}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.type);
-        std::string id = tokenKey(c.type, "sign");
+        std::string id = generateKey(kSerial, c.type, "sign");
         NCRYPT_KEY_HANDLE key = openKey(id);
         ASSERT_NE(key, 0u);
         Bytes signature;
         ASSERT_EQ(
             client.signHash(provider(), key, nullptr, nativeHash(c.hash.bcrypt, kMessage), &signature, 0), 0);
         EXPECT_EQ(signature.size(), c.length) << "r||s";
-        EXPECT_TRUE(opensslVerifies(publicKeyOf(id), c.hash.openssl, kMessage,
+        EXPECT_TRUE(opensslVerifies(tokenPublicKey(kSerial, id), c.hash.openssl, kMessage,
                                     testsupport::ecdsaSignatureToDer(signature)));
         freeKey(key);
     }
@@ -118,7 +117,7 @@ TEST_F(Signing, EcdsaOnEveryCurveVerifiesWithOpenSsl) {
 
 TEST_F(Verification, AcceptsRsaSignaturesOpenSslMadeAndRejectsAFlippedBit) {
     std::string keyFile = opensslKey("own-rsa.key", "-algorithm RSA -pkeyopt rsa_keygen_bits:2048");
-    std::string id = importKey(keyFile, "sign");
+    std::string id = importKeyFile(kSerial, keyFile, "sign");
     ASSERT_FALSE(id.empty());
     NCRYPT_KEY_HANDLE key = openKey(id);
     ASSERT_NE(key, 0u);
@@ -146,8 +145,8 @@ TEST_F(Verification, AcceptsRsaSignaturesOpenSslMadeAndRejectsAFlippedBit) {
 TEST_F(Verification, AcceptsPssAndEcdsaSignaturesOpenSslMade) {
     std::string rsaFile = opensslKey("own-pss.key", "-algorithm RSA -pkeyopt rsa_keygen_bits:2048");
     std::string ecFile = opensslKey("own-ec.key", "-algorithm EC -pkeyopt ec_paramgen_curve:P-384");
-    NCRYPT_KEY_HANDLE rsa = openKey(importKey(rsaFile, "sign"));
-    NCRYPT_KEY_HANDLE ec = openKey(importKey(ecFile, "sign"));
+    NCRYPT_KEY_HANDLE rsa = openKey(importKeyFile(kSerial, rsaFile, "sign"));
+    NCRYPT_KEY_HANDLE ec = openKey(importKeyFile(kSerial, ecFile, "sign"));
     ASSERT_NE(rsa, 0u);
     ASSERT_NE(ec, 0u);
     testsupport::writeTemp("document.txt", kMessage);
@@ -178,7 +177,7 @@ TEST_F(Verification, AcceptsPssAndEcdsaSignaturesOpenSslMade) {
 }
 
 TEST_F(Signing, CalythSignWithCngWritesASignatureOpenSslVerifies) {
-    std::string id = tokenKey("rsa2048", "sign");
+    std::string id = generateKey(kSerial, "rsa2048", "sign");
     std::string document = testsupport::writeTemp("document.txt", kMessage);
     std::string signature = testsupport::tempPath("document.cng.sig");
     std::string output;
@@ -189,8 +188,8 @@ TEST_F(Signing, CalythSignWithCngWritesASignatureOpenSslVerifies) {
                                 &output),
         0)
         << output;
-    EXPECT_TRUE(
-        opensslVerifies(publicKeyOf(id), "sha256", kMessage, testsupport::readTemp("document.cng.sig")));
+    EXPECT_TRUE(opensslVerifies(tokenPublicKey(kSerial, id), "sha256", kMessage,
+                                testsupport::readTemp("document.cng.sig")));
 
     EXPECT_EQ(
         testsupport::runCommand("\"" + testsupport::programFolder() + "calyth-sign.exe\" --cng --container " +

@@ -2,49 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include "support/provider_registration.h"
 #include "support/scratch_files.h"
-#include "support/test_support.h"
-#include "support/token_tool.h"
-#include "util/encoding.h"
-#include "util/utils.h"
 
 namespace blobsys {
 
-std::string generateKey(const std::string& serial, const std::string& type, const std::string& usage) {
-    std::string output;
-    int code = testsupport::calythToken("genkey --serial " + serial + " --type " + type + " --usage " + usage,
-                                        &output);
-    EXPECT_EQ(code, 0) << output;
-    std::string id = Utils().trim(output);
-    EXPECT_EQ(id.size(), 32u) << output;
-    return code == 0 && id.size() == 32 ? id : std::string();
-}
-
-std::string unixTemp(const std::string& fileName) {
-    static const std::string folder = testsupport::unixPath(testsupport::tempFolder());
-    return folder + fileName;
-}
-
-bool openssl(const std::string& arguments, std::string* output) {
-    std::string text;
-    int code = testsupport::runOpenSsl(arguments, &text);
-    EXPECT_EQ(code, 0) << "openssl " << arguments << "\n" << text;
-    if (output)
-        *output = text;
-    return code == 0;
-}
-
 Bytes opensslPublicDer(const std::string& fileName, bool der) {
     std::string out = fileName + ".normal.der";
-    if (!openssl("pkey -pubin -in " + unixTemp(fileName) + (der ? " -inform DER" : "") +
-                 " -outform DER -out " + unixTemp(out)))
+    if (!cngtest::openssl("pkey -pubin -in " + cngtest::unixTemp(fileName) + (der ? " -inform DER" : "") +
+                          " -outform DER -out " + cngtest::unixTemp(out)))
         return {};
     return testsupport::readTemp(out);
-}
-
-std::string hex(const Bytes& bytes) {
-    return Utils().bytesToHex(bytes.data(), static_cast<int>(bytes.size()));
 }
 
 uint32_t wordAt(const Bytes& blob, size_t offset) {
@@ -90,81 +57,6 @@ Bytes ecPointOf(const Bytes& spki, size_t coordinate) {
     return spki.size() >= length ? Bytes(spki.end() - length, spki.end()) : Bytes();
 }
 
-namespace {
-
-// One DER TLV at `at`: its content; `at` moves past it. Short forms and 0x81/0x82 lengths.
-Bytes readTlv(const Bytes& der, size_t* at) {
-    if (*at + 2 > der.size())
-        return {};
-    size_t length = der[*at + 1];
-    size_t header = 2;
-    if (length == 0x81) {
-        length = der.at(*at + 2);
-        header = 3;
-    } else if (length == 0x82) {
-        length = der.at(*at + 2) << 8 | der.at(*at + 3);
-        header = 4;
-    }
-    if (*at + header + length > der.size())
-        return {};
-    Bytes content(der.begin() + *at + header, der.begin() + *at + header + length);
-    *at += header + length;
-    return content;
-}
-
-Bytes fixedWidth(Bytes integer, size_t width) {
-    while (integer.size() > width && integer.front() == 0)
-        integer.erase(integer.begin());
-    integer.insert(integer.begin(), width - std::min(width, integer.size()), 0);
-    return integer;
-}
-
-Bytes derInteger(Bytes value) {
-    while (value.size() > 1 && value.front() == 0 && value[1] < 0x80)
-        value.erase(value.begin());
-    if (!value.empty() && value.front() >= 0x80)
-        value.insert(value.begin(), 0);
-    return encodeDerTlv(0x02, value);
-}
-
-}  // namespace
-
-Bytes ecdsaDerToRaw(const Bytes& der, size_t coordinate) {
-    size_t at = 0;
-    Bytes sequence = readTlv(der, &at);
-    at = 0;
-    Bytes r = readTlv(sequence, &at);
-    Bytes s = readTlv(sequence, &at);
-    Bytes raw = fixedWidth(r, coordinate);
-    Bytes second = fixedWidth(s, coordinate);
-    raw.insert(raw.end(), second.begin(), second.end());
-    return raw;
-}
-
-Bytes ecdsaRawToDer(const Bytes& raw) {
-    size_t half = raw.size() / 2;
-    Bytes body = derInteger(Bytes(raw.begin(), raw.begin() + half));
-    Bytes s = derInteger(Bytes(raw.begin() + half, raw.end()));
-    body.insert(body.end(), s.begin(), s.end());
-    return encodeDerTlv(0x30, body);
-}
-
-Bytes hashOf(const wchar_t* algorithm, const Bytes& data) {
-    BcryptAlgorithm provider(algorithm);
-    EXPECT_EQ(provider.status, 0);
-    DWORD length = 0;
-    ULONG got = 0;
-    BCryptGetProperty(provider.handle, BCRYPT_HASH_LENGTH, reinterpret_cast<PUCHAR>(&length), sizeof length,
-                      &got, 0);
-    Bytes digest(length);
-    BCRYPT_HASH_HANDLE hash = nullptr;
-    EXPECT_EQ(BCryptCreateHash(provider.handle, &hash, nullptr, 0, nullptr, 0, 0), 0);
-    BCryptHashData(hash, const_cast<PUCHAR>(data.data()), static_cast<ULONG>(data.size()), 0);
-    EXPECT_EQ(BCryptFinishHash(hash, digest.data(), length, 0), 0);
-    BCryptDestroyHash(hash);
-    return digest;
-}
-
 Bytes rsaPublicBlob(const Bytes& exponent, const Bytes& modulus) {
     Bytes blob;
     for (uint32_t word :
@@ -203,42 +95,6 @@ NTSTATUS bcryptExport(BCRYPT_KEY_HANDLE key, const wchar_t* blobType, Bytes* blo
     status = BCryptExportKey(key, nullptr, blobType, blob->data(), size, &size, 0);
     blob->resize(size);
     return status;
-}
-
-Session::Session(cngtest::CngClient& client) : client_(client) {
-    EXPECT_TRUE(client_.loaded());
-    EXPECT_EQ(client_.openProvider(&provider_), 0);
-    if (provider_ != 0) {
-        EXPECT_EQ(client_.setPin(provider_, "1234"), 0);
-    }
-}
-
-Session::~Session() {
-    for (NCRYPT_KEY_HANDLE key : keys_)
-        client_.freeKey(provider_, key);
-    if (provider_ != 0)
-        client_.freeProvider(provider_);
-}
-
-NCRYPT_KEY_HANDLE Session::open(const std::string& keyId) {
-    NCRYPT_KEY_HANDLE key = 0;
-    EXPECT_EQ(client_.openKey(provider_, &key, cngtest::wide(keyId)), 0) << keyId;
-    if (key != 0)
-        keys_.push_back(key);
-    return key;
-}
-
-SECURITY_STATUS Session::import(const wchar_t* blobType, const Bytes& blob, NCRYPT_KEY_HANDLE* key,
-                                NCRYPT_KEY_HANDLE importKey) {
-    *key = 0;
-    SECURITY_STATUS status = client_.importKey(provider_, importKey, blobType, nullptr, key, blob);
-    if (status == 0 && *key != 0)
-        keys_.push_back(*key);
-    return status;
-}
-
-SECURITY_STATUS Session::exportBlob(NCRYPT_KEY_HANDLE key, const wchar_t* blobType, Bytes* blob) {
-    return client_.exportKey(provider_, key, 0, blobType, nullptr, blob);
 }
 
 }  // namespace blobsys

@@ -1,5 +1,6 @@
-// Helpers of the CNG blob tests: soft-token keys, key blobs and public keys in the forms OpenSSL
-// reads, ECDSA signature forms, hashes and Wine's bcrypt.
+// Helpers of the CNG blob tests: the token they share, key blobs and public keys in the forms
+// OpenSSL reads, and Wine's bcrypt. Token, provider session, hashes and OpenSSL runs come from the
+// CNG fixture (tests/support/cng_fixture.h).
 #pragma once
 
 #include <windows.h>
@@ -8,26 +9,19 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-#include "support/cng_client.h"
+#include "support/cng_fixture.h"
+#include "util/encoding.h"
 
 namespace blobsys {
 
-using Bytes = std::vector<unsigned char>;
+// One token for a whole program, in a store of the program's own.
+const cngtest::TokenSetup kToken{"SN1", "1234"};
 
-// calyth-token genkey on `serial`; the 32-character key id, "" on failure (a test failure too).
-std::string generateKey(const std::string& serial, const std::string& type, const std::string& usage);
-
-// Unix path of a scratch file of the program's temp folder, for OpenSSL arguments.
-std::string unixTemp(const std::string& fileName);
-// Runs openssl; a non-zero exit is a test failure showing the output.
-bool openssl(const std::string& arguments, std::string* output = nullptr);
-// The DER SubjectPublicKeyInfo OpenSSL writes for a public key file (PEM or DER), so that keys
-// from different sources compare byte for byte.
+// The DER SubjectPublicKeyInfo OpenSSL writes for a public key file (PEM or DER) of the scratch
+// folder, so that keys from different sources compare byte for byte.
 Bytes opensslPublicDer(const std::string& fileName, bool der);
 
-std::string hex(const Bytes& bytes);
 uint32_t wordAt(const Bytes& blob, size_t offset);
 void putWord(Bytes* blob, uint32_t value);
 Bytes randomBytes(size_t count);
@@ -36,13 +30,6 @@ Bytes randomBytes(size_t count);
 Bytes ecSubjectPublicKeyInfo(const Bytes& point, uint32_t bits);
 // The point at the end of an EC SubjectPublicKeyInfo (the last 2 * coordinate + 1 bytes).
 Bytes ecPointOf(const Bytes& spki, size_t coordinate);
-
-// ECDSA signatures: DER SEQUENCE { r, s } <-> r||s with coordinate-sized halves.
-Bytes ecdsaDerToRaw(const Bytes& der, size_t coordinate);
-Bytes ecdsaRawToDer(const Bytes& raw);
-
-// A hash made by Wine's bcrypt: "SHA256", "SHA384", "SHA512".
-Bytes hashOf(const wchar_t* algorithm, const Bytes& data);
 
 // BCRYPT_RSAPUBLIC_BLOB from big-endian exponent and modulus; BCRYPT_ECCPUBLIC_BLOB from a point.
 Bytes rsaPublicBlob(const Bytes& exponent, const Bytes& modulus);
@@ -74,28 +61,5 @@ struct BcryptKey {
 };
 // BCryptExportKey with a size query first; the status of the second call.
 NTSTATUS bcryptExport(BCRYPT_KEY_HANDLE key, const wchar_t* blobType, Bytes* blob);
-
-// A provider on the soft token with the PIN given, and the keys opened or imported through it,
-// all freed when the session ends.
-class Session {
-public:
-    explicit Session(cngtest::CngClient& client);
-    ~Session();
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-
-    NCRYPT_PROV_HANDLE provider() const { return provider_; }
-    // Opens a token key by its id; 0 (and a test failure) when it cannot.
-    NCRYPT_KEY_HANDLE open(const std::string& keyId);
-    // KSPImportKey; the key is freed with the session.
-    SECURITY_STATUS import(const wchar_t* blobType, const Bytes& blob, NCRYPT_KEY_HANDLE* key,
-                           NCRYPT_KEY_HANDLE importKey = 0);
-    SECURITY_STATUS exportBlob(NCRYPT_KEY_HANDLE key, const wchar_t* blobType, Bytes* blob);
-
-private:
-    cngtest::CngClient& client_;
-    NCRYPT_PROV_HANDLE provider_ = 0;
-    std::vector<NCRYPT_KEY_HANDLE> keys_;
-};
 
 }  // namespace blobsys

@@ -10,12 +10,15 @@
 
 #include "blobs_support.h"
 #include "support/cng_client.h"
+#include "support/ecdsa_signature.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
 #include "support/token_tool.h"
 #include "util/encoding.h"
 
 using namespace blobsys;
+using namespace cngtest;
+using testsupport::hex;
 
 namespace {
 
@@ -34,19 +37,18 @@ struct TokenKeys {
 class CngBlobExportTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        testsupport::useFreshTokenStore("cng-blobs-export");
-        ASSERT_TRUE(testsupport::makeToken("SN1", std::string("--pin ") + "1234"));
-        keys_.rsa2048 = generateKey("SN1", "rsa2048", "sign");
-        keys_.rsa3072 = generateKey("SN1", "rsa3072", "both");
-        keys_.p256 = generateKey("SN1", "p256", "sign");
-        keys_.p384Exchange = generateKey("SN1", "p384", "exchange");
-        keys_.p384 = generateKey("SN1", "p384", "sign");
-        keys_.p521 = generateKey("SN1", "p521", "sign");
+        ASSERT_TRUE(makeTokenInFreshStore("cng-blobs-export", kToken));
+        keys_.rsa2048 = generateKey(kToken.serial, "rsa2048", "sign");
+        keys_.rsa3072 = generateKey(kToken.serial, "rsa3072", "both");
+        keys_.p256 = generateKey(kToken.serial, "p256", "sign");
+        keys_.p384Exchange = generateKey(kToken.serial, "p384", "exchange");
+        keys_.p384 = generateKey(kToken.serial, "p384", "sign");
+        keys_.p521 = generateKey(kToken.serial, "p521", "sign");
     }
 
     // The key as calyth-token exports it, in OpenSSL's DER form.
-    Bytes tokenPublicKey(const std::string& keyId) {
-        std::string pem = testsupport::exportPublicKey("SN1", keyId, testsupport::tempPath(keyId + ".pem"));
+    Bytes tokenPublicDer(const std::string& keyId) {
+        tokenPublicKey(kToken.serial, keyId);
         return opensslPublicDer(keyId + ".pem", false);
     }
     Bytes opensslForm(const std::string& fileName, const Bytes& der) {
@@ -61,11 +63,11 @@ protected:
 TokenKeys CngBlobExportTest::keys_;
 
 TEST_F(CngBlobExportTest, RsaPublicBlobsCarryTheTokensModulus) {
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const std::string& id : {keys_.rsa2048, keys_.rsa3072}) {
-        NCRYPT_KEY_HANDLE key = session.open(id);
+        NCRYPT_KEY_HANDLE key = session.openKey(id);
         Bytes blob;
-        ASSERT_EQ(session.exportBlob(key, L"RSAPUBLICBLOB", &blob), 0);
+        ASSERT_EQ(session.exportKey(key, L"RSAPUBLICBLOB", &blob), 0);
         ASSERT_GE(blob.size(), 27u);
         uint32_t cbModulus = wordAt(blob, 12);
         ASSERT_EQ(wordAt(blob, 0), 0x31415352u);
@@ -75,18 +77,18 @@ TEST_F(CngBlobExportTest, RsaPublicBlobsCarryTheTokensModulus) {
         Bytes exponent(blob.begin() + 24, blob.begin() + 27);
         Bytes modulus(blob.begin() + 27, blob.end());
 
-        Bytes tokenKey = tokenPublicKey(id);
+        Bytes tokenKey = tokenPublicDer(id);
         ASSERT_FALSE(tokenKey.empty());
         EXPECT_EQ(opensslForm(id + "-bcrypt.der", buildRsaSubjectPublicKeyInfo(hex(modulus), hex(exponent))),
                   tokenKey);
         EXPECT_EQ(modulus, testsupport::opensslModulus(testsupport::tempPath(id + ".pem")));
 
         Bytes publicBlob;
-        ASSERT_EQ(session.exportBlob(key, L"PUBLICBLOB", &publicBlob), 0);
+        ASSERT_EQ(session.exportKey(key, L"PUBLICBLOB", &publicBlob), 0);
         EXPECT_EQ(publicBlob, blob);
 
         Bytes legacy;
-        ASSERT_EQ(session.exportBlob(key, L"CAPIPUBLICBLOB", &legacy), 0);
+        ASSERT_EQ(session.exportKey(key, L"CAPIPUBLICBLOB", &legacy), 0);
         ASSERT_EQ(legacy.size(), 20u + cbModulus);
         EXPECT_EQ(legacy[0], PUBLICKEYBLOB);
         EXPECT_EQ(wordAt(legacy, 4), static_cast<uint32_t>(CALG_RSA_KEYX));
@@ -104,29 +106,29 @@ TEST_F(CngBlobExportTest, EccPublicBlobsCarryTheTokensPoint) {
         uint32_t bits;
         uint32_t magic;
     };
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const Case& c : {Case{keys_.p256, 256, BCRYPT_ECDSA_PUBLIC_P256_MAGIC},
                           Case{keys_.p384Exchange, 384, BCRYPT_ECDH_PUBLIC_P384_MAGIC},
                           Case{keys_.p384, 384, BCRYPT_ECDSA_PUBLIC_P384_MAGIC},
                           Case{keys_.p521, 521, BCRYPT_ECDSA_PUBLIC_P521_MAGIC}}) {
         Bytes blob;
-        ASSERT_EQ(session.exportBlob(session.open(c.id), L"ECCPUBLICBLOB", &blob), 0);
+        ASSERT_EQ(session.exportKey(session.openKey(c.id), L"ECCPUBLICBLOB", &blob), 0);
         uint32_t cbKey = (c.bits + 7) / 8;
         ASSERT_EQ(blob.size(), 8u + 2 * cbKey);
         EXPECT_EQ(wordAt(blob, 0), c.magic);
         EXPECT_EQ(wordAt(blob, 4), cbKey);
         Bytes point{0x04};
         point.insert(point.end(), blob.begin() + 8, blob.end());
-        EXPECT_EQ(opensslForm(c.id + "-ecc.der", ecSubjectPublicKeyInfo(point, c.bits)), tokenPublicKey(c.id))
+        EXPECT_EQ(opensslForm(c.id + "-ecc.der", ecSubjectPublicKeyInfo(point, c.bits)), tokenPublicDer(c.id))
             << c.bits;
     }
 }
 
 TEST_F(CngBlobExportTest, WineBcryptVerifiesRsaSignaturesWithTheExportedBlob) {
-    Session session(client_);
-    NCRYPT_KEY_HANDLE key = session.open(keys_.rsa2048);
+    ProviderSession session(client_, kToken.pin);
+    NCRYPT_KEY_HANDLE key = session.openKey(keys_.rsa2048);
     Bytes blob;
-    ASSERT_EQ(session.exportBlob(key, L"RSAPUBLICBLOB", &blob), 0);
+    ASSERT_EQ(session.exportKey(key, L"RSAPUBLICBLOB", &blob), 0);
     BcryptAlgorithm rsa(BCRYPT_RSA_ALGORITHM);
     ASSERT_EQ(rsa.status, 0);
     BcryptKey publicKey;
@@ -135,7 +137,7 @@ TEST_F(CngBlobExportTest, WineBcryptVerifiesRsaSignaturesWithTheExportedBlob) {
               0);
 
     Bytes hash =
-        hashOf(BCRYPT_SHA256_ALGORITHM, testsupport::bytesOf("signed by the token, checked by bcrypt"));
+        nativeHash(BCRYPT_SHA256_ALGORITHM, testsupport::bytesOf("signed by the token, checked by bcrypt"));
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, &pkcs1, hash, &signature, BCRYPT_PAD_PKCS1), 0);
@@ -156,10 +158,10 @@ TEST_F(CngBlobExportTest, WineBcryptVerifiesRsaSignaturesWithTheExportedBlob) {
 
 TEST_F(CngBlobExportTest, OpenSslVerifiesWithTheKeyOfTheLegacyBlob) {
     // Wine's bcrypt does not import legacy (CryptoAPI) public blobs: OpenSSL takes the key instead.
-    Session session(client_);
-    NCRYPT_KEY_HANDLE key = session.open(keys_.rsa3072);
+    ProviderSession session(client_, kToken.pin);
+    NCRYPT_KEY_HANDLE key = session.openKey(keys_.rsa3072);
     Bytes legacy;
-    ASSERT_EQ(session.exportBlob(key, L"CAPIPUBLICBLOB", &legacy), 0);
+    ASSERT_EQ(session.exportKey(key, L"CAPIPUBLICBLOB", &legacy), 0);
     BcryptAlgorithm rsa(BCRYPT_RSA_ALGORITHM);
     BcryptKey probe;
     EXPECT_EQ(BCryptImportKeyPair(rsa.handle, nullptr, LEGACY_RSAPUBLIC_BLOB, &probe.handle, legacy.data(),
@@ -169,7 +171,7 @@ TEST_F(CngBlobExportTest, OpenSslVerifiesWithTheKeyOfTheLegacyBlob) {
 
     Bytes modulus = testsupport::reversed(Bytes(legacy.begin() + 20, legacy.end()));
     testsupport::writeTemp("legacy.der", buildRsaSubjectPublicKeyInfo(hex(modulus), "010001"));
-    Bytes hash = hashOf(BCRYPT_SHA384_ALGORITHM, testsupport::bytesOf("legacy blob"));
+    Bytes hash = nativeHash(BCRYPT_SHA384_ALGORITHM, testsupport::bytesOf("legacy blob"));
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA384_ALGORITHM};
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, &pkcs1, hash, &signature, BCRYPT_PAD_PKCS1), 0);
@@ -189,19 +191,19 @@ TEST_F(CngBlobExportTest, WineBcryptVerifiesEcdsaSignaturesWithTheExportedBlob) 
         const wchar_t* algorithm;
         const wchar_t* hash;
     };
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const Case& c : {Case{keys_.p256, BCRYPT_ECDSA_P256_ALGORITHM, BCRYPT_SHA256_ALGORITHM},
                           Case{keys_.p384, BCRYPT_ECDSA_P384_ALGORITHM, BCRYPT_SHA384_ALGORITHM}}) {
-        NCRYPT_KEY_HANDLE key = session.open(c.id);
+        NCRYPT_KEY_HANDLE key = session.openKey(c.id);
         Bytes blob;
-        ASSERT_EQ(session.exportBlob(key, L"ECCPUBLICBLOB", &blob), 0);
+        ASSERT_EQ(session.exportKey(key, L"ECCPUBLICBLOB", &blob), 0);
         BcryptAlgorithm ecdsa(c.algorithm);
         ASSERT_EQ(ecdsa.status, 0);
         BcryptKey publicKey;
         ASSERT_EQ(BCryptImportKeyPair(ecdsa.handle, nullptr, BCRYPT_ECCPUBLIC_BLOB, &publicKey.handle,
                                       blob.data(), static_cast<ULONG>(blob.size()), 0),
                   0);
-        Bytes hash = hashOf(c.hash, testsupport::bytesOf("an ECDSA signature from the token"));
+        Bytes hash = nativeHash(c.hash, testsupport::bytesOf("an ECDSA signature from the token"));
         Bytes signature;
         ASSERT_EQ(client_.signHash(session.provider(), key, nullptr, hash, &signature, 0), 0);
         EXPECT_EQ(
@@ -220,10 +222,10 @@ TEST_F(CngBlobExportTest, OpenSslVerifiesP521SignaturesWithTheExportedBlob) {
     // Wine's bcrypt has no P-521: OpenSSL takes the key built from the blob instead.
     BcryptAlgorithm p521(BCRYPT_ECDSA_P521_ALGORITHM);
     BcryptKey probe;
-    Session session(client_);
-    NCRYPT_KEY_HANDLE key = session.open(keys_.p521);
+    ProviderSession session(client_, kToken.pin);
+    NCRYPT_KEY_HANDLE key = session.openKey(keys_.p521);
     Bytes blob;
-    ASSERT_EQ(session.exportBlob(key, L"ECCPUBLICBLOB", &blob), 0);
+    ASSERT_EQ(session.exportKey(key, L"ECCPUBLICBLOB", &blob), 0);
     EXPECT_NE(p521.status == 0
                   ? BCryptImportKeyPair(p521.handle, nullptr, BCRYPT_ECCPUBLIC_BLOB, &probe.handle,
                                         blob.data(), static_cast<ULONG>(blob.size()), 0)
@@ -234,12 +236,12 @@ TEST_F(CngBlobExportTest, OpenSslVerifiesP521SignaturesWithTheExportedBlob) {
     Bytes point{0x04};
     point.insert(point.end(), blob.begin() + 8, blob.end());
     testsupport::writeTemp("p521.der", ecSubjectPublicKeyInfo(point, 521));
-    Bytes hash = hashOf(BCRYPT_SHA512_ALGORITHM, testsupport::bytesOf("P-521"));
+    Bytes hash = nativeHash(BCRYPT_SHA512_ALGORITHM, testsupport::bytesOf("P-521"));
     Bytes signature;
     ASSERT_EQ(client_.signHash(session.provider(), key, nullptr, hash, &signature, 0), 0);
     ASSERT_EQ(signature.size(), 132u);
     testsupport::writeTemp("p521.hash", hash);
-    testsupport::writeTemp("p521.sig", ecdsaRawToDer(signature));
+    testsupport::writeTemp("p521.sig", testsupport::ecdsaSignatureToDer(signature));
     std::string output;
     EXPECT_TRUE(openssl("pkeyutl -verify -pubin -keyform DER -inkey " + unixTemp("p521.der") + " -in " +
                             unixTemp("p521.hash") + " -sigfile " + unixTemp("p521.sig"),

@@ -12,6 +12,7 @@
 
 #include "blobs_support.h"
 #include "support/cng_client.h"
+#include "support/ecdsa_signature.h"
 #include "support/provider_registration.h"
 #include "support/scratch_files.h"
 #include "support/test_support.h"
@@ -20,6 +21,8 @@
 #include "util/utils.h"
 
 using namespace blobsys;
+using namespace cngtest;
+using testsupport::hex;
 
 namespace {
 
@@ -29,15 +32,14 @@ constexpr SECURITY_STATUS kBadKey = static_cast<SECURITY_STATUS>(0x80090003);
 class CngBlobImportTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        testsupport::useFreshTokenStore("cng-blobs-import");
-        ASSERT_TRUE(testsupport::makeToken("SN1", std::string("--pin ") + "1234"));
-        transportKey_ = generateKey("SN1", "rsa2048", "exchange");
+        ASSERT_TRUE(makeTokenInFreshStore("cng-blobs-import", kToken));
+        transportKey_ = generateKey(kToken.serial, "rsa2048", "exchange");
     }
 
     // The secret keys calyth-token lists, as "<id> type=<n>".
     static std::vector<std::string> secretKeys() {
         std::vector<std::string> keys;
-        for (const std::string& line : testsupport::listedLines("SN1", "secret-key")) {
+        for (const std::string& line : testsupport::listedLines(kToken.serial, "secret-key")) {
             std::string rest = line.substr(11);
             keys.push_back(rest.substr(0, rest.find(" bits=")));
         }
@@ -70,9 +72,9 @@ TEST_F(CngBlobImportTest, RsaBlobsFromOpenSslVerifyAndEncrypt) {
     ASSERT_TRUE(openssl("dgst -sha256 -sign " + unixTemp("rsa.pem") + " -out " + unixTemp("rsa.sig") + " " +
                         file("message.txt", kMessage)));
     Bytes signature = testsupport::readTemp("rsa.sig");
-    Bytes hash = hashOf(BCRYPT_SHA256_ALGORITHM, kMessage);
+    Bytes hash = nativeHash(BCRYPT_SHA256_ALGORITHM, kMessage);
 
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     struct Case {
         const wchar_t* type;
         Bytes blob;
@@ -80,7 +82,7 @@ TEST_F(CngBlobImportTest, RsaBlobsFromOpenSslVerifyAndEncrypt) {
     for (const Case& c : {Case{L"RSAPUBLICBLOB", rsaPublicBlob({0x01, 0x00, 0x01}, modulus)},
                           Case{L"CAPIPUBLICBLOB", testsupport::publicKeyBlob(modulus)}}) {
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(c.type, c.blob, &key), 0);
+        ASSERT_EQ(session.importKey(c.type, c.blob, &key), 0);
         BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
         EXPECT_EQ(client_.verifySignature(session.provider(), key, &pkcs1, hash, signature, BCRYPT_PAD_PKCS1),
                   0);
@@ -112,11 +114,11 @@ TEST_F(CngBlobImportTest, RsaBlobFromWineBcryptVerifiesAndEncrypts) {
     Bytes blob;
     ASSERT_EQ(bcryptExport(pair.handle, BCRYPT_RSAPUBLIC_BLOB, &blob), 0);
 
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     NCRYPT_KEY_HANDLE key = 0;
-    ASSERT_EQ(session.import(L"RSAPUBLICBLOB", blob, &key), 0);
+    ASSERT_EQ(session.importKey(L"RSAPUBLICBLOB", blob, &key), 0);
 
-    Bytes hash = hashOf(BCRYPT_SHA256_ALGORITHM, kMessage);
+    Bytes hash = nativeHash(BCRYPT_SHA256_ALGORITHM, kMessage);
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
     ULONG size = 0;
     ASSERT_EQ(BCryptSignHash(pair.handle, &pkcs1, hash.data(), static_cast<ULONG>(hash.size()), nullptr, 0,
@@ -148,7 +150,7 @@ TEST_F(CngBlobImportTest, EccBlobsFromOpenSslVerify) {
         const wchar_t* hash;
         const char* digest;
     };
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const Case& c :
          {Case{"P-256", 32, BCRYPT_ECDSA_PUBLIC_P256_MAGIC, BCRYPT_SHA256_ALGORITHM, "sha256"},
           Case{"P-384", 48, BCRYPT_ECDSA_PUBLIC_P384_MAGIC, BCRYPT_SHA384_ALGORITHM, "sha384"},
@@ -164,9 +166,10 @@ TEST_F(CngBlobImportTest, EccBlobsFromOpenSslVerify) {
         ASSERT_EQ(point.at(0), 0x04);
 
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(L"ECCPUBLICBLOB", eccPublicBlob(c.magic, point), &key), 0) << c.curve;
-        Bytes signature = ecdsaDerToRaw(testsupport::readTemp(name + ".sig"), c.coordinate);
-        Bytes hash = hashOf(c.hash, kMessage);
+        ASSERT_EQ(session.importKey(L"ECCPUBLICBLOB", eccPublicBlob(c.magic, point), &key), 0) << c.curve;
+        Bytes signature =
+            testsupport::ecdsaSignatureFromDer(testsupport::readTemp(name + ".sig"), c.coordinate);
+        Bytes hash = nativeHash(c.hash, kMessage);
         EXPECT_EQ(client_.verifySignature(session.provider(), key, nullptr, hash, signature, 0), 0)
             << c.curve;
         signature[5] ^= 0x01;
@@ -181,14 +184,15 @@ TEST_F(CngBlobImportTest, EcdhMagicMakesAnExchangeKey) {
     ASSERT_TRUE(openssl("pkey -in " + unixTemp("ecdh.pem") + " -pubout -outform DER -out " +
                         unixTemp("ecdh.pub.der")));
     Bytes point = ecPointOf(testsupport::readTemp("ecdh.pub.der"), 48);
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     NCRYPT_KEY_HANDLE key = 0;
-    ASSERT_EQ(session.import(L"ECCPUBLICBLOB", eccPublicBlob(BCRYPT_ECDH_PUBLIC_P384_MAGIC, point), &key), 0);
+    ASSERT_EQ(session.importKey(L"ECCPUBLICBLOB", eccPublicBlob(BCRYPT_ECDH_PUBLIC_P384_MAGIC, point), &key),
+              0);
     std::wstring algorithm;
     ASSERT_EQ(client_.getKeyProperty(session.provider(), key, L"Algorithm Name", &algorithm), 0);
     EXPECT_EQ(algorithm, L"ECDH_P384");
     Bytes exported;
-    ASSERT_EQ(session.exportBlob(key, L"ECCPUBLICBLOB", &exported), 0);
+    ASSERT_EQ(session.exportKey(key, L"ECCPUBLICBLOB", &exported), 0);
     EXPECT_EQ(exported, eccPublicBlob(BCRYPT_ECDH_PUBLIC_P384_MAGIC, point));
 }
 
@@ -198,7 +202,7 @@ TEST_F(CngBlobImportTest, EccBlobsFromWineBcryptVerify) {
         ULONG bits;
         const wchar_t* hash;
     };
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const Case& c : {Case{BCRYPT_ECDSA_P256_ALGORITHM, 256, BCRYPT_SHA256_ALGORITHM},
                           Case{BCRYPT_ECDSA_P384_ALGORITHM, 384, BCRYPT_SHA384_ALGORITHM}}) {
         BcryptAlgorithm ecdsa(c.algorithm);
@@ -209,9 +213,9 @@ TEST_F(CngBlobImportTest, EccBlobsFromWineBcryptVerify) {
         Bytes blob;
         ASSERT_EQ(bcryptExport(pair.handle, BCRYPT_ECCPUBLIC_BLOB, &blob), 0);
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(L"ECCPUBLICBLOB", blob, &key), 0) << c.bits;
+        ASSERT_EQ(session.importKey(L"ECCPUBLICBLOB", blob, &key), 0) << c.bits;
 
-        Bytes hash = hashOf(c.hash, kMessage);
+        Bytes hash = nativeHash(c.hash, kMessage);
         // Wine's size query for ECDSA signatures does not answer the size: r||s is asked for directly.
         ULONG size = 2 * ((c.bits + 7) / 8);
         Bytes signature(size);
@@ -229,7 +233,7 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
         std::string type;  // as calyth-token lists it
         const char* wrap;  // OpenSSL's RFC 3394 cipher for this key, none for the 3DES type
     };
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     for (const Case& c : {Case{16, "type=8", "id-aes128-wrap"}, Case{24, "type=11", nullptr},
                           Case{32, "type=10", "id-aes256-wrap"}}) {
         // 16 and 32 bytes exported by Wine's bcrypt, 24 bytes built here.
@@ -246,7 +250,7 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
         }
         std::vector<std::string> before = secretKeys();
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(L"KeyDataBlob", blob, &key), 0) << c.length;
+        ASSERT_EQ(session.importKey(L"KeyDataBlob", blob, &key), 0) << c.length;
         std::vector<std::string> after = secretKeys();
         ASSERT_EQ(after.size(), before.size() + 1);
         std::string stored = after.back();
@@ -261,7 +265,7 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
                             " -iv A6A6A6A6A6A6A6A6 -in " + file("inner.key", randomBytes(16)) + " -out " +
                             unixTemp("inner.wrapped")));
         NCRYPT_KEY_HANDLE inner = 0;
-        ASSERT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("inner.wrapped"), &inner), 0);
+        ASSERT_EQ(session.importKey(L"OpaqueKeyBlob", testsupport::readTemp("inner.wrapped"), &inner), 0);
         EXPECT_TRUE(unwrappedWith(kekId)) << kekId;
     }
 }
@@ -269,7 +273,9 @@ TEST_F(CngBlobImportTest, KeyDataBlobsAreStoredOnTheTokenAndServeAsKeyEncryption
 TEST_F(CngBlobImportTest, OpaqueBlobIsUnwrappedByATokenKeyEncryptionKey) {
     Bytes kek = randomBytes(32);
     std::string output;
-    ASSERT_EQ(testsupport::calythToken("import-aes --serial SN1 --type aes256 --key " + hex(kek), &output), 0)
+    ASSERT_EQ(testsupport::calythToken(
+                  "import-aes --serial " + kToken.serial + " --type aes256 --key " + hex(kek), &output),
+              0)
         << output;
     std::string kekId = Utils().trim(output).substr(0, 32);
 
@@ -279,10 +285,10 @@ TEST_F(CngBlobImportTest, OpaqueBlobIsUnwrappedByATokenKeyEncryptionKey) {
     Bytes wrapped = testsupport::readTemp("wrapped.bin");
     ASSERT_EQ(wrapped.size(), 40u);
 
-    Session session(client_);
+    ProviderSession session(client_, kToken.pin);
     std::vector<std::string> before = secretKeys();
     NCRYPT_KEY_HANDLE key = 0;
-    ASSERT_EQ(session.import(L"OpaqueKeyBlob", wrapped, &key), 0);
+    ASSERT_EQ(session.importKey(L"OpaqueKeyBlob", wrapped, &key), 0);
     EXPECT_TRUE(unwrappedWith(kekId));
     std::vector<std::string> after = secretKeys();
     ASSERT_EQ(after.size(), before.size() + 1);
@@ -293,14 +299,14 @@ TEST_F(CngBlobImportTest, OpaqueBlobIsUnwrappedByATokenKeyEncryptionKey) {
     ASSERT_TRUE(openssl("enc -id-aes256-wrap -K " + hex(material) + " -iv A6A6A6A6A6A6A6A6 -in " +
                         file("second.key", randomBytes(16)) + " -out " + unixTemp("second.bin")));
     NCRYPT_KEY_HANDLE second = 0;
-    ASSERT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("second.bin"), &second), 0);
+    ASSERT_EQ(session.importKey(L"OpaqueKeyBlob", testsupport::readTemp("second.bin"), &second), 0);
     EXPECT_TRUE(unwrappedWith(storedId)) << storedId;
 
     // Wrapped under a key the token does not hold: no key-encryption key unwraps it.
     ASSERT_TRUE(openssl("enc -id-aes256-wrap -K " + hex(randomBytes(32)) + " -iv A6A6A6A6A6A6A6A6 -in " +
                         file("stray.key", randomBytes(32)) + " -out " + unixTemp("stray.bin")));
     NCRYPT_KEY_HANDLE stray = 0;
-    EXPECT_EQ(session.import(L"OpaqueKeyBlob", testsupport::readTemp("stray.bin"), &stray), kBadKey);
+    EXPECT_EQ(session.importKey(L"OpaqueKeyBlob", testsupport::readTemp("stray.bin"), &stray), kBadKey);
     EXPECT_TRUE(
         testsupport::logContains("KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK"));
 }
@@ -312,10 +318,10 @@ TEST_F(CngBlobImportTest, TransportBlobFromOpenSslEncryptsAndDecrypts) {
         const char* padding;  // pkeyutl option for the key transport
         const char* cipher;   // openssl enc cipher
     };
-    Session session(client_);
-    NCRYPT_KEY_HANDLE rsa = session.open(transportKey_);
+    ProviderSession session(client_, kToken.pin);
+    NCRYPT_KEY_HANDLE rsa = session.openKey(transportKey_);
     Bytes rsaBlob;
-    ASSERT_EQ(session.exportBlob(rsa, L"RSAPUBLICBLOB", &rsaBlob), 0);
+    ASSERT_EQ(session.exportKey(rsa, L"RSAPUBLICBLOB", &rsaBlob), 0);
     Bytes modulus(rsaBlob.begin() + 27, rsaBlob.end());
     std::string publicKey = file("transport.der", buildRsaSubjectPublicKeyInfo(hex(modulus), "010001"));
 
@@ -327,7 +333,7 @@ TEST_F(CngBlobImportTest, TransportBlobFromOpenSslEncryptsAndDecrypts) {
         ASSERT_TRUE(openssl("pkeyutl -encrypt -pubin -keyform DER -inkey " + publicKey + c.padding + " -in " +
                             file("aes.key", aesKey) + " -out " + unixTemp("aes.enc")));
         NCRYPT_KEY_HANDLE key = 0;
-        ASSERT_EQ(session.import(L"OpaqueTransport", testsupport::readTemp("aes.enc"), &key, rsa), 0);
+        ASSERT_EQ(session.importKey(L"OpaqueTransport", testsupport::readTemp("aes.enc"), &key, rsa), 0);
 
         std::wstring mode = c.chaining;
         Bytes modeBytes(reinterpret_cast<const unsigned char*>(mode.c_str()),

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "ksp/ksp_objects.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
 #include "system/cng/cng_support.h"
 
@@ -68,8 +69,7 @@ protected:
 
     // What OpenSSL computes from the peer's side with the token key's public key.
     Bytes opensslSecret(const std::string& peerPemPath, const std::string& keyId) {
-        std::string tokenPem =
-            testsupport::exportPublicKey(kSerial, keyId, testsupport::tempPath("token_public.pem"));
+        std::string tokenPem = tokenPublicKey(kSerial, keyId);
         EXPECT_FALSE(tokenPem.empty());
         std::string output;
         EXPECT_EQ(testsupport::runOpenSsl("pkeyutl -derive -inkey " + testsupport::unixPath(peerPemPath) +
@@ -96,7 +96,7 @@ protected:
     // Token key, peer key (imported from its ECCPUBLICBLOB) and their secret.
     void agree() {
         const Curve& curve = GetParam();
-        tokenKeyId = tokenKey(curve.tokenType, "exchange");
+        tokenKeyId = generateKey(kSerial, curve.tokenType, "exchange");
         ASSERT_EQ(tokenKeyId.size(), 32u);
         peerKeyPath = opensslKey(
             "peer.pem", std::string("-algorithm EC -pkeyopt ec_paramgen_curve:") + curve.opensslCurve);

@@ -15,7 +15,7 @@
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
-using cngtest::CngClient;
+using namespace cngtest;
 using testing::HasSubstr;
 using testsupport::unixPath;
 
@@ -23,13 +23,6 @@ namespace cngpin {
 namespace {
 
 constexpr const wchar_t* kCertificateProperty = L"SmartCardKeyCertificate";
-
-bool runOpenSsl(const std::string& arguments) {
-    std::string output;
-    int code = testsupport::runOpenSsl(arguments, &output);
-    EXPECT_EQ(code, 0) << "openssl " << arguments << "\n" << output;
-    return code == 0;
-}
 
 // An EC root and intermediate made by OpenSSL, and a leaf the intermediate issues for a public key.
 struct IssuedChain {
@@ -43,22 +36,22 @@ bool issueChain(const std::string& publicPem, IssuedChain* chain) {
     auto file = [&](const std::string& name) { return unixPath(folder + name); };
     testsupport::writeFile(
         folder + "ca.ext",
-        bytesOf("basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign,cRLSign\n"));
+        testsupport::bytesOf("basicConstraints=critical,CA:TRUE\nkeyUsage=critical,keyCertSign,cRLSign\n"));
     const std::string ec = "genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ";
     bool ok =
-        runOpenSsl(ec + file("root.key")) &&
-        runOpenSsl("x509 -new -subj /O=CngPinTests/CN=CngPinRoot -key " + file("root.key") +
-                   " -days 30 -extfile " + file("ca.ext") + " -out " + file("root.pem")) &&
-        runOpenSsl(ec + file("intermediate.key")) &&
-        runOpenSsl("pkey -in " + file("intermediate.key") + " -pubout -out " + file("intermediate.pub")) &&
-        runOpenSsl("x509 -new -subj /O=CngPinTests/CN=CngPinIntermediate -force_pubkey " +
-                   file("intermediate.pub") + " -CA " + file("root.pem") + " -CAkey " + file("root.key") +
-                   " -days 30 -extfile " + file("ca.ext") + " -out " + file("intermediate.pem")) &&
-        runOpenSsl("x509 -new -subj /O=CngPinTests/CN=CngPinLeaf -force_pubkey " + unixPath(publicPem) +
-                   " -CA " + file("intermediate.pem") + " -CAkey " + file("intermediate.key") +
-                   " -days 30 -outform DER -out " + file("leaf.der")) &&
-        runOpenSsl("x509 -in " + file("root.pem") + " -outform DER -out " + file("root.der")) &&
-        runOpenSsl("x509 -in " + file("intermediate.pem") + " -outform DER -out " + file("intermediate.der"));
+        openssl(ec + file("root.key")) &&
+        openssl("x509 -new -subj /O=CngPinTests/CN=CngPinRoot -key " + file("root.key") +
+                " -days 30 -extfile " + file("ca.ext") + " -out " + file("root.pem")) &&
+        openssl(ec + file("intermediate.key")) &&
+        openssl("pkey -in " + file("intermediate.key") + " -pubout -out " + file("intermediate.pub")) &&
+        openssl("x509 -new -subj /O=CngPinTests/CN=CngPinIntermediate -force_pubkey " +
+                file("intermediate.pub") + " -CA " + file("root.pem") + " -CAkey " + file("root.key") +
+                " -days 30 -extfile " + file("ca.ext") + " -out " + file("intermediate.pem")) &&
+        openssl("x509 -new -subj /O=CngPinTests/CN=CngPinLeaf -force_pubkey " + unixPath(publicPem) +
+                " -CA " + file("intermediate.pem") + " -CAkey " + file("intermediate.key") +
+                " -days 30 -outform DER -out " + file("leaf.der")) &&
+        openssl("x509 -in " + file("root.pem") + " -outform DER -out " + file("root.der")) &&
+        openssl("x509 -in " + file("intermediate.pem") + " -outform DER -out " + file("intermediate.der"));
     if (!ok)
         return false;
     chain->root = testsupport::readFile(folder + "root.der");
@@ -110,7 +103,7 @@ std::string commonNameOf(PCCERT_CONTEXT certificate) {
 
 class KeyCertificate : public ::testing::Test {
 protected:
-    void SetUp() override { startLog(); }
+    void SetUp() override { startProviderLog(); }
     void TearDown() override { SetEnvironmentVariableA("CALYTH_HOME", nullptr); }
 };
 
@@ -126,11 +119,11 @@ TEST_F(KeyCertificate, IsStoredRootFirstWithItsChainAndReadsBackAsTheLeaf) {
     CngClient client;
     ASSERT_TRUE(client.loaded());
     {
-        OpenedKey opened(client);
-        ASSERT_EQ(opened.open(token.keyId), 0);
-        ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
+        ProviderSession session(client, kPin);
+        NCRYPT_KEY_HANDLE key = 0;
+        ASSERT_EQ(session.openKey(token.keyId, &key), 0);
         SECURITY_STATUS status =
-            client.setKeyProperty(opened.provider, opened.key, kCertificateProperty, chain.leaf);
+            client.setKeyProperty(session.provider(), key, kCertificateProperty, chain.leaf);
         EXPECT_EQ(status, 0) << hexStatus(status);
     }
     EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Certificate stored successfully"));
@@ -148,11 +141,12 @@ TEST_F(KeyCertificate, IsStoredRootFirstWithItsChainAndReadsBackAsTheLeaf) {
     EXPECT_EQ(exportedCertificate(token.serial, certificates[2]), chain.leaf);
 
     // Read back on a provider and key opened afresh: what the token holds, not what was handed in.
-    OpenedKey reopened(client);
-    ASSERT_EQ(reopened.open(token.keyId), 0);
+    ProviderSession reopened(client);
+    NCRYPT_KEY_HANDLE reopenedKey = 0;
+    ASSERT_EQ(reopened.openKey(token.keyId, &reopenedKey), 0);
     Bytes value;
     SECURITY_STATUS status =
-        client.getKeyProperty(reopened.provider, reopened.key, kCertificateProperty, &value);
+        client.getKeyProperty(reopened.provider(), reopenedKey, kCertificateProperty, &value);
     ASSERT_EQ(status, 0) << hexStatus(status);
     EXPECT_EQ(value, chain.leaf);
     PCCERT_CONTEXT parsed = CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
@@ -171,11 +165,10 @@ TEST_F(KeyCertificate, WithoutItsIssuersInTheCaFolderOnlyTheLeafIsStored) {
 
     CngClient client;
     ASSERT_TRUE(client.loaded());
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
-    SECURITY_STATUS status =
-        client.setKeyProperty(opened.provider, opened.key, kCertificateProperty, chain.leaf);
+    ProviderSession session(client, kPin);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
+    SECURITY_STATUS status = client.setKeyProperty(session.provider(), key, kCertificateProperty, chain.leaf);
     EXPECT_EQ(status, 0) << hexStatus(status);
     EXPECT_TRUE(testsupport::logHasLine(
         "DEBUG",
@@ -185,7 +178,7 @@ TEST_F(KeyCertificate, WithoutItsIssuersInTheCaFolderOnlyTheLeafIsStored) {
     ASSERT_EQ(certificates.size(), 1u) << testing::PrintToString(certificates);
     EXPECT_THAT(listedSubject(certificates[0]), HasSubstr("CN=CngPinLeaf"));
     Bytes value;
-    ASSERT_EQ(client.getKeyProperty(opened.provider, opened.key, kCertificateProperty, &value), 0);
+    ASSERT_EQ(client.getKeyProperty(session.provider(), key, kCertificateProperty, &value), 0);
     EXPECT_EQ(value, chain.leaf);
 }
 
@@ -197,16 +190,16 @@ TEST_F(KeyCertificate, WithoutAPinAHeadlessProgramStoresNothing) {
 
     CngClient client;
     ASSERT_TRUE(client.loaded());
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
+    ProviderSession session(client);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
     // No display: the PIN dialog cannot open, so the PIN check fails at once.
-    EXPECT_EQ(client.setKeyProperty(opened.provider, opened.key, kCertificateProperty, chain.leaf),
-              KSP_NTE_FAIL);
+    EXPECT_EQ(client.setKeyProperty(session.provider(), key, kCertificateProperty, chain.leaf), KSP_NTE_FAIL);
     EXPECT_TRUE(testsupport::logHasLine(
         "ERROR", "KSPSetKeyProperty: password validation failed for certificate import"));
     EXPECT_TRUE(testsupport::listedLines(token.serial, "certificate").empty());
     Bytes value;
-    EXPECT_EQ(client.getKeyProperty(opened.provider, opened.key, kCertificateProperty, &value),
+    EXPECT_EQ(client.getKeyProperty(session.provider(), key, kCertificateProperty, &value),
               KSP_NTE_NOT_FOUND);
 }
 

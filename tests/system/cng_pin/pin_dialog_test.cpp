@@ -13,7 +13,7 @@
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
-using cngtest::CngClient;
+using namespace cngtest;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testsupport::answerMessage;
@@ -24,33 +24,25 @@ using testsupport::SimulatedUser;
 namespace cngpin {
 namespace {
 
-const Bytes kDocument = bytesOf("Signed after the PIN dialog.\n");
-
-// Lines of today's log that hold `text`.
-size_t logCount(const std::string& text) {
-    size_t count = 0;
-    for (const std::string& message : testsupport::logMessages())
-        count += message.find(text) != std::string::npos ? 1 : 0;
-    return count;
-}
+const Bytes kDocument = testsupport::bytesOf("Signed after the PIN dialog.\n");
 
 class PinDialog : public ::testing::Test {
 protected:
     // Before the first fixture loads the provider: its first log lines would only make the folders.
-    static void SetUpTestSuite() { startLog(); }
+    static void SetUpTestSuite() { startProviderLog(); }
     void SetUp() override {
-        startLog();
+        startProviderLog();
         ASSERT_TRUE(client.loaded());
     }
     // A token with its key, opened through the client.
     void openToken(const std::string& serial) {
         ASSERT_TRUE(makeTokenKey(serial, &token));
-        ASSERT_EQ(opened.open(token.keyId), 0);
+        ASSERT_EQ(session.openKey(token.keyId, &key), 0);
     }
     // Signs the document while `user` answers; returns what the user saw.
     std::vector<std::string> signWhile(SimulatedUser& user, SECURITY_STATUS* status) {
         signature.clear();
-        *status = signDocument(opened, kDocument, &signature);
+        *status = signDocument(session, key, kDocument, &signature);
         return user.finish();
     }
     void tool(const std::string& arguments) {
@@ -60,7 +52,8 @@ protected:
 
     CngClient client;
     TokenKey token;
-    OpenedKey opened{client};
+    ProviderSession session{client};
+    NCRYPT_KEY_HANDLE key = 0;
     Bytes signature;
 };
 
@@ -70,15 +63,15 @@ TEST_F(PinDialog, WithoutAPinTheDialogAsksOnceAndTheNextSignatureNeedsNone) {
     SimulatedUser user({enterPin(kPin)});
     EXPECT_THAT(signWhile(user, &status), ElementsAre("dialog"));
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-01"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
     EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: Password not validated, checking SSO"));
-    EXPECT_EQ(logCount("Password dialog show window before"), 1u);
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window before"), 1u);
 
     SimulatedUser watcher({});
     EXPECT_THAT(signWhile(watcher, &status), IsEmpty());
     ASSERT_EQ(status, 0) << hexStatus(status);
     EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: PIN already validated"));
-    EXPECT_EQ(logCount("Password dialog show window before"), 1u);
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window before"), 1u);
 }
 
 TEST_F(PinDialog, AWrongPinIsToldAndAskedAgain) {
@@ -88,7 +81,7 @@ TEST_F(PinDialog, AWrongPinIsToldAndAskedAgain) {
     EXPECT_THAT(signWhile(user, &status),
                 ElementsAre("dialog", "message:Invalid user pin. Remaining attempts(9)", "dialog"));
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-02"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
 }
 
 TEST_F(PinDialog, ACancelledDialogFailsTheSignature) {
@@ -105,17 +98,17 @@ TEST_F(PinDialog, ASilentSignatureWithoutAPinShowsNoDialog) {
     openToken("CNGPIN-DLG-04");
     SimulatedUser watcher({});
     Bytes silent;
-    SECURITY_STATUS status = signDocument(opened, kDocument, &silent, NCRYPT_SILENT_FLAG);
+    SECURITY_STATUS status = signDocument(session, key, kDocument, &silent, NCRYPT_SILENT_FLAG);
     EXPECT_THAT(watcher.finish(), IsEmpty());
     EXPECT_EQ(status, KSP_NTE_SILENT_CONTEXT) << hexStatus(status);
-    EXPECT_EQ(logCount("Password dialog show window"), 0u);
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window"), 0u);
 }
 
 // The token answers 49 (single sign-on expired) to the PIN the provider holds: the held PIN is
 // forgotten, the user is asked once, and the token signs once more with the PIN typed.
 TEST_F(PinDialog, SingleSignOnExpiredAtTheTokenAsksOnceAndSignsOnceMore) {
     openToken("CNGPIN-DLG-05");
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
+    ASSERT_EQ(client.setPin(session.provider(), kPin), 0);
     tool("sso --serial " + token.serial + " expired");
     tool("fault --serial " + token.serial + " --function signHash --code 49 --count 1");
 
@@ -123,9 +116,9 @@ TEST_F(PinDialog, SingleSignOnExpiredAtTheTokenAsksOnceAndSignsOnceMore) {
     SimulatedUser user({enterPin(kPin)});
     EXPECT_THAT(signWhile(user, &status), ElementsAre("dialog"));
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-05"));
-    EXPECT_EQ(logCount("KSP: SignHash SSO expired, re-prompting for PIN"), 1u);
-    EXPECT_EQ(logCount("Password dialog show window before"), 1u);
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
+    EXPECT_EQ(testsupport::logSubstringCount("KSP: SignHash SSO expired, re-prompting for PIN"), 1u);
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window before"), 1u);
     // The fault answered the first signature only: the second one was the token's own.
     EXPECT_THAT(testsupport::listedLines(token.serial, "fault"), IsEmpty());
 }
@@ -140,19 +133,19 @@ TEST_F(PinDialog, SingleSignOnSignsWithoutADialogAndRetriesOnceAfter49) {
     SimulatedUser watcher({});
     EXPECT_THAT(signWhile(watcher, &status), IsEmpty());
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-06a"));
-    EXPECT_EQ(logCount("KSP: Password not validated, checking SSO"), 1u);
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
+    EXPECT_EQ(testsupport::logSubstringCount("KSP: Password not validated, checking SSO"), 1u);
 
     tool("fault --serial " + token.serial + " --function signHash --code 49 --count 1");
     SimulatedUser secondWatcher({});
     EXPECT_THAT(signWhile(secondWatcher, &status), IsEmpty());
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-06b"));
-    EXPECT_EQ(logCount("KSP: SignHash SSO expired, re-prompting for PIN"), 1u);
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
+    EXPECT_EQ(testsupport::logSubstringCount("KSP: SignHash SSO expired, re-prompting for PIN"), 1u);
     // The empty PIN held under single sign-on is never taken as validated: checked before the
     // signature and again after the 49.
-    EXPECT_EQ(logCount("KSP: Password not validated, checking SSO"), 3u);
-    EXPECT_EQ(logCount("Password dialog show window"), 0u);
+    EXPECT_EQ(testsupport::logSubstringCount("KSP: Password not validated, checking SSO"), 3u);
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window"), 0u);
     EXPECT_THAT(testsupport::listedLines(token.serial, "fault"), IsEmpty());
 }
 
@@ -171,9 +164,9 @@ TEST_F(PinDialog, SingleSignOnExpiredUnderAHeldEmptyPinAsksOnce) {
     SimulatedUser user({enterPin(kPin)});
     EXPECT_THAT(signWhile(user, &status), ElementsAre("dialog"));
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "dialog-07"));
-    EXPECT_EQ(logCount("Password dialog show window before"), 1u);
-    EXPECT_EQ(logCount("KSP: Sign hash failed"), 0u);
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
+    EXPECT_EQ(testsupport::logSubstringCount("Password dialog show window before"), 1u);
+    EXPECT_EQ(testsupport::logSubstringCount("KSP: Sign hash failed"), 0u);
 }
 
 }  // namespace

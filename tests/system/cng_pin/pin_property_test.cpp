@@ -17,21 +17,21 @@
 #include "support/test_support.h"
 #include "support/token_tool.h"
 
-using cngtest::CngClient;
+using namespace cngtest;
 using testing::IsEmpty;
 using testsupport::SimulatedUser;
 
 namespace cngpin {
 namespace {
 
-const Bytes kDocument = bytesOf("Signed with a PIN nobody typed.\n");
+const Bytes kDocument = testsupport::bytesOf("Signed with a PIN nobody typed.\n");
 
 class PinWithoutDialog : public ::testing::Test {
 protected:
     // Before the first fixture loads the provider: its first log lines would only make the folders.
-    static void SetUpTestSuite() { startLog(); }
+    static void SetUpTestSuite() { startProviderLog(); }
     void SetUp() override {
-        startLog();
+        startProviderLog();
         ASSERT_TRUE(client.loaded());
     }
     CngClient client;
@@ -41,23 +41,24 @@ protected:
 TEST_F(PinWithoutDialog, WrongSmartCardPinIsRefusedAndTheRightOneSigns) {
     TokenKey token;
     ASSERT_TRUE(makeTokenKey("CNGPIN-PROP-01", &token));
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
+    ProviderSession session(client);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
 
-    EXPECT_EQ(client.setPin(opened.provider, "0000"), KSP_NTE_VALIDATION_FAILED);
+    EXPECT_EQ(client.setPin(session.provider(), "0000"), KSP_NTE_VALIDATION_FAILED);
     EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSP: PIN validation failed: 7"));
     std::vector<std::string> state = testsupport::listedLines(token.serial, "pin");
     ASSERT_EQ(state.size(), 1u);
     EXPECT_EQ(state[0], "pin attempts left: 9 of 10");
 
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
+    ASSERT_EQ(client.setPin(session.provider(), kPin), 0);
     EXPECT_EQ(testsupport::listedLines(token.serial, "pin"),
               std::vector<std::string>{"pin attempts left: 10 of 10"});
     Bytes signature;
-    SECURITY_STATUS status = signDocument(opened, kDocument, &signature);
+    SECURITY_STATUS status = signDocument(session, key, kDocument, &signature);
     ASSERT_EQ(status, 0) << hexStatus(status);
     EXPECT_EQ(signature.size(), 256u);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "property-01"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
     EXPECT_THAT(watcher.finish(), IsEmpty());
     EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: PIN already validated"));
     EXPECT_FALSE(testsupport::logContains("Password dialog show window"));
@@ -66,20 +67,21 @@ TEST_F(PinWithoutDialog, WrongSmartCardPinIsRefusedAndTheRightOneSigns) {
 TEST_F(PinWithoutDialog, SilentSigningWithoutAValidatedPinFailsWithoutADialog) {
     TokenKey token;
     ASSERT_TRUE(makeTokenKey("CNGPIN-PROP-02", &token));
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
+    ProviderSession session(client);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
 
     Bytes signature;
-    SECURITY_STATUS status = signDocument(opened, kDocument, &signature, NCRYPT_SILENT_FLAG);
+    SECURITY_STATUS status = signDocument(session, key, kDocument, &signature, NCRYPT_SILENT_FLAG);
     EXPECT_EQ(status, KSP_NTE_SILENT_CONTEXT) << hexStatus(status);
     EXPECT_TRUE(testsupport::logHasLine("ERROR", "KSPSignHash: silent mode requested but PIN not validated"));
     EXPECT_FALSE(testsupport::logContains("Password dialog show window"));
 
     // Once the PIN is validated the silent call signs.
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
-    status = signDocument(opened, kDocument, &signature, NCRYPT_SILENT_FLAG);
+    ASSERT_EQ(client.setPin(session.provider(), kPin), 0);
+    status = signDocument(session, key, kDocument, &signature, NCRYPT_SILENT_FLAG);
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "property-02"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
     EXPECT_THAT(watcher.finish(), IsEmpty());
 }
 
@@ -121,12 +123,13 @@ TEST_F(PinWithoutDialog, PinGivenThroughCryptoApiLetsTheKspSignWithoutADialog) {
     expectOneProviderModule(client);
     testsupport::clearLog();
 
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
+    ProviderSession session(client);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
     Bytes signature;
-    SECURITY_STATUS status = signDocument(opened, kDocument, &signature);
+    SECURITY_STATUS status = signDocument(session, key, kDocument, &signature);
     ASSERT_EQ(status, 0) << hexStatus(status);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "property-03"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
     EXPECT_THAT(watcher.finish(), IsEmpty());
     EXPECT_TRUE(testsupport::logHasLine("DEBUG", "KSP: PIN already validated"));
     EXPECT_FALSE(testsupport::logContains("Password dialog show window"));
@@ -135,9 +138,10 @@ TEST_F(PinWithoutDialog, PinGivenThroughCryptoApiLetsTheKspSignWithoutADialog) {
 TEST_F(PinWithoutDialog, SmartCardPinLetsCryptSignHashSignWithoutADialog) {
     TokenKey token;
     ASSERT_TRUE(makeTokenKey("CNGPIN-PROP-04", &token));
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
+    ProviderSession session(client);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
+    ASSERT_EQ(client.setPin(session.provider(), kPin), 0);
 
     ASSERT_EQ(testsupport::registerProvider(), ERROR_SUCCESS);
     testsupport::Provider context;
@@ -146,7 +150,7 @@ TEST_F(PinWithoutDialog, SmartCardPinLetsCryptSignHashSignWithoutADialog) {
     testsupport::clearLog();
     Bytes signature = cryptoApiSignature(context.handle, kDocument);
     ASSERT_EQ(signature.size(), 256u);
-    EXPECT_TRUE(opensslVerifies(token.publicPem, kDocument, signature, "property-04"));
+    EXPECT_TRUE(opensslVerifies(token.publicPem, "sha256", kDocument, signature));
     EXPECT_THAT(watcher.finish(), IsEmpty());
     EXPECT_TRUE(
         testsupport::logHasLine("DEBUG", "ensurePasswordValidated: PIN already validated, return true"));

@@ -10,9 +10,10 @@
 #include <thread>
 
 #include "cng_pin_support.h"
+#include "support/scratch_files.h"
 #include "support/test_support.h"
 
-using cngtest::CngClient;
+using namespace cngtest;
 
 namespace cngpin {
 namespace {
@@ -21,7 +22,8 @@ constexpr int kThreads = 8;
 constexpr int kSignaturesPerThread = 50;
 
 Bytes documentOf(int thread, int index) {
-    return bytesOf("thread " + std::to_string(thread) + " document " + std::to_string(index) + "\n");
+    return testsupport::bytesOf("thread " + std::to_string(thread) + " document " + std::to_string(index) +
+                                "\n");
 }
 
 // What one thread did: the status of each step and its signatures, in order.
@@ -64,19 +66,19 @@ void signAll(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* table, const std::wstring&
 }
 
 TEST(ConcurrentSigning, EightThreadsSignFiftyTimesEachAndEverySignatureVerifies) {
-    startLog();
+    startProviderLog();
     TokenKey token;
     ASSERT_TRUE(makeTokenKey("CNGPIN-THREADS-01", &token));
     CngClient client;
     ASSERT_TRUE(client.loaded());
-    OpenedKey opened(client);
-    ASSERT_EQ(opened.open(token.keyId), 0);
-    ASSERT_EQ(client.setPin(opened.provider, kPin), 0);
+    ProviderSession session(client, kPin);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(session.openKey(token.keyId, &key), 0);
 
     std::vector<std::vector<Bytes>> digests(kThreads);
     for (int t = 0; t < kThreads; ++t)
         for (int i = 0; i < kSignaturesPerThread; ++i)
-            digests[t].push_back(sha256(documentOf(t, i)));
+            digests[t].push_back(nativeHash(BCRYPT_SHA256_ALGORITHM, documentOf(t, i)));
 
     std::vector<ThreadRun> runs(kThreads);
     std::vector<std::thread> threads;
@@ -99,16 +101,15 @@ TEST(ConcurrentSigning, EightThreadsSignFiftyTimesEachAndEverySignatureVerifies)
         }
         // A sample for OpenSSL: the first and the last signature of each thread.
         for (int i : {0, kSignaturesPerThread - 1})
-            opensslVerifies(token.publicPem, documentOf(t, i), run.signatures[i],
-                            "thread" + std::to_string(t) + "-" + std::to_string(i));
+            opensslVerifies(token.publicPem, "sha256", documentOf(t, i), run.signatures[i]);
     }
     EXPECT_FALSE(testsupport::logContains("Password dialog show window"));
 
     // KSPVerifySignature is no rubber stamp: another document's signature is refused.
     Bytes mismatched = runs[0].signatures[1];
-    EXPECT_EQ(client.verifySignature(opened.provider, opened.key, nullptr, digests[0][0], mismatched,
-                                     BCRYPT_PAD_PKCS1),
-              KSP_NTE_BAD_SIGNATURE);
+    EXPECT_EQ(
+        client.verifySignature(session.provider(), key, nullptr, digests[0][0], mismatched, BCRYPT_PAD_PKCS1),
+        KSP_NTE_BAD_SIGNATURE);
 }
 
 }  // namespace
