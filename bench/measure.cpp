@@ -40,6 +40,9 @@ std::string formatted(double value, Unit unit) {
         case Unit::Kilobytes:
             std::snprintf(text, sizeof text, "%.0f KB", value / 1024);
             break;
+        case Unit::Count:
+            std::snprintf(text, sizeof text, "%.2f", value);
+            break;
     }
     return text;
 }

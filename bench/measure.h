@@ -56,8 +56,8 @@ struct Summary {
 // Median and range of the rounds; a negative round (a failure) makes the summary invalid.
 Summary summarize(std::vector<double> rounds);
 
-// How a figure reads: a fraction shown in per cent, a factor, or kilobytes.
-enum class Unit { Percent, Times, Kilobytes };
+// How a figure reads: a fraction shown in per cent, a factor, kilobytes, or a count per operation.
+enum class Unit { Percent, Times, Kilobytes, Count };
 
 // One line of the table: figure, median, spread (lowest..highest round), goal, verdict.
 // `met` is ignored when `goal` is empty (a figure shown for information).

@@ -5,6 +5,7 @@
 #include "clients.h"
 #include "figures.h"
 #include "level_reads.h"
+#include "log/log.h"
 #include "measure.h"
 #include "reference.h"
 #include "token/device_library.h"
@@ -62,11 +63,12 @@ int nullDeviceFigures(const Scale& scale) {
     std::string name = nullRsaKeyName();
     HCRYPTPROV provider = acquireContext(name, kPin);
     KspKey key;
-    if (!reference || !provider || !openKspKey(name, kPin, key)) {
+    int keys = keysOnFirstToken();
+    if (!reference || !provider || !openKspKey(name, kPin, key) || keys < 0) {
         std::fprintf(stderr, "cannot open the zero-cost token through the provider\n");
         return 1;
     }
-    // Log calls per operation, counted once: each reads the level from the registry.
+    // Log calls per operation, counted once from the log file: each is one level read.
     double cspCalls = logCallsPerOperation(20, [&] { return signDocument(provider, sampleDocument()); });
     double kspCalls = logCallsPerOperation(20, [&] { return kspSign(key, sampleDigest(), false); });
     double acquireCalls = logCallsPerOperation(20, [&] { return acquireOnce(name); });
@@ -96,7 +98,7 @@ int nullDeviceFigures(const Scale& scale) {
             alternate(
                 scale.signatures, 10 * scale.freeOperations,
                 [&](int) {
-                    providerLogLevel();
+                    getLogLevel();  // the facility's own read, as every log call makes it
                     return true;
                 },
                 signature, read, floor5) &&
@@ -115,50 +117,69 @@ int nullDeviceFigures(const Scale& scale) {
     }
     CryptReleaseContext(provider, 0);
     closeKspKey(key);
-    Summary csp = summarize(cspShare), ksp = summarize(kspShare);
     std::printf(
         "# medians: RSA-2048 libgcrypt signature %.0f us, provider per CryptSignHash %.1f us, per KSP "
         "SignHash %.1f us; one log level read %.1f us\n",
         summarize(signatureTime).median * 1e6, summarize(cspTime).median * 1e6,
         summarize(kspTime).median * 1e6, summarize(readTime).median * 1e6);
-    std::printf(
-        "# log calls (each one level read): CryptSignHash %.1f, KSP SignHash %.1f, "
-        "CryptAcquire+Release %.1f, KSP open+openkey+frees %.1f\n",
-        cspCalls, kspCalls, acquireCalls, openCalls);
-    printRow("1 overhead per CryptSignHash / RSA-2048 signature", csp, Unit::Percent, "<= 2 %",
-             csp.median <= 0.02);
-    printRow("1 overhead per KSP SignHash / RSA-2048 signature", ksp, Unit::Percent, "<= 2 %",
-             ksp.median <= 0.02);
-    // The same figures without the level reads that the log facility makes on every call: the
-    // median share of the operation less its log calls times the median share of one read (round
-    // by round the two are too noisy on a shared machine to subtract).
-    double readMedian = summarize(readShare).median;
-    auto withoutReads = [&](const std::vector<double>& shares, double calls) {
-        Summary rest = summarize(shares);
-        rest.median -= calls * readMedian;
-        rest.low = rest.high = rest.median;
-        return rest;
-    };
-    Summary cspReads = summarize(readShare);
-    cspReads.median *= cspCalls;
-    cspReads.low *= cspCalls;
-    cspReads.high *= cspCalls;
-    printRow("1   of it the log level reads, per CryptSignHash", cspReads, Unit::Percent, "", true);
-    printRow("1   CryptSignHash without the level reads", withoutReads(cspShare, cspCalls), Unit::Percent, "",
-             true);
-    printRow("1   KSP SignHash without the level reads", withoutReads(kspShare, kspCalls), Unit::Percent, "",
-             true);
 
-    printRow("3 CryptAcquire+Release / signature, zero-cost device", summarize(acquireShare), Unit::Percent,
-             "", true);
-    printRow("3 KSP open+openkey+frees / signature, zero-cost device", summarize(openShare), Unit::Percent,
-             "", true);
-    printRow("3   CryptAcquire+Release without the level reads", withoutReads(acquireShare, acquireCalls),
-             Unit::Percent, "", true);
-    printRow("3   KSP open+openkey+frees without the level reads", withoutReads(openShare, openCalls),
-             Unit::Percent, "", true);
-    printRow("3   advapi32 alone: acquire+release of Wine's own provider", summarize(builtInShare),
-             Unit::Percent, "", true);
+    // The provider's own time: an operation's share less the level reads the design prescribes for
+    // it (calls beyond those stay in), and for an acquisition through advapi32 less advapi32's own
+    // share. Medians: round by round the parts are too noisy on a shared machine to subtract.
+    Summary read = summarize(readShare);
+    Summary builtIn = summarize(builtInShare);
+    auto ownTime = [&](const std::vector<double>& shares, int prescribedReads, double besides) {
+        Summary own = summarize(shares);
+        own.median -= prescribedReads * read.median + besides;
+        own.low = own.high = own.median;
+        return own;
+    };
+    auto levelReads = [&](int count) {
+        Summary reads = read;
+        reads.median *= count;
+        reads.low *= count;
+        reads.high *= count;
+        return reads;
+    };
+    bool countsAsDesigned = true;
+    auto countRow = [&](const std::string& figure, double measured, int prescribed) {
+        bool met = logCallsAsDesigned(measured, prescribed);
+        countsAsDesigned = countsAsDesigned && met;
+        printRow(figure, summarize({measured}), Unit::Count, "= " + std::to_string(prescribed), met);
+    };
+    auto readsRow = [&](const std::string& figure, int count) {
+        printRow(figure + " " + std::to_string(count) + " level reads", levelReads(count), Unit::Percent, "",
+                 true);
+    };
+
+    Summary cspOwn = ownTime(cspShare, kSignDocumentLogCalls, 0);
+    printRow("1 CryptSignHash, provider's own time / RSA-2048 signature", cspOwn, Unit::Percent, "<= 1 %",
+             cspOwn.median <= 0.01);
+    readsRow("1   + the design's", kSignDocumentLogCalls);
+    printRow("1   = all of it, zero-cost device", summarize(cspShare), Unit::Percent, "", true);
+    countRow("1   log calls per CryptSignHash", cspCalls, kSignDocumentLogCalls);
+    Summary kspOwn = ownTime(kspShare, kKspSignHashLogCalls, 0);
+    printRow("1 KSP SignHash, provider's own time / RSA-2048 signature", kspOwn, Unit::Percent, "<= 1 %",
+             kspOwn.median <= 0.01);
+    readsRow("1   + the design's", kKspSignHashLogCalls);
+    printRow("1   = all of it, zero-cost device", summarize(kspShare), Unit::Percent, "", true);
+    countRow("1   log calls per KSP SignHash", kspCalls, kKspSignHashLogCalls);
+
+    std::string atKeys = std::to_string(keys) + " keys";
+    int acquireReads = acquireReleaseLogCalls(keys);
+    Summary acquireOwn = ownTime(acquireShare, acquireReads, builtIn.median);
+    printRow("3 CryptAcquire+Release, provider's own time, " + atKeys, acquireOwn, Unit::Percent, "<= 5 %",
+             acquireOwn.median <= 0.05);
+    readsRow("3   + the design's", acquireReads);
+    printRow("3   + advapi32 alone: Wine's own provider, verify-only", builtIn, Unit::Percent, "", true);
+    printRow("3   = all of it, zero-cost device", summarize(acquireShare), Unit::Percent, "", true);
+    countRow("3   log calls per CryptAcquire+Release, " + atKeys, acquireCalls, acquireReads);
+    Summary openOwn = ownTime(openShare, kKspOpenFirstKeyLogCalls, 0);
+    printRow("3 KSP open+openkey+frees, provider's own time, " + atKeys, openOwn, Unit::Percent, "<= 5 %",
+             openOwn.median <= 0.05);
+    readsRow("3   + the design's", kKspOpenFirstKeyLogCalls);
+    printRow("3   = all of it, zero-cost device", summarize(openShare), Unit::Percent, "", true);
+    countRow("3   log calls per KSP open+openkey+frees", openCalls, kKspOpenFirstKeyLogCalls);
 
     std::string cycles = std::to_string(scale.firstCycles) + " -> " + std::to_string(scale.allCycles);
     Summary cspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return cspCycle(name); });
@@ -167,7 +188,11 @@ int nullDeviceFigures(const Scale& scale) {
     Summary kspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return kspCycle(name); });
     printRow("6 working set, KSP cycles " + cycles, kspGrowth, Unit::Kilobytes, "<= 1024 KB",
              kspGrowth.median <= 1024 * 1024);
-    return 0;
+    // The timed figures are not judged here (a shared machine moves them); a log-call count that
+    // is not the design's is a regression whatever the load, so it fails the run.
+    if (!countsAsDesigned)
+        std::fprintf(stderr, "log calls per operation differ from the design's (rows marked MISSED)\n");
+    return countsAsDesigned ? 0 : 1;
 }
 
 }  // namespace bench
