@@ -64,6 +64,10 @@ enum class Unit { Percent, Times, Kilobytes, Count };
 void printRow(const std::string& figure, const Summary& summary, Unit unit, const std::string& goal,
               bool met);
 
+// The same row with the caller's own verdict, such as "noise" for a figure the run could not resolve.
+void printRowWithVerdict(const std::string& figure, const Summary& summary, Unit unit,
+                         const std::string& goal, const std::string& verdict);
+
 // Process CPU time (user + kernel) in seconds, and the working set in bytes.
 double processCpuSeconds(HANDLE process = GetCurrentProcess());
 double workingSetBytes();

@@ -1,9 +1,11 @@
 // Figures measured beside the zero-cost device library (bench-null/CalythDSCLibrary.dll): whatever
 // time a call takes there is the provider's own.
 #include <cstdio>
+#include <functional>
 
 #include "clients.h"
 #include "figures.h"
+#include "level_read_stub.h"
 #include "level_reads.h"
 #include "log/log.h"
 #include "measure.h"
@@ -68,6 +70,10 @@ int nullDeviceFigures(const Scale& scale) {
         std::fprintf(stderr, "cannot open the zero-cost token through the provider\n");
         return 1;
     }
+    if (!stubLevelReads(false)) {
+        std::fprintf(stderr, "cannot find the provider's import of RegGetValueA\n");
+        return 1;
+    }
     // Log calls per operation, counted once from the log file: each is one level read.
     double cspCalls = logCallsPerOperation(20, [&] { return signDocument(provider, sampleDocument()); });
     double kspCalls = logCallsPerOperation(20, [&] { return kspSign(key, sampleDigest(), false); });
@@ -78,7 +84,7 @@ int nullDeviceFigures(const Scale& scale) {
         return 1;
     }
     std::vector<double> cspShare, kspShare, cspTime, kspTime, signatureTime, acquireShare, openShare,
-        readShare, readTime, builtInShare;
+        readShare, readTime, builtInShare, cspOwn, kspOwn, acquireOwn, openOwn;
     for (int round = 0; round < scale.rounds; ++round) {
         // The provider's operations take a few per cent of a signature: many of them per signature.
         auto signature = [&](int) { return referenceSign(*reference, sampleDigest()); };
@@ -114,6 +120,21 @@ int nullDeviceFigures(const Scale& scale) {
         openShare.push_back(ok ? open / floor4 : -1);
         readShare.push_back(ok ? read / floor5 : -1);
         builtInShare.push_back(ok ? builtIn / floor6 : -1);
+        // The same operations with the level reads stubbed out: the provider's own time.
+        auto ownShare = [&](int perSignature, const std::function<bool()>& operation) {
+            return alternatingRatio(
+                scale.signatures, perSignature, [&](int) { return operation(); }, signature);
+        };
+        bool stubbed = stubLevelReads(true);
+        cspOwn.push_back(
+            stubbed ? ownShare(scale.freeOperations, [&] { return signDocument(provider, sampleDocument()); })
+                    : -1);
+        kspOwn.push_back(
+            stubbed ? ownShare(scale.freeOperations, [&] { return kspSign(key, sampleDigest(), false); })
+                    : -1);
+        acquireOwn.push_back(stubbed ? ownShare(2, [&] { return acquireOnce(name); }) : -1);
+        openOwn.push_back(stubbed ? ownShare(2, [&] { return openOnce(name); }) : -1);
+        stubLevelReads(false);
     }
     CryptReleaseContext(provider, 0);
     closeKspKey(key);
@@ -123,63 +144,54 @@ int nullDeviceFigures(const Scale& scale) {
         summarize(signatureTime).median * 1e6, summarize(cspTime).median * 1e6,
         summarize(kspTime).median * 1e6, summarize(readTime).median * 1e6);
 
-    // The provider's own time: an operation's share less the level reads the design prescribes for
-    // it (calls beyond those stay in), and for an acquisition through advapi32 less advapi32's own
-    // share. Medians: round by round the parts are too noisy on a shared machine to subtract.
+    // The provider's own time is measured with the level reads stubbed out (level_read_stub.h); for
+    // an acquisition through advapi32 the median of advapi32's own share is taken out too. Beside it
+    // the design's reads (the prescribed count times one read's median share, timed with the
+    // facility's own getLogLevel) and the operation's whole share.
     Summary read = summarize(readShare);
     Summary builtIn = summarize(builtInShare);
-    auto ownTime = [&](const std::vector<double>& shares, int prescribedReads, double besides) {
-        Summary own = summarize(shares);
-        own.median -= prescribedReads * read.median + besides;
-        own.low = own.high = own.median;
-        return own;
-    };
-    auto levelReads = [&](int count) {
-        Summary reads = read;
-        reads.median *= count;
-        reads.low *= count;
-        reads.high *= count;
-        return reads;
-    };
     bool countsAsDesigned = true;
-    auto countRow = [&](const std::string& figure, double measured, int prescribed) {
-        bool met = logCallsAsDesigned(measured, prescribed);
+    auto ownTimeFigure = [&](const std::string& figure, const std::vector<double>& shares,
+                             const std::vector<double>& ownShares, int prescribed, double calls,
+                             const Summary* advapi, double goal) {
+        Summary own = summarize(ownShares);
+        double besides = advapi ? advapi->median : 0;
+        own.median -= besides;
+        own.low -= besides;
+        own.high -= besides;
+        Summary reads = read;
+        reads.median *= prescribed;
+        reads.low *= prescribed;
+        reads.high *= prescribed;
+        std::string number = figure.substr(0, 1);
+        std::string goalText = "<= " + std::to_string(static_cast<int>(goal * 100 + 0.5)) + " %";
+        // Below zero, advapi32's share was measured larger than the whole acquisition: the load moved
+        // between the passes more than the provider's own time weighs, and the run cannot judge it.
+        printRowWithVerdict(figure + ", provider's own time", own, Unit::Percent, goalText,
+                            own.median < 0       ? "noise"
+                            : own.median <= goal ? "met"
+                                                 : "MISSED");
+        printRow(number + "   + the design's " + std::to_string(prescribed) + " level reads", reads,
+                 Unit::Percent, "", true);
+        if (advapi)
+            printRow(number + "   + advapi32 alone: Wine's own provider, verify-only", *advapi, Unit::Percent,
+                     "", true);
+        printRow(number + "   = all of it, zero-cost device", summarize(shares), Unit::Percent, "", true);
+        bool met = logCallsAsDesigned(calls, prescribed);
         countsAsDesigned = countsAsDesigned && met;
-        printRow(figure, summarize({measured}), Unit::Count, "= " + std::to_string(prescribed), met);
-    };
-    auto readsRow = [&](const std::string& figure, int count) {
-        printRow(figure + " " + std::to_string(count) + " level reads", levelReads(count), Unit::Percent, "",
-                 true);
+        printRow(number + "   log calls per operation", summarize({calls}), Unit::Count,
+                 "= " + std::to_string(prescribed), met);
     };
 
-    Summary cspOwn = ownTime(cspShare, kSignDocumentLogCalls, 0);
-    printRow("1 CryptSignHash, provider's own time / RSA-2048 signature", cspOwn, Unit::Percent, "<= 1 %",
-             cspOwn.median <= 0.01);
-    readsRow("1   + the design's", kSignDocumentLogCalls);
-    printRow("1   = all of it, zero-cost device", summarize(cspShare), Unit::Percent, "", true);
-    countRow("1   log calls per CryptSignHash", cspCalls, kSignDocumentLogCalls);
-    Summary kspOwn = ownTime(kspShare, kKspSignHashLogCalls, 0);
-    printRow("1 KSP SignHash, provider's own time / RSA-2048 signature", kspOwn, Unit::Percent, "<= 1 %",
-             kspOwn.median <= 0.01);
-    readsRow("1   + the design's", kKspSignHashLogCalls);
-    printRow("1   = all of it, zero-cost device", summarize(kspShare), Unit::Percent, "", true);
-    countRow("1   log calls per KSP SignHash", kspCalls, kKspSignHashLogCalls);
-
+    ownTimeFigure("1 CryptSignHash / RSA-2048 signature", cspShare, cspOwn, kSignDocumentLogCalls, cspCalls,
+                  nullptr, 0.01);
+    ownTimeFigure("1 KSP SignHash / RSA-2048 signature", kspShare, kspOwn, kKspSignHashLogCalls, kspCalls,
+                  nullptr, 0.01);
     std::string atKeys = std::to_string(keys) + " keys";
-    int acquireReads = acquireReleaseLogCalls(keys);
-    Summary acquireOwn = ownTime(acquireShare, acquireReads, builtIn.median);
-    printRow("3 CryptAcquire+Release, provider's own time, " + atKeys, acquireOwn, Unit::Percent, "<= 5 %",
-             acquireOwn.median <= 0.05);
-    readsRow("3   + the design's", acquireReads);
-    printRow("3   + advapi32 alone: Wine's own provider, verify-only", builtIn, Unit::Percent, "", true);
-    printRow("3   = all of it, zero-cost device", summarize(acquireShare), Unit::Percent, "", true);
-    countRow("3   log calls per CryptAcquire+Release, " + atKeys, acquireCalls, acquireReads);
-    Summary openOwn = ownTime(openShare, kKspOpenFirstKeyLogCalls, 0);
-    printRow("3 KSP open+openkey+frees, provider's own time, " + atKeys, openOwn, Unit::Percent, "<= 5 %",
-             openOwn.median <= 0.05);
-    readsRow("3   + the design's", kKspOpenFirstKeyLogCalls);
-    printRow("3   = all of it, zero-cost device", summarize(openShare), Unit::Percent, "", true);
-    countRow("3   log calls per KSP open+openkey+frees", openCalls, kKspOpenFirstKeyLogCalls);
+    ownTimeFigure("3 CryptAcquire+Release, " + atKeys, acquireShare, acquireOwn, acquireReleaseLogCalls(keys),
+                  acquireCalls, &builtIn, 0.05);
+    ownTimeFigure("3 KSP open+openkey+frees, " + atKeys, openShare, openOwn, kKspOpenFirstKeyLogCalls,
+                  openCalls, nullptr, 0.05);
 
     std::string cycles = std::to_string(scale.firstCycles) + " -> " + std::to_string(scale.allCycles);
     Summary cspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return cspCycle(name); });

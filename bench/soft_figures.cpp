@@ -74,6 +74,18 @@ std::string storeText(const StoreLayout& layout) {
            std::to_string(layout.keysPerToken) + " keys";
 }
 
+// Points this process at the store and picks the first key of its last token: with several tokens
+// the provider has to look through them all.
+bool useStoreKey(const std::string& root, const StoreLayout& layout, std::string& serial,
+                 softtoken::KeyRecord& key) {
+    useStore(root, layout.name);
+    std::vector<std::string> serials = storeSerials();
+    if (serials.empty() || !benchKey(serials.back(), 0, key))
+        return false;
+    serial = serials.back();
+    return true;
+}
+
 struct AcquireRounds {
     std::vector<double> csp, ksp;
 };
@@ -89,10 +101,9 @@ int acquisition(const std::string& root, const Scale& scale) {
     // makes the device monitor log the previous store's token as gone, once.
     bool countsAsDesigned = true;
     for (const StoreLayout& layout : storeLayouts()) {
-        useStore(root, layout.name);
-        std::vector<std::string> serials = storeSerials();
+        std::string serial;
         softtoken::KeyRecord key;
-        if (serials.empty() || !benchKey(serials.back(), 0, key))
+        if (!useStoreKey(root, layout, serial, key))
             return 1;
         std::string name = keyIdText(key);
         double acquireCalls = logCallsPerOperationBesideMonitor(5, [&] { return acquireOnce(name); });
@@ -111,16 +122,14 @@ int acquisition(const std::string& root, const Scale& scale) {
     }
     for (int round = 0; round < scale.rounds; ++round) {
         for (const StoreLayout& layout : storeLayouts()) {
-            useStore(root, layout.name);
-            std::vector<std::string> serials = storeSerials();
+            std::string serial;
             softtoken::KeyRecord key;
-            // The last token: with several tokens the provider has to look through them all.
-            if (serials.empty() || !benchKey(serials.back(), 0, key))
+            if (!useStoreKey(root, layout, serial, key))
                 return 1;
             std::string name = keyIdText(key);
             acquireOnce(name);
             openOnce(name);
-            auto signature = [&](int) { return tokenSign(signHash, serials.back(), key); };
+            auto signature = [&](int) { return tokenSign(signHash, serial, key); };
             rounds[layout.name].csp.push_back(alternatingRatio(
                 scale.acquisitions, 1, [&](int) { return acquireOnce(name); }, signature));
             rounds[layout.name].ksp.push_back(alternatingRatio(
