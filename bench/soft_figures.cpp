@@ -74,15 +74,22 @@ std::string storeText(const StoreLayout& layout) {
            std::to_string(layout.keysPerToken) + " keys";
 }
 
-// Points this process at the store and picks the first key of its last token: with several tokens
-// the provider has to look through them all.
-bool useStoreKey(const std::string& root, const StoreLayout& layout, std::string& serial,
-                 softtoken::KeyRecord& key) {
+// The key a store's acquisitions open: the first key of its last token (with several tokens the
+// provider has to look through them all), and its container and CNG key name.
+struct StoreKey {
+    std::string serial;
+    softtoken::KeyRecord key;
+    std::string name;
+};
+
+// Points this process at the store and picks its StoreKey.
+bool useStoreKey(const std::string& root, const StoreLayout& layout, StoreKey& out) {
     useStore(root, layout.name);
     std::vector<std::string> serials = storeSerials();
-    if (serials.empty() || !benchKey(serials.back(), 0, key))
+    if (serials.empty() || !benchKey(serials.back(), 0, out.key))
         return false;
-    serial = serials.back();
+    out.serial = serials.back();
+    out.name = keyIdText(out.key);
     return true;
 }
 
@@ -101,11 +108,10 @@ int acquisition(const std::string& root, const Scale& scale) {
     // makes the device monitor log the previous store's token as gone, once.
     bool countsAsDesigned = true;
     for (const StoreLayout& layout : storeLayouts()) {
-        std::string serial;
-        softtoken::KeyRecord key;
-        if (!useStoreKey(root, layout, serial, key))
+        StoreKey picked;
+        if (!useStoreKey(root, layout, picked))
             return 1;
-        std::string name = keyIdText(key);
+        const std::string& name = picked.name;
         double acquireCalls = logCallsPerOperationBesideMonitor(5, [&] { return acquireOnce(name); });
         double openCalls = logCallsPerOperationBesideMonitor(5, [&] { return openOnce(name); });
         if (acquireCalls < 0 || openCalls < 0)
@@ -122,14 +128,13 @@ int acquisition(const std::string& root, const Scale& scale) {
     }
     for (int round = 0; round < scale.rounds; ++round) {
         for (const StoreLayout& layout : storeLayouts()) {
-            std::string serial;
-            softtoken::KeyRecord key;
-            if (!useStoreKey(root, layout, serial, key))
+            StoreKey picked;
+            if (!useStoreKey(root, layout, picked))
                 return 1;
-            std::string name = keyIdText(key);
+            const std::string& name = picked.name;
             acquireOnce(name);
             openOnce(name);
-            auto signature = [&](int) { return tokenSign(signHash, serial, key); };
+            auto signature = [&](int) { return tokenSign(signHash, picked.serial, picked.key); };
             rounds[layout.name].csp.push_back(alternatingRatio(
                 scale.acquisitions, 1, [&](int) { return acquireOnce(name); }, signature));
             rounds[layout.name].ksp.push_back(alternatingRatio(
