@@ -1,5 +1,7 @@
 #include "clients.h"
 
+#include "token/device_library.h"
+
 namespace bench {
 namespace {
 
@@ -30,6 +32,21 @@ bool registerProviderBesideProgram() {
                   ERROR_SUCCESS;
     RegCloseKey(key);
     return ok;
+}
+
+int keysOnFirstToken() {
+    HMODULE library = GetModuleHandleA("CalythDSCLibrary.dll");
+    auto deviceList =
+        library ? reinterpret_cast<decltype(&calyth_getConnectedDeviceList)>(
+                      reinterpret_cast<void*>(GetProcAddress(library, "calyth_getConnectedDeviceList")))
+                : nullptr;
+    auto keyPairList = library ? reinterpret_cast<decltype(&calyth_getKeyPairList)>(reinterpret_cast<void*>(
+                                     GetProcAddress(library, "calyth_getKeyPairList")))
+                               : nullptr;
+    if (!deviceList || !keyPairList)
+        return -1;
+    std::vector<std::string> serials = deviceList(false, nullptr);
+    return serials.empty() ? -1 : static_cast<int>(keyPairList(serials.front().c_str(), nullptr).size());
 }
 
 HCRYPTPROV acquireContext(const std::string& container, const char* pin, DWORD flags) {

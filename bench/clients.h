@@ -24,6 +24,10 @@ std::string programFolder();  // ends in a backslash
 // HKLM CryptoAPI registration pointing at the CalythCSP.dll beside this program.
 bool registerProviderBesideProgram();
 
+// Key pairs on the first token of the device library that the provider loaded; -1 when none is
+// loaded or no token is connected.
+int keysOnFirstToken();
+
 // CryptAcquireContext on the key's container (empty: none), then PP_SIGNATURE_PIN unless `pin`
 // is null. Releases and answers 0 on failure.
 HCRYPTPROV acquireContext(const std::string& container, const char* pin, DWORD flags = 0);

@@ -17,7 +17,8 @@ int main(int argc, char** argv) {
     if (mode == "soft" && argc == 4) {
         bench::Scale scale = bench::scaleFor(std::strcmp(argv[3], "quick") == 0);
         int status = bench::softTokenFigures(argv[2], scale);
-        return status != 0 ? status : bench::threadFigures(argv[2], scale);
+        int threads = bench::threadFigures(argv[2], scale);
+        return status != 0 ? status : threads;
     }
     if (mode == "idle" && argc == 6 && std::strcmp(argv[3], "agent") == 0)
         return bench::idleAgent(argv[2], std::atoi(argv[4]), std::atoi(argv[5]));

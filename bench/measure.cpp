@@ -40,6 +40,9 @@ std::string formatted(double value, Unit unit) {
         case Unit::Kilobytes:
             std::snprintf(text, sizeof text, "%.0f KB", value / 1024);
             break;
+        case Unit::Count:
+            std::snprintf(text, sizeof text, "%.2f", value);
+            break;
     }
     return text;
 }
@@ -48,12 +51,17 @@ std::string formatted(double value, Unit unit) {
 
 void printRow(const std::string& figure, const Summary& summary, Unit unit, const std::string& goal,
               bool met) {
+    printRowWithVerdict(figure, summary, unit, goal, goal.empty() ? "" : met ? "met" : "MISSED");
+}
+
+void printRowWithVerdict(const std::string& figure, const Summary& summary, Unit unit,
+                         const std::string& goal, const std::string& verdict) {
     std::string median = summary.valid ? formatted(summary.median, unit) : "failed";
     std::string spread =
         summary.valid ? formatted(summary.low, unit) + " .. " + formatted(summary.high, unit) : "-";
-    const char* verdict = goal.empty() ? "" : !summary.valid ? "FAILED" : met ? "met" : "MISSED";
+    std::string shown = !goal.empty() && !summary.valid ? "FAILED" : verdict;
     std::printf("| %-58s | %10s | %22s | %-10s | %-6s |\n", figure.c_str(), median.c_str(), spread.c_str(),
-                goal.c_str(), verdict);
+                goal.c_str(), shown.c_str());
     std::fflush(stdout);
 }
 

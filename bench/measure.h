@@ -56,13 +56,17 @@ struct Summary {
 // Median and range of the rounds; a negative round (a failure) makes the summary invalid.
 Summary summarize(std::vector<double> rounds);
 
-// How a figure reads: a fraction shown in per cent, a factor, or kilobytes.
-enum class Unit { Percent, Times, Kilobytes };
+// How a figure reads: a fraction shown in per cent, a factor, kilobytes, or a count per operation.
+enum class Unit { Percent, Times, Kilobytes, Count };
 
 // One line of the table: figure, median, spread (lowest..highest round), goal, verdict.
 // `met` is ignored when `goal` is empty (a figure shown for information).
 void printRow(const std::string& figure, const Summary& summary, Unit unit, const std::string& goal,
               bool met);
+
+// The same row with the caller's own verdict, such as "noise" for a figure the run could not resolve.
+void printRowWithVerdict(const std::string& figure, const Summary& summary, Unit unit,
+                         const std::string& goal, const std::string& verdict);
 
 // Process CPU time (user + kernel) in seconds, and the working set in bytes.
 double processCpuSeconds(HANDLE process = GetCurrentProcess());

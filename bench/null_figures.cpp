@@ -1,10 +1,13 @@
 // Figures measured beside the zero-cost device library (bench-null/CalythDSCLibrary.dll): whatever
 // time a call takes there is the provider's own.
 #include <cstdio>
+#include <functional>
 
 #include "clients.h"
 #include "figures.h"
+#include "level_read_stub.h"
 #include "level_reads.h"
+#include "log/log.h"
 #include "measure.h"
 #include "reference.h"
 #include "token/device_library.h"
@@ -62,11 +65,16 @@ int nullDeviceFigures(const Scale& scale) {
     std::string name = nullRsaKeyName();
     HCRYPTPROV provider = acquireContext(name, kPin);
     KspKey key;
-    if (!reference || !provider || !openKspKey(name, kPin, key)) {
+    int keys = keysOnFirstToken();
+    if (!reference || !provider || !openKspKey(name, kPin, key) || keys < 0) {
         std::fprintf(stderr, "cannot open the zero-cost token through the provider\n");
         return 1;
     }
-    // Log calls per operation, counted once: each reads the level from the registry.
+    if (!stubLevelReads(false)) {
+        std::fprintf(stderr, "cannot find the provider's import of RegGetValueA\n");
+        return 1;
+    }
+    // Log calls per operation, counted once from the log file: each is one level read.
     double cspCalls = logCallsPerOperation(20, [&] { return signDocument(provider, sampleDocument()); });
     double kspCalls = logCallsPerOperation(20, [&] { return kspSign(key, sampleDigest(), false); });
     double acquireCalls = logCallsPerOperation(20, [&] { return acquireOnce(name); });
@@ -76,7 +84,7 @@ int nullDeviceFigures(const Scale& scale) {
         return 1;
     }
     std::vector<double> cspShare, kspShare, cspTime, kspTime, signatureTime, acquireShare, openShare,
-        readShare, readTime, builtInShare;
+        readShare, readTime, builtInShare, cspOwn, kspOwn, acquireOwn, openOwn;
     for (int round = 0; round < scale.rounds; ++round) {
         // The provider's operations take a few per cent of a signature: many of them per signature.
         auto signature = [&](int) { return referenceSign(*reference, sampleDigest()); };
@@ -96,7 +104,7 @@ int nullDeviceFigures(const Scale& scale) {
             alternate(
                 scale.signatures, 10 * scale.freeOperations,
                 [&](int) {
-                    providerLogLevel();
+                    getLogLevel();  // the facility's own read, as every log call makes it
                     return true;
                 },
                 signature, read, floor5) &&
@@ -112,53 +120,83 @@ int nullDeviceFigures(const Scale& scale) {
         openShare.push_back(ok ? open / floor4 : -1);
         readShare.push_back(ok ? read / floor5 : -1);
         builtInShare.push_back(ok ? builtIn / floor6 : -1);
+        // The same operations with the level reads stubbed out: the provider's own time.
+        auto ownShare = [&](int perSignature, const std::function<bool()>& operation) {
+            return alternatingRatio(
+                scale.signatures, perSignature, [&](int) { return operation(); }, signature);
+        };
+        bool stubbed = stubLevelReads(true);
+        cspOwn.push_back(
+            stubbed ? ownShare(scale.freeOperations, [&] { return signDocument(provider, sampleDocument()); })
+                    : -1);
+        kspOwn.push_back(
+            stubbed ? ownShare(scale.freeOperations, [&] { return kspSign(key, sampleDigest(), false); })
+                    : -1);
+        acquireOwn.push_back(stubbed ? ownShare(2, [&] { return acquireOnce(name); }) : -1);
+        openOwn.push_back(stubbed ? ownShare(2, [&] { return openOnce(name); }) : -1);
+        stubLevelReads(false);
     }
     CryptReleaseContext(provider, 0);
     closeKspKey(key);
-    Summary csp = summarize(cspShare), ksp = summarize(kspShare);
     std::printf(
         "# medians: RSA-2048 libgcrypt signature %.0f us, provider per CryptSignHash %.1f us, per KSP "
         "SignHash %.1f us; one log level read %.1f us\n",
         summarize(signatureTime).median * 1e6, summarize(cspTime).median * 1e6,
         summarize(kspTime).median * 1e6, summarize(readTime).median * 1e6);
-    std::printf(
-        "# log calls (each one level read): CryptSignHash %.1f, KSP SignHash %.1f, "
-        "CryptAcquire+Release %.1f, KSP open+openkey+frees %.1f\n",
-        cspCalls, kspCalls, acquireCalls, openCalls);
-    printRow("1 overhead per CryptSignHash / RSA-2048 signature", csp, Unit::Percent, "<= 2 %",
-             csp.median <= 0.02);
-    printRow("1 overhead per KSP SignHash / RSA-2048 signature", ksp, Unit::Percent, "<= 2 %",
-             ksp.median <= 0.02);
-    // The same figures without the level reads that the log facility makes on every call: the
-    // median share of the operation less its log calls times the median share of one read (round
-    // by round the two are too noisy on a shared machine to subtract).
-    double readMedian = summarize(readShare).median;
-    auto withoutReads = [&](const std::vector<double>& shares, double calls) {
-        Summary rest = summarize(shares);
-        rest.median -= calls * readMedian;
-        rest.low = rest.high = rest.median;
-        return rest;
-    };
-    Summary cspReads = summarize(readShare);
-    cspReads.median *= cspCalls;
-    cspReads.low *= cspCalls;
-    cspReads.high *= cspCalls;
-    printRow("1   of it the log level reads, per CryptSignHash", cspReads, Unit::Percent, "", true);
-    printRow("1   CryptSignHash without the level reads", withoutReads(cspShare, cspCalls), Unit::Percent, "",
-             true);
-    printRow("1   KSP SignHash without the level reads", withoutReads(kspShare, kspCalls), Unit::Percent, "",
-             true);
 
-    printRow("3 CryptAcquire+Release / signature, zero-cost device", summarize(acquireShare), Unit::Percent,
-             "", true);
-    printRow("3 KSP open+openkey+frees / signature, zero-cost device", summarize(openShare), Unit::Percent,
-             "", true);
-    printRow("3   CryptAcquire+Release without the level reads", withoutReads(acquireShare, acquireCalls),
-             Unit::Percent, "", true);
-    printRow("3   KSP open+openkey+frees without the level reads", withoutReads(openShare, openCalls),
-             Unit::Percent, "", true);
-    printRow("3   advapi32 alone: acquire+release of Wine's own provider", summarize(builtInShare),
-             Unit::Percent, "", true);
+    // The provider's own time is measured with the level reads stubbed out (level_read_stub.h); for
+    // an acquisition through advapi32 the median of advapi32's own share is taken out too. Beside it
+    // the design's reads (the prescribed count times one read's median share, timed with the
+    // facility's own getLogLevel) and the operation's whole share.
+    Summary read = summarize(readShare);
+    Summary builtIn = summarize(builtInShare);
+    bool countsAsDesigned = true;
+    auto ownTimeFigure = [&](const std::string& figure, const std::vector<double>& shares,
+                             const std::vector<double>& ownShares, int prescribed, double calls,
+                             const Summary* advapi, double goal) {
+        Summary own = summarize(ownShares);
+        double besides = advapi ? advapi->median : 0;
+        own.median -= besides;
+        own.low -= besides;
+        own.high -= besides;
+        Summary reads = read;
+        reads.median *= prescribed;
+        reads.low *= prescribed;
+        reads.high *= prescribed;
+        std::string number = figure.substr(0, 1);
+        std::string goalText = "<= " + std::to_string(static_cast<int>(goal * 100 + 0.5)) + " %";
+        // Below zero, advapi32's share was measured larger than the whole acquisition: the load moved
+        // between the passes more than the provider's own time weighs, and the run cannot judge it.
+        printRowWithVerdict(figure + ", provider's own time", own, Unit::Percent, goalText,
+                            own.median < 0       ? "noise"
+                            : own.median <= goal ? "met"
+                                                 : "MISSED");
+        printRow(number + "   + the design's " + std::to_string(prescribed) + " level reads", reads,
+                 Unit::Percent, "", true);
+        if (advapi) {
+            // advapi32 alone goes through Wine's own provider, whose own work it holds too: shown
+            // beside the stubbed time with advapi32's part still in, the reader sees both sides.
+            printRow(number + "   stubbed reads, advapi32's part still in", summarize(ownShares),
+                     Unit::Percent, "", true);
+            printRow(number + "   + advapi32 alone: Wine's own provider, verify-only", *advapi, Unit::Percent,
+                     "", true);
+        }
+        printRow(number + "   = all of it, zero-cost device", summarize(shares), Unit::Percent, "", true);
+        bool met = logCallsAsDesigned(calls, prescribed);
+        countsAsDesigned = countsAsDesigned && met;
+        printRow(number + "   log calls per operation", summarize({calls}), Unit::Count,
+                 "= " + std::to_string(prescribed), met);
+    };
+
+    ownTimeFigure("1 CryptSignHash / RSA-2048 signature", cspShare, cspOwn, kSignDocumentLogCalls, cspCalls,
+                  nullptr, 0.01);
+    ownTimeFigure("1 KSP SignHash / RSA-2048 signature", kspShare, kspOwn, kKspSignHashLogCalls, kspCalls,
+                  nullptr, 0.01);
+    std::string atKeys = std::to_string(keys) + " keys";
+    ownTimeFigure("3 CryptAcquire+Release, " + atKeys, acquireShare, acquireOwn, acquireReleaseLogCalls(keys),
+                  acquireCalls, &builtIn, 0.05);
+    ownTimeFigure("3 KSP open+openkey+frees, " + atKeys, openShare, openOwn, kKspOpenFirstKeyLogCalls,
+                  openCalls, nullptr, 0.05);
 
     std::string cycles = std::to_string(scale.firstCycles) + " -> " + std::to_string(scale.allCycles);
     Summary cspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return cspCycle(name); });
@@ -167,7 +205,11 @@ int nullDeviceFigures(const Scale& scale) {
     Summary kspGrowth = growth(scale.firstCycles, scale.allCycles, [&] { return kspCycle(name); });
     printRow("6 working set, KSP cycles " + cycles, kspGrowth, Unit::Kilobytes, "<= 1024 KB",
              kspGrowth.median <= 1024 * 1024);
-    return 0;
+    // The timed figures are not judged here (a shared machine moves them); a log-call count that
+    // is not the design's is a regression whatever the load, so it fails the run.
+    if (!countsAsDesigned)
+        std::fprintf(stderr, "log calls per operation differ from the design's (rows marked MISSED)\n");
+    return countsAsDesigned ? 0 : 1;
 }
 
 }  // namespace bench

@@ -1,7 +1,5 @@
 #include "reference.h"
 
-#include <windows.h>
-
 namespace bench {
 
 KeyPtr freshKey(int32_t sizeCode) {
@@ -30,16 +28,6 @@ const Bytes& sampleDocument() {
 const Bytes& sampleDigest() {
     static const Bytes digest(32, 0x24);
     return digest;
-}
-
-int providerLogLevel() {
-    unsigned char data[32] = {};
-    DWORD size = sizeof data;
-    if (RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Quorvik Labs\\Calyth", "logLevel", RRF_RT_ANY, nullptr,
-                     data, &size) != ERROR_SUCCESS)
-        return 2;
-    int level = static_cast<signed char>(data[0]);
-    return level > 3 ? 2 : level;
 }
 
 }  // namespace bench

@@ -19,8 +19,4 @@ bool referenceSign(const softtoken::PrivateKey& key, const Bytes& digest);
 const Bytes& sampleDocument();
 const Bytes& sampleDigest();
 
-// The provider's log level as it reads it (first byte of HKLM\Software\Quorvik Labs\Calyth
-// logLevel, 2 when missing).
-int providerLogLevel();
-
 }  // namespace bench

@@ -6,6 +6,8 @@
 #include "bench_stores.h"
 #include "clients.h"
 #include "figures.h"
+#include "level_reads.h"
+#include "log/log.h"
 #include "measure.h"
 #include "reference.h"
 #include "token/device_library.h"
@@ -67,6 +69,30 @@ int endToEnd(const std::string& root, const Scale& scale) {
     return 0;
 }
 
+std::string storeText(const StoreLayout& layout) {
+    return std::to_string(layout.tokens) + (layout.tokens == 1 ? " token, " : " tokens, ") +
+           std::to_string(layout.keysPerToken) + " keys";
+}
+
+// The key a store's acquisitions open: the first key of its last token (with several tokens the
+// provider has to look through them all), and its container and CNG key name.
+struct StoreKey {
+    std::string serial;
+    softtoken::KeyRecord key;
+    std::string name;
+};
+
+// Points this process at the store and picks its StoreKey.
+bool useStoreKey(const std::string& root, const StoreLayout& layout, StoreKey& out) {
+    useStore(root, layout.name);
+    std::vector<std::string> serials = storeSerials();
+    if (serials.empty() || !benchKey(serials.back(), 0, out.key))
+        return false;
+    out.serial = serials.back();
+    out.name = keyIdText(out.key);
+    return true;
+}
+
 struct AcquireRounds {
     std::vector<double> csp, ksp;
 };
@@ -77,18 +103,38 @@ int acquisition(const std::string& root, const Scale& scale) {
         return 1;
     std::map<std::string, AcquireRounds> rounds;
     std::vector<double> growthCsp, growthKsp;
+    // Log calls per acquisition, counted per store from the log file: the CryptoAPI side lists every
+    // key of the selected token, the CNG side only the keys up to the one it opens. Switching stores
+    // makes the device monitor log the previous store's token as gone, once.
+    bool countsAsDesigned = true;
+    for (const StoreLayout& layout : storeLayouts()) {
+        StoreKey picked;
+        if (!useStoreKey(root, layout, picked))
+            return 1;
+        const std::string& name = picked.name;
+        double acquireCalls = logCallsPerOperationBesideMonitor(5, [&] { return acquireOnce(name); });
+        double openCalls = logCallsPerOperationBesideMonitor(5, [&] { return openOnce(name); });
+        if (acquireCalls < 0 || openCalls < 0)
+            return 1;
+        int acquirePrescribed = acquireReleaseLogCalls(layout.keysPerToken);
+        bool acquireMet = logCallsAsDesigned(acquireCalls, acquirePrescribed);
+        bool openMet = logCallsAsDesigned(openCalls, kKspOpenFirstKeyLogCalls);
+        countsAsDesigned = countsAsDesigned && acquireMet && openMet;
+        std::string what = storeText(layout);
+        printRow("3 log calls per CryptAcquire+Release, " + what, summarize({acquireCalls}), Unit::Count,
+                 "= " + std::to_string(acquirePrescribed), acquireMet);
+        printRow("3 log calls per KSP open+openkey+frees, " + what, summarize({openCalls}), Unit::Count,
+                 "= " + std::to_string(kKspOpenFirstKeyLogCalls), openMet);
+    }
     for (int round = 0; round < scale.rounds; ++round) {
         for (const StoreLayout& layout : storeLayouts()) {
-            useStore(root, layout.name);
-            std::vector<std::string> serials = storeSerials();
-            softtoken::KeyRecord key;
-            // The last token: with several tokens the provider has to look through them all.
-            if (serials.empty() || !benchKey(serials.back(), 0, key))
+            StoreKey picked;
+            if (!useStoreKey(root, layout, picked))
                 return 1;
-            std::string name = keyIdText(key);
+            const std::string& name = picked.name;
             acquireOnce(name);
             openOnce(name);
-            auto signature = [&](int) { return tokenSign(signHash, serials.back(), key); };
+            auto signature = [&](int) { return tokenSign(signHash, picked.serial, picked.key); };
             rounds[layout.name].csp.push_back(alternatingRatio(
                 scale.acquisitions, 1, [&](int) { return acquireOnce(name); }, signature));
             rounds[layout.name].ksp.push_back(alternatingRatio(
@@ -97,20 +143,20 @@ int acquisition(const std::string& root, const Scale& scale) {
         growthCsp.push_back(rounds["k200"].csp.back() / rounds["k20"].csp.back());
         growthKsp.push_back(rounds["k200"].ksp.back() / rounds["k20"].ksp.back());
     }
+    // All of an acquisition against one soft-token signature: the token's work, advapi32's and the
+    // level reads included, shown for information (the goal is judged on the zero-cost device).
     for (const StoreLayout& layout : storeLayouts()) {
-        std::string what = std::to_string(layout.tokens) + (layout.tokens == 1 ? " token, " : " tokens, ") +
-                           std::to_string(layout.keysPerToken) + " keys";
-        bool goal = std::string(layout.name) == "k20";
+        std::string what = storeText(layout);
         Summary csp = summarize(rounds[layout.name].csp), ksp = summarize(rounds[layout.name].ksp);
-        printRow("3 CryptAcquire+Release / signature, " + what, csp, Unit::Percent, goal ? "<= 10 %" : "",
-                 csp.median <= 0.1);
-        printRow("3 KSP open+openkey+frees / signature, " + what, ksp, Unit::Percent, goal ? "<= 10 %" : "",
-                 ksp.median <= 0.1);
+        printRow("3 CryptAcquire+Release / token signature, " + what, csp, Unit::Percent, "", true);
+        printRow("3 KSP open+openkey+frees / token signature, " + what, ksp, Unit::Percent, "", true);
     }
     Summary csp = summarize(growthCsp), ksp = summarize(growthKsp);
     printRow("3 CryptoAPI acquisition, 200 keys / 20 keys", csp, Unit::Times, "<= 10x", csp.median <= 10);
     printRow("3 KSP acquisition, 200 keys / 20 keys", ksp, Unit::Times, "<= 10x", ksp.median <= 10);
-    return 0;
+    if (!countsAsDesigned)
+        std::fprintf(stderr, "log calls per operation differ from the design's (rows marked MISSED)\n");
+    return countsAsDesigned ? 0 : 1;
 }
 
 }  // namespace
@@ -127,8 +173,8 @@ int softTokenFigures(const std::string& root, const Scale& scale) {
                      root.c_str());
         return 1;
     }
-    std::printf("# log level %d (HKLM\\Software\\Quorvik Labs\\Calyth logLevel), %d rounds\n",
-                providerLogLevel(), scale.rounds);
+    std::printf("# log level %d (HKLM\\Software\\Quorvik Labs\\Calyth logLevel), %d rounds\n", getLogLevel(),
+                scale.rounds);
     int status = endToEnd(root, scale);
     if (status == 0)
         status = acquisition(root, scale);

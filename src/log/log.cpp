@@ -16,6 +16,9 @@ std::mutex* g_logMutex = nullptr;
 
 namespace {
 
+// The log file's path is built in a fixed buffer of this size (getLogBaseFolderPath fills 1,024 bytes).
+constexpr size_t kLogPathSize = 1024;
+
 const char* tagOf(int32_t level) {
     switch (level) {
         case LOG_LEVEL_EXCEPTION:
@@ -35,6 +38,28 @@ void appendBounded(char* buffer, size_t size, const char* text) {
     if (used + 1 >= size)
         return;
     std::strncat(buffer, text, size - used - 1);
+}
+
+// <temp folder>/Quorvik Labs/<process name>/ into an empty 1,024-byte buffer, cut where it is full.
+void appendLogFolder(char* path) {
+    if (getLogBaseFolderPath(path) != 0) {
+        std::printf("\nUnable to getLogBaseFolderPath");
+    }
+    appendBounded(path, kLogPathSize, "/Quorvik Labs/");
+    appendBounded(path, kLogPathSize, getProcessName().c_str());
+    appendBounded(path, kLogPathSize, "/");
+}
+
+// Today's file name, <YYYY-MM-DD>.LOG, after the folder.
+void appendLogFileName(char* path) {
+    // GetLocalTime, not localtime: no buffer shared between threads, no null result.
+    SYSTEMTIME today;
+    GetLocalTime(&today);
+    char date[16];
+    (void)std::snprintf(date, sizeof date, "%04d-%02d-%02d", today.wYear, today.wMonth,  // always fits
+                        today.wDay);
+    appendBounded(path, kLogPathSize, date);
+    appendBounded(path, kLogPathSize, ".LOG");
 }
 
 }  // namespace
@@ -111,26 +136,21 @@ int createLogFolder(const char* path) {
     }
 }
 
+std::string logFilePath() {
+    char path[kLogPathSize];
+    std::memset(path, 0, sizeof path);
+    appendLogFolder(path);
+    appendLogFileName(path);
+    return path;
+}
+
 void writeLog(int32_t level, const std::string& message) {
     try {
-        char path[1024];
+        char path[kLogPathSize];
         std::memset(path, 0, sizeof path);
-        if (getLogBaseFolderPath(path) != 0) {
-            std::printf("\nUnable to getLogBaseFolderPath");
-        }
-        appendBounded(path, sizeof path, "/Quorvik Labs/");
-        appendBounded(path, sizeof path, getProcessName().c_str());
-        appendBounded(path, sizeof path, "/");
+        appendLogFolder(path);
         std::string folders = path;
-
-        // GetLocalTime, not localtime: no buffer shared between threads, no null result.
-        SYSTEMTIME today;
-        GetLocalTime(&today);
-        char date[16];
-        (void)std::snprintf(date, sizeof date, "%04d-%02d-%02d", today.wYear, today.wMonth,  // always fits
-                            today.wDay);
-        appendBounded(path, sizeof path, date);
-        appendBounded(path, sizeof path, ".LOG");
+        appendLogFileName(path);
 
         if (g_logMutex)
             g_logMutex->lock();

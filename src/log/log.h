@@ -22,6 +22,9 @@ int getLogLevel();
 // Fills a 1,024-byte buffer with the temporary folder; 0 on success, -1 on failure.
 int getLogBaseFolderPath(char* buffer);
 std::string getProcessName();
+// The file this process's lines go to today, as writeLog builds it:
+// <temp folder>/Quorvik Labs/<process name>/<YYYY-MM-DD>.LOG.
+std::string logFilePath();
 // Creates the folders of a '/'-separated path, stopping after the first folder it creates.
 int createLogFolder(const char* path);
 
