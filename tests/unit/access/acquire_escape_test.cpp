@@ -42,17 +42,19 @@ protected:
 TEST_F(AcquireEscape, RunningOutOfMemoryIsTheFailedAllocation) {
     acquireWhileThrowing([] { throw std::bad_alloc(); });
     EXPECT_EQ(error, static_cast<DWORD>(NTE_NO_MEMORY));
-    EXPECT_EQ(logCount("ERROR:CPAcquireContext: failed to allocate CSP context, return FALSE"), 1u);
+    EXPECT_EQ(
+        testsupport::logLineCount("ERROR", "CPAcquireContext: failed to allocate CSP context, return FALSE"),
+        1u);
 }
 
 TEST_F(AcquireEscape, AStandardExceptionIsLoggedWithItsText) {
     acquireWhileThrowing([] { throw std::runtime_error("device gone"); });
     EXPECT_EQ(error, static_cast<DWORD>(NTE_FAIL));
-    EXPECT_EQ(logCount("ERROR:CPAcquireContext: exception - device gone"), 1u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPAcquireContext: exception - device gone"), 1u);
 }
 
 TEST_F(AcquireEscape, AnyOtherExceptionIsUnknown) {
     acquireWhileThrowing([] { throw 42; });
     EXPECT_EQ(error, static_cast<DWORD>(NTE_FAIL));
-    EXPECT_EQ(logCount("ERROR:CPAcquireContext: unknown exception"), 1u);
+    EXPECT_EQ(testsupport::logLineCount("ERROR", "CPAcquireContext: unknown exception"), 1u);
 }
