@@ -207,9 +207,7 @@ bool opensslVerifies(const std::string& publicKeyPem, const std::string& hash, c
 }
 
 void startProviderLog() {
-    std::string path = testsupport::logFilePath();
-    std::string processFolder = path.substr(0, path.find_last_of('/'));
-    testsupport::prepareLog(processFolder.substr(processFolder.find_last_of('/') + 1));
+    testsupport::prepareLog();
 }
 
 std::string hexStatus(SECURITY_STATUS status) {

@@ -18,14 +18,6 @@ std::string trimmed(const std::string& text) {
     return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
 
-std::string currentProcessName() {
-    char path[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, path, MAX_PATH);
-    std::string name = path;
-    name = name.substr(name.find_last_of("\\/") + 1);
-    return name.substr(0, name.find('.'));
-}
-
 }  // namespace
 
 int calythToken(const std::string& arguments, std::string* output) {
@@ -110,11 +102,10 @@ std::string TokenStoreTest::file(const std::string& name) const {
 }
 
 std::string prepareLog(const std::string& processName) {
-    std::string folder = tempFolder() + "Quorvik Labs";
-    CreateDirectoryA(folder.c_str(), nullptr);
-    folder += "\\" + processName;
-    CreateDirectoryA(folder.c_str(), nullptr);
     std::string path = logFilePath(processName);
+    std::string processFolder = path.substr(0, path.find_last_of('\\'));
+    CreateDirectoryA(processFolder.substr(0, processFolder.find_last_of('\\')).c_str(), nullptr);
+    CreateDirectoryA(processFolder.c_str(), nullptr);
     writeFile(path, {});
     return path;
 }
@@ -124,7 +115,7 @@ void ProviderStoreTest::SetUp() {
     store = tempFolder() + "token-store";
     CreateDirectoryA(store.c_str(), nullptr);
     SetEnvironmentVariableA("CALYTH_TOKEN_STORE", store.c_str());
-    prepareLog(currentProcessName());
+    prepareLog();
     ASSERT_EQ(registerProvider(), ERROR_SUCCESS);
 }
 

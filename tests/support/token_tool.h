@@ -46,7 +46,8 @@ protected:
 
 // Creates the provider's log folders for the named process, so that no line is lost to the
 // folder creation of the first calls, and empties its log of today; returns the log file's path.
-std::string prepareLog(const std::string& processName);
+// An empty name is this process.
+std::string prepareLog(const std::string& processName = "");
 
 // For programs that drive the registered provider: the store is shared by the tests of the program
 // (<temp>\token-store), each with serials of its own: a token that vanished between tests would have
