@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "log/log.h"
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/device_output.h"
@@ -26,6 +25,7 @@
 #include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "token/wiped_bytes.h"
+#include "util/bounded_length.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 

@@ -13,9 +13,9 @@
 #include "csp/hash_context.h"
 #include "csp/log_text.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
+#include "util/bounded_length.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include "csp/key_handle.h"
 #include "csp/log_text.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
@@ -23,6 +22,7 @@
 #include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
+#include "util/bounded_length.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 

@@ -13,8 +13,8 @@
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/secret_text.h"
+#include "util/bounded_length.h"
 #include "util/entry_guard.h"
 
 // Logs `message` at ERROR and answers `status`.
