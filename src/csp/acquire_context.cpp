@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "log/log.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/device_library_loading.h"
 #include "token/device_monitor.h"
@@ -40,7 +40,7 @@ bool openToken(CspContext& context, LPCSTR pszContainer) {
         SetLastError(kNoTokenError);
         return false;
     }
-    initializeConnectedDevices(serials, context.deviceContext);
+    initializeConnectedDevices(serials, context.deviceContext, kCspDeviceInit);
 
     std::string name;
     if (pszContainer != nullptr) {

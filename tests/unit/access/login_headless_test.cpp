@@ -1,6 +1,8 @@
 // PIN checks on a machine without a display: whatever can be decided without asking the user, and
 // a dialog that cannot be shown counting as cancelled.
 #include "access_test_support.h"
+#include "csp/csp_login.h"
+#include "ksp/ksp_login.h"
 #include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"

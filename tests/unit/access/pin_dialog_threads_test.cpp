@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "access_test_support.h"
+#include "ksp/ksp_login.h"
 #include "resource.h"
 #include "simulated_user.h"
-#include "token/login.h"
 #include "token/module_handle.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
