@@ -43,11 +43,10 @@ BOOL loginUser(CspContext* context, char* pinOut) {
         SetLastError(static_cast<DWORD>(NTE_BAD_UID));
         return FALSE;
     }
-    LoginRequest request;
-    request.serial = context->serialNumber;
-    request.deviceContext = context->deviceContext;
-    request.silent = context->silent;
-    request.cngSpelling = false;
+    const LoginRequest request{.serial = context->serialNumber,
+                               .deviceContext = context->deviceContext,
+                               .silent = context->silent,
+                               .cngSpelling = false};
     WipedText pin;
     switch (logInToToken(request, &pin.text)) {
         case LoginOutcome::SingleSignOn:

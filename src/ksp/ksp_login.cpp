@@ -11,11 +11,8 @@ bool kspEnsurePasswordValidated(const std::string& serialNumber, void* deviceCon
         return true;
     }
     logDebug("KSP: Password not validated, checking SSO");
-    LoginRequest request;
-    request.serial = serialNumber;
-    request.deviceContext = deviceContext;
-    request.silent = false;
-    request.cngSpelling = true;
+    const LoginRequest request{
+        .serial = serialNumber, .deviceContext = deviceContext, .silent = false, .cngSpelling = true};
     WipedText pin;
     switch (logInToToken(request, &pin.text)) {
         case LoginOutcome::SingleSignOn:
