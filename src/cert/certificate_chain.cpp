@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/last_error.h"
+#include "util/bounded_length.h"
 
 namespace {
 

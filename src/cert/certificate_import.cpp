@@ -8,7 +8,7 @@
 
 #include "cert/ca_folder.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 #include "util/utils.h"
 
 namespace {

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "log/log.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/device_library_loading.h"
 #include "token/device_monitor.h"
@@ -40,7 +40,7 @@ BOOL openToken(CspContext& context, LPCSTR pszContainer) {
     if (serials.empty()) {
         return failWithError(kNoTokenError, "CPAcquireContext: valid token not connected, return FALSE");
     }
-    initializeConnectedDevices(serials, context.deviceContext);
+    initializeConnectedDevices(serials, context.deviceContext, kCspDeviceInit);
 
     std::string name;
     if (pszContainer != nullptr) {

@@ -11,21 +11,21 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/device_output.h"
-#include "token/login.h"
 #include "token/process_state.h"
 #include "token/rsa_encryption_type.h"
 #include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
 #include "token/wiped_bytes.h"
+#include "util/bounded_length.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -179,12 +179,13 @@ BOOL decryptRsa(CspContext* context, const KEY_HANDLE* key, BYTE* pbData, DWORD 
 
     DeviceOutput plain;
     int result = 0;
-    const SsoRetryTexts retryTexts{"CPDecrypt: SSO expired, re-prompting for PIN",
-                                   "CPDecrypt: ensurePasswordValidated failed after SSO expiry"};
-    if (!callWithSsoRetry(
-            context->serialNumber, retryTexts,
-            [&] { return decryptOnToken(context, key, bigEndian, &plain); },
-            [&] { return ensurePasswordValidated(context); }, &result))
+    const SsoRetryTexts retryTexts{
+        .expired = "CPDecrypt: SSO expired, re-prompting for PIN",
+        .recheckFailed = "CPDecrypt: ensurePasswordValidated failed after SSO expiry"};
+    SsoRetryOutcome outcome = callWithSsoRetry(
+        context->serialNumber, retryTexts, [&] { return decryptOnToken(context, key, bigEndian, &plain); },
+        [&] { return ensurePasswordValidated(context); }, &result);
+    if (outcome == SsoRetryOutcome::PinRecheckFailed)
         return FALSE;
     logDebug("After decrypting data");
     bigEndian.clear();

@@ -7,13 +7,13 @@
 #include <new>
 #include <string>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "csp/hash_algorithms.h"
 #include "csp/hash_context.h"
 #include "csp/log_text.h"
 #include "log/log.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 
 namespace {

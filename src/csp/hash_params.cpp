@@ -7,15 +7,15 @@
 #include <cstring>
 #include <string>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "csp/hash_algorithms.h"
 #include "csp/hash_context.h"
 #include "csp/log_text.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
+#include "util/bounded_length.h"
 
 namespace {
 

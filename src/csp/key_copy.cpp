@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 
 void copyLabel(char* destination, size_t limit, const char* source, size_t capacity) {
     size_t length = 0;

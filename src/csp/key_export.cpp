@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_handle.h"
 #include "csp/public_key_export.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
+#include "util/bounded_length.h"
 #include "util/encoding.h"
 
 namespace {

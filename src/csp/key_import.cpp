@@ -13,13 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
 #include "token/aes_key_transfer.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/device_output.h"
 #include "token/secret_text.h"

@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
-#include "token/login.h"
 #include "token/secret_text.h"
 #include "token/token_table.h"
 #include "util/encoding.h"

@@ -10,18 +10,18 @@
 #include <vector>
 
 #include "cert/certificate_import.h"
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
 #include "csp/entry_point_guard.h"
 #include "csp/key_copy.h"
 #include "csp/key_handle.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
-#include "token/login.h"
 #include "token/process_state.h"
 #include "token/secret_text.h"
 #include "token/token_table.h"
+#include "util/bounded_length.h"
 #include "util/der_header.h"
 #include "util/utils.h"
 

@@ -7,9 +7,9 @@
 #include "csp/entry_point_guard.h"
 #include "csp/provider_params.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
+#include "util/bounded_length.h"
 #include "util/utils.h"
 
 namespace {

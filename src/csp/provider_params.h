@@ -6,7 +6,7 @@
 
 #include <wincrypt.h>
 
-#include "token/csp_context.h"
+#include "csp/csp_context.h"
 
 // PP_ENUMALGS and PP_ENUMALGS_EX (one position shared by both), PP_ENUMCONTAINERS.
 BOOL getEnumeratedAlgorithm(CspContext* context, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,

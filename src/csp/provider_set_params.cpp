@@ -1,10 +1,10 @@
 #include <cstring>
 #include <string>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_point_guard.h"
 #include "log/log.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/process_state.h"
 #include "token/secret_text.h"

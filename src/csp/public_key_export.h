@@ -3,8 +3,8 @@
 
 #include <windows.h>
 
+#include "csp/csp_context.h"
 #include "csp/key_handle.h"
-#include "token/csp_context.h"
 
 // Writes BLOBHEADER, RSAPUBKEY ("RSA1", pubexp 65537) and the little-endian modulus of the token
 // key pair named by the key object's identifier. Only RSA-2048 key pairs are exported. A null

@@ -9,20 +9,20 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
 #include "csp/entry_point_guard.h"
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
 #include "csp/log_text.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
-#include "token/csp_context.h"
 #include "token/device_library.h"
 #include "token/key_lookup.h"
-#include "token/login.h"
 #include "token/secret_text.h"
 #include "token/sso_retry.h"
 #include "token/token_table.h"
+#include "util/bounded_length.h"
 #include "util/encoding.h"
 #include "util/utils.h"
 
@@ -176,16 +176,17 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD /*dwKeySpec*/, 
 
         int sigLen = 0;
         int ret = 0;
-        const SsoRetryTexts retryTexts{"CPSignHash: SSO expired, re-prompting for PIN",
-                                       "CPSignHash: ensurePasswordValidated failed after SSO expiry"};
-        bool rechecked = callWithSsoRetry(
+        const SsoRetryTexts retryTexts{
+            .expired = "CPSignHash: SSO expired, re-prompting for PIN",
+            .recheckFailed = "CPSignHash: ensurePasswordValidated failed after SSO expiry"};
+        SsoRetryOutcome outcome = callWithSsoRetry(
             context->serialNumber, retryTexts,
             [&] {
                 sigLen = deviceLength(*pdwSigLen);
                 return signOnToken(context, hash, pbSignature, &sigLen);
             },
             [&] { return ensurePasswordValidated(context); }, &ret);
-        if (!rechecked)
+        if (outcome == SsoRetryOutcome::PinRecheckFailed)
             return FALSE;  // last error as the PIN check set it
         if (ret != CALYTH_OK)
             return failWithError(NTE_PROVIDER_DLL_FAIL, "Sign hash failed : " + std::to_string(ret));

@@ -147,15 +147,16 @@ SECURITY_STATUS encrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PB
 
 SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE pbInput, DWORD cbInput,
                            PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    SECURITY_STATUS gate = kspPasswordGate(provider, dwFlags, "KSPDecrypt");
+    SECURITY_STATUS gate = kspPinGateHonouringSilent(provider, dwFlags, "KSPDecrypt");
     if (gate != KSP_SUCCESS)
         return gate;
 
     DeviceOutput plain;
     int result = 0;
-    const SsoRetryTexts retryTexts{"KSP: Decrypt SSO expired, re-prompting for PIN",
-                                   "KSPDecrypt: password validation failed after SSO expiry"};
-    bool rechecked = callWithSsoRetry(
+    const SsoRetryTexts retryTexts{
+        .expired = "KSP: Decrypt SSO expired, re-prompting for PIN",
+        .recheckFailed = "KSPDecrypt: password validation failed after SSO expiry"};
+    SsoRetryOutcome outcome = callWithSsoRetry(
         provider->serial, retryTexts,
         [&] {
             plain.release();
@@ -164,8 +165,8 @@ SECURITY_STATUS decryptRsa(const KspProvider* provider, const KspKey* key, PBYTE
                                   deviceLength(cbInput), &plain.bytes, &plain.length, key->tokenFlag != 0,
                                   provider->deviceContext);
         },
-        [&] { return kspPasswordCheck(provider); }, &result);
-    if (!rechecked)
+        [&] { return kspPinCheckIgnoringSilent(provider); }, &result);
+    if (outcome == SsoRetryOutcome::PinRecheckFailed)
         return KSP_NTE_FAIL;
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Decrypt failed: " + std::to_string(result));

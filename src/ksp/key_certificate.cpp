@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "cert/certificate_import.h"
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 
 namespace {
 

@@ -195,7 +195,7 @@ SECURITY_STATUS finalizeKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey
         return kspFail(KSP_NTE_INVALID_HANDLE, "KSPFinalizeKey: key handle is null");
     if (key->finalized != 0)
         return KSP_SUCCESS;
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, "KSPFinalizeKey: password validation failed");
     Settled settled{};
     SECURITY_STATUS status = settleAlgorithm(key, &settled);
@@ -230,7 +230,7 @@ SECURITY_STATUS deleteKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey) 
     KspKey* key = kspKeyFrom(hKey);
     if (key == nullptr)
         return kspFail(KSP_NTE_INVALID_HANDLE, "KSPDeleteKey: key handle is null");
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, "KSPDeleteKey: password validation failed");
 
     WipedText password{devicePassword(provider)};

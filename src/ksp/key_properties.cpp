@@ -127,7 +127,7 @@ SECURITY_STATUS setCertificate(const KspProvider* provider, const KspKey* key, c
         return kspFail(
             KSP_NTE_INVALID_PARAMETER,
             "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY too large, cbInput=" + std::to_string(cbInput));
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, "KSPSetKeyProperty: password validation failed for certificate import");
     WipedText password{devicePassword(provider)};
     int32_t result = storeKeyCertificate(provider, key, password.text, pbInput, cbInput);

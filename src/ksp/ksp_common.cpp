@@ -5,7 +5,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "token/login.h"
+#include "ksp/ksp_login.h"
 #include "token/token_table.h"
 
 KspProvider* usableProvider(NCRYPT_PROV_HANDLE handle) {
@@ -119,14 +119,15 @@ std::string devicePassword(const KspProvider* provider) {
     return getValidatedPin(provider->serial);
 }
 
-bool kspPasswordCheck(const KspProvider* provider) {
+bool kspPinCheckIgnoringSilent(const KspProvider* provider) {
     return kspEnsurePasswordValidated(provider->serial, provider->deviceContext);
 }
 
-SECURITY_STATUS kspPasswordGate(const KspProvider* provider, DWORD flags, const std::string& operation) {
+SECURITY_STATUS kspPinGateHonouringSilent(const KspProvider* provider, DWORD flags,
+                                          const std::string& operation) {
     if ((flags & NCRYPT_SILENT_FLAG) != 0 && !isPinValidated(provider->serial))
         return kspFail(KSP_NTE_SILENT_CONTEXT, operation + ": silent mode requested but PIN not validated");
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, operation + ": password validation failed");
     return KSP_SUCCESS;
 }

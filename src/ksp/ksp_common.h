@@ -13,8 +13,8 @@
 #include "ksp/ksp_interface.h"
 #include "ksp/ksp_objects.h"
 #include "log/log.h"
-#include "token/bounded_length.h"
 #include "token/secret_text.h"
+#include "util/bounded_length.h"
 #include "util/entry_guard.h"
 
 // Logs `message` at ERROR and answers `status`.
@@ -67,9 +67,12 @@ bool firmwareAtLeast(const std::string& firmware, const std::string& minimum);
 
 // The password held for the provider's token ("" when none).
 std::string devicePassword(const KspProvider* provider);
-// The token's PIN check (single sign-on, held PIN, or the dialog).
-bool kspPasswordCheck(const KspProvider* provider);
-// The gate before signing, RSA decryption and the like: with NCRYPT_SILENT_FLAG and no validated
-// PIN "<operation>: silent mode requested but PIN not validated" and NTE_SILENT_CONTEXT; a failed PIN
-// check "<operation>: password validation failed" and NTE_FAIL; otherwise 0.
-SECURITY_STATUS kspPasswordGate(const KspProvider* provider, DWORD flags, const std::string& operation);
+// The token's PIN check (single sign-on, held PIN, or the dialog); it may show the dialog whatever
+// flags the caller gave.
+bool kspPinCheckIgnoringSilent(const KspProvider* provider);
+// The gate before signing, RSA decryption and the like, which honours NCRYPT_SILENT_FLAG: with it
+// and no validated PIN "<operation>: silent mode requested but PIN not validated" and
+// NTE_SILENT_CONTEXT; a failed PIN check "<operation>: password validation failed" and NTE_FAIL;
+// otherwise 0.
+SECURITY_STATUS kspPinGateHonouringSilent(const KspProvider* provider, DWORD flags,
+                                          const std::string& operation);

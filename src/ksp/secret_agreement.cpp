@@ -71,7 +71,7 @@ SECURITY_STATUS secretAgreement(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE 
     // Checked before the PIN check, so a bad peer never makes the user type a PIN.
     if (!isUncompressedPoint(peerKey))
         return kspFail(KSP_NTE_BAD_KEY, "KSPSecretAgreement: peer public key is not uncompressed EC point");
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, "KSPSecretAgreement: password validation failed");
     return computeSecret(provider, privateKey, peerKey, phAgreedSecret);
 }

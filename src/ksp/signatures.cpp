@@ -65,7 +65,7 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
                        "KSPSignHash: signature buffer too small, required=" + std::to_string(size));
     }
 
-    SECURITY_STATUS gate = kspPasswordGate(provider, dwFlags, "KSPSignHash");
+    SECURITY_STATUS gate = kspPinGateHonouringSilent(provider, dwFlags, "KSPSignHash");
     if (gate != KSP_SUCCESS)
         return gate;
 
@@ -84,9 +84,10 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
     int room = deviceLength(cbSignature);
     int signatureLength = room;
     int result = 0;
-    const SsoRetryTexts retryTexts{"KSP: SignHash SSO expired, re-prompting for PIN",
-                                   "KSPSignHash: password validation failed after SSO expiry"};
-    bool rechecked = callWithSsoRetry(
+    const SsoRetryTexts retryTexts{
+        .expired = "KSP: SignHash SSO expired, re-prompting for PIN",
+        .recheckFailed = "KSPSignHash: password validation failed after SSO expiry"};
+    SsoRetryOutcome outcome = callWithSsoRetry(
         provider->serial, retryTexts,
         [&] {
             signatureLength = room;
@@ -95,8 +96,8 @@ SECURITY_STATUS signHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, P
                                    deviceLength(cbHashValue), pbSignature, &signatureLength, false,
                                    provider->deviceContext, pss);
         },
-        [&] { return kspPasswordCheck(provider); }, &result);
-    if (!rechecked)
+        [&] { return kspPinCheckIgnoringSilent(provider); }, &result);
+    if (outcome == SsoRetryOutcome::PinRecheckFailed)
         return KSP_NTE_FAIL;
     if (result != CALYTH_OK)
         return kspFail(KSP_NTE_INTERNAL_ERROR, "KSP: Sign hash failed: " + std::to_string(result));

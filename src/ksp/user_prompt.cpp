@@ -15,7 +15,7 @@ SECURITY_STATUS promptUser(NCRYPT_PROV_HANDLE hProvider) {
     const KspProvider* provider = usableProvider(hProvider);
     if (provider == nullptr)
         return kspFail(KSP_NTE_INVALID_HANDLE, "KSPPromptUser: provider handle is null or not initialized");
-    if (!kspPasswordCheck(provider))
+    if (!kspPinCheckIgnoringSilent(provider))
         return kspFail(KSP_NTE_FAIL, "KSPPromptUser: password validation failed");
     return KSP_SUCCESS;
 }

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "log/log.h"
-#include "register/module_instance.h"
 #include "token/device_library_loading.h"
+#include "token/module_handle.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr DWORD kSearchFlags = LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_S
 std::wstring deviceLibraryPath() {
     std::wstring path(MAX_PATH, L'\0');
     for (;;) {
-        const DWORD length = GetModuleFileNameW(g_moduleInstance, &path[0], static_cast<DWORD>(path.size()));
+        const DWORD length = GetModuleFileNameW(providerModule(), &path[0], static_cast<DWORD>(path.size()));
         if (length == 0)
             return std::wstring();
         if (length < path.size()) {
@@ -67,7 +67,7 @@ const ImgDelayDescr* deviceDelayDescriptor(const BYTE* image) {
 // The first function this module imports from the device library that `library` does not export;
 // empty when it has them all.
 std::string firstMissingFunction(HMODULE library) {
-    const auto* image = reinterpret_cast<const BYTE*>(g_moduleInstance);
+    const auto* image = reinterpret_cast<const BYTE*>(providerModule());
     const ImgDelayDescr* descriptor = image == nullptr ? nullptr : deviceDelayDescriptor(image);
     if (descriptor == nullptr)
         return "(no delay-import table)";

@@ -1,11 +1,11 @@
 #include <windows.h>
 
-#include "register/module_instance.h"
+#include "token/module_handle.h"
 
 // Loading does nothing but remember the module: all state starts empty and is built on first use.
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID /*reserved*/) {
     if (reason == DLL_PROCESS_ATTACH) {
-        g_moduleInstance = instance;
+        setProviderModule(instance);
     }
     return TRUE;
 }

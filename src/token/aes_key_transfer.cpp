@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 
 bool unwrapWithTokenKek(const std::string& serial, void* deviceContext, const unsigned char* wrapped,
                         int wrappedLength, KekNaming naming, CalythSymmetricKey* kek, DeviceOutput* plain) {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "token/bounded_length.h"
+#include "util/bounded_length.h"
 #include "util/utils.h"
 
 namespace {

@@ -3,8 +3,8 @@
 #include <mutex>
 
 #include "log/log.h"
-#include "register/module_instance.h"
 #include "resource.h"
+#include "token/module_handle.h"
 #include "token/secret_text.h"
 
 namespace {
@@ -39,7 +39,7 @@ int showPasswordDialog() {
     logDebug("Password dialog show window");
     replaceEnteredPassword(nullptr);
     logDebug("Password dialog show window before");
-    INT_PTR result = DialogBoxParamA(g_moduleInstance, MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
+    INT_PTR result = DialogBoxParamA(providerModule(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
                                      passwordDialogProc, 0);
     logDebug("Password dialog show window after");
     if (result != 0) {

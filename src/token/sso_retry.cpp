@@ -4,18 +4,18 @@
 #include "token/device_library.h"
 #include "token/token_table.h"
 
-bool callWithSsoRetry(const std::string& serial, const SsoRetryTexts& texts,
-                      const std::function<int()>& deviceCall, const std::function<bool()>& passwordCheck,
-                      int* result) {
+SsoRetryOutcome callWithSsoRetry(const std::string& serial, const SsoRetryTexts& texts,
+                                 const std::function<int()>& deviceCall,
+                                 const std::function<bool()>& passwordCheck, int* result) {
     *result = deviceCall();
     if (*result != CALYTH_SSO_EXPIRED)
-        return true;
+        return SsoRetryOutcome::DeviceAnswered;
     logDebug(texts.expired);
     clearValidatedPin(serial);
     if (!passwordCheck()) {
         logError(texts.recheckFailed);
-        return false;
+        return SsoRetryOutcome::PinRecheckFailed;
     }
     *result = deviceCall();
-    return true;
+    return SsoRetryOutcome::DeviceAnswered;
 }

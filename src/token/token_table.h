@@ -45,9 +45,9 @@ inline const DeviceInitRule kCspDeviceInit{false, "Init device failed for "};
 inline const DeviceInitRule kKspDeviceInit{true, "KSP: Init device failed for "};
 
 // Initialises (calyth_init, calyth_initDevice) every connected token not yet initialised in this
-// process, logging failures; used by both front-ends when they open.
+// process, logging failures; used by both front-ends when they open, each with its own rule.
 void initializeConnectedDevices(const std::vector<std::string>& serials, void* deviceContext,
-                                const DeviceInitRule& rule = kCspDeviceInit);
+                                const DeviceInitRule& rule);
 
 // The key identifiers of a token's key pairs (32 upper-case hex characters each, library order),
 // each logged at debug level; "Acquire Context :: Key List is empty" when there are none.

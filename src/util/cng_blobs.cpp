@@ -1,6 +1,6 @@
 #include "util/cng_blobs.h"
 
-#include "token/device_library.h"
+#include "util/device_codes.h"
 #include "util/rsa_key_fields.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "util/rsa_key_fields.h"
 
-#include "token/device_library.h"
+#include "util/device_codes.h"
 
 int32_t rsaSizeCodeForBits(uint32_t bits) {
     switch (bits) {

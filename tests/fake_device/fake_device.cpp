@@ -13,8 +13,8 @@
 #include <memory>
 #include <mutex>
 
-#include "token/bounded_length.h"
 #include "token/token_table.h"
+#include "util/bounded_length.h"
 
 namespace fake {
 namespace {

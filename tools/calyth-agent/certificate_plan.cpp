@@ -4,8 +4,8 @@
 #include <cstring>
 #include <memory>
 
-#include "token/bounded_length.h"
 #include "token/legacy_key_spec.h"
+#include "util/bounded_length.h"
 #include "util/utils.h"
 
 namespace agent {

@@ -7,8 +7,9 @@
 
 #include "access_test_support.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
+#include "ksp/ksp_login.h"
 #include "token/device_monitor.h"
-#include "token/login.h"
 #include "token/token_table.h"
 
 using namespace access_test;

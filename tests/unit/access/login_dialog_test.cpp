@@ -2,9 +2,10 @@
 // types, presses buttons and reads the message boxes.
 #include "access_test_support.h"
 #include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
+#include "ksp/ksp_login.h"
 #include "support/simulated_user.h"
 #include "token/device_monitor.h"
-#include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
 

@@ -1,6 +1,8 @@
 // PIN checks on a machine without a display: whatever can be decided without asking the user, and
 // a dialog that cannot be shown counting as cancelled.
 #include "access_test_support.h"
+#include "csp/csp_login.h"
+#include "ksp/ksp_login.h"
 #include "token/login.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
@@ -201,6 +203,48 @@ TEST_F(LoginHeadless, TheTokenIsAskedWithTheContextsSerial) {
     context.serialNumber = "S2";
     EXPECT_FALSE(ensurePasswordValidated(&context));
     EXPECT_THAT(serialsOf("calyth_getTokenInfo"), ElementsAre("S2"));
+}
+
+// The token's login reports how it ended and leaves the last error and the front-ends' log lines to
+// its callers.
+TEST_F(LoginHeadless, TheTokenLoginRefusesASilentRequestWithoutALineOrALastError) {
+    LoginRequest request;
+    request.serial = "S1";
+    request.silent = true;
+    std::string pin = "untouched";
+    SetLastError(12345);
+    EXPECT_EQ(logInToToken(request, &pin), LoginOutcome::SilentRefused);
+    EXPECT_EQ(GetLastError(), 12345u);
+    EXPECT_EQ(pin, "untouched");
+    EXPECT_THAT(fake::callNames(), ElementsAre("calyth_getTokenInfo"));
+    EXPECT_THAT(logEntries(), IsEmpty());
+}
+
+TEST_F(LoginHeadless, TheTokenLoginReportsSingleSignOnBeforeSilence) {
+    fake::setSingleSignOn("S1", true);
+    LoginRequest request;
+    request.serial = "S1";
+    request.silent = true;
+    std::string pin;
+    SetLastError(12345);
+    EXPECT_EQ(logInToToken(request, &pin), LoginOutcome::SingleSignOn);
+    EXPECT_EQ(GetLastError(), 12345u);
+    EXPECT_EQ(pin, "");
+    EXPECT_THAT(logEntries(), IsEmpty());
+}
+
+TEST_F(LoginHeadless, TheTokenLoginReportsACancelledDialogWithTheDialogsLinesOnly) {
+    storeValidatedPin("S1", "1234");
+    LoginRequest request;
+    request.serial = "S1";
+    std::string pin;
+    EXPECT_EQ(logInToToken(request, &pin), LoginOutcome::Cancelled);
+    EXPECT_FALSE(isPinValidated("S1"));
+    EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
+    EXPECT_THAT(
+        logEntries(),
+        ElementsAre("DEBUG:Password dialog show window", "DEBUG:Password dialog show window before",
+                    "DEBUG:Password dialog show window after", "ERROR:Password dialog creation failed : -1"));
 }
 
 TEST(PinFailureMessage, TextsOfBothFrontEnds) {

@@ -11,10 +11,11 @@
 #include <vector>
 
 #include "access_test_support.h"
-#include "register/module_instance.h"
+#include "ksp/ksp_login.h"
 #include "resource.h"
 #include "support/simulated_user.h"
 #include "token/login.h"
+#include "token/module_handle.h"
 #include "token/pin_dialog.h"
 #include "token/token_table.h"
 
@@ -134,7 +135,7 @@ TEST_F(PinDialogThreads, OverlappingWritesWipesAndReadsNeverGiveAPartText) {
 
     // A hidden, modeless PIN dialog on this thread, whose Login or Cancel is handled `rounds` times.
     auto pressRepeatedly = [&](const std::string& text, int button) {
-        HWND dialog = CreateDialogParamA(g_moduleInstance, MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
+        HWND dialog = CreateDialogParamA(providerModule(), MAKEINTRESOURCEA(IDD_VERIFY_USER_PIN), nullptr,
                                          passwordDialogProc, 0);
         if (dialog != nullptr)
             SetDlgItemTextA(dialog, IDC_USER_PIN, text.c_str());

@@ -180,7 +180,7 @@ TEST_F(TokenTable, DisconnectedTokensAreNotSelected) {
 TEST_F(TokenTable, InitialisationRunsInitThenInitDevicePerToken) {
     fake::addToken("S1");
     fake::addToken("S2");
-    initializeConnectedDevices({"S1", "S2"}, nullptr);
+    initializeConnectedDevices({"S1", "S2"}, nullptr, kCspDeviceInit);
     EXPECT_THAT(fake::callNames(),
                 ElementsAre("calyth_init", "calyth_initDevice", "calyth_init", "calyth_initDevice"));
     for (const fake::Call& call : fake::callsTo("calyth_init"))
@@ -197,7 +197,7 @@ TEST_F(TokenTable, AFailedInitialisationIsLoggedAndRetriedNextTime) {
     fake::addToken("S1");
     fake::addToken("S2").initResult = 7;
     fake::addToken("S3");
-    initializeConnectedDevices({"S1", "S2", "S3"}, nullptr);
+    initializeConnectedDevices({"S1", "S2", "S3"}, nullptr, kCspDeviceInit);
     EXPECT_TRUE(isDeviceInitialized("S1"));
     EXPECT_FALSE(isDeviceInitialized("S2"));
     EXPECT_FALSE(hasDeviceEntry("S2"));
@@ -206,7 +206,7 @@ TEST_F(TokenTable, AFailedInitialisationIsLoggedAndRetriedNextTime) {
 
     fake::clearCalls();
     fake::token("S2").initResult = 0;
-    initializeConnectedDevices({"S1", "S2", "S3"}, nullptr);
+    initializeConnectedDevices({"S1", "S2", "S3"}, nullptr, kCspDeviceInit);
     EXPECT_THAT(serialsOf("calyth_initDevice"), ElementsAre("S2"));
     EXPECT_EQ(fake::countCalls("calyth_init"), 1u);
     EXPECT_TRUE(isDeviceInitialized("S2"));
@@ -215,19 +215,19 @@ TEST_F(TokenTable, AFailedInitialisationIsLoggedAndRetriedNextTime) {
 TEST_F(TokenTable, NegativeInitResultIsLoggedWithItsSign) {
     fake::addToken("S1");
     fake::failNext("calyth_initDevice", -5);
-    initializeConnectedDevices({"S1"}, nullptr);
+    initializeConnectedDevices({"S1"}, nullptr, kCspDeviceInit);
     EXPECT_TRUE(testsupport::logHasLine("ERROR", "Init device failed for S1 : -5"));
 }
 
 TEST_F(TokenTable, AnErasedTokenIsInitialisedAgain) {
     fake::addToken("S1");
-    initializeConnectedDevices({"S1"}, nullptr);
+    initializeConnectedDevices({"S1"}, nullptr, kCspDeviceInit);
     storeValidatedPin("S1", "1234");
     eraseDisconnectedDevices({});
     EXPECT_FALSE(isDeviceInitialized("S1"));
     EXPECT_FALSE(isPinValidated("S1"));
     fake::clearCalls();
-    initializeConnectedDevices({"S1"}, nullptr);
+    initializeConnectedDevices({"S1"}, nullptr, kCspDeviceInit);
     EXPECT_THAT(serialsOf("calyth_initDevice"), ElementsAre("S1"));
     EXPECT_TRUE(isDeviceInitialized("S1"));
     EXPECT_FALSE(isPinValidated("S1"));

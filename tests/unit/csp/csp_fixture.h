@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "csp/csp_context.h"
 #include "fake_device/fake_device.h"
 #include "support/test_support.h"
-#include "token/csp_context.h"
 
 namespace csptest {
 

@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/hash_context.h"
+#include "fake_device/fake_device.h"
 #include "unit/csp/csp_fixture.h"
 
 namespace csptest {

@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "csp/key_handle.h"
+#include "fake_device/fake_device.h"
 #include "token/device_library.h"
 #include "unit/csp/csp_fixture.h"
 

@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "cert/certificate_chain.h"
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "fake_device/fake_device.h"
 #include "log/log.h"
 #include "support/test_certificates.h"
 #include "support/test_support.h"
-#include "token/csp_context.h"
 
 namespace {
 

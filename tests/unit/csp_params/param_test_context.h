@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "csp/csp_context.h"
 #include "csp/csp_entry_points.h"
 #include "fake_device/fake_device.h"
 #include "log/log.h"
 #include "support/test_support.h"
-#include "token/csp_context.h"
 #include "token/process_state.h"
 #include "token/token_table.h"
 #include "unit/csp/csp_fixture.h"

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "token/csp_context.h"
+#include "csp/csp_context.h"
 #include "unit/ksp/ksp_fixture.h"
 
 namespace hardening {

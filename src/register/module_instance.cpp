@@ -1,3 +1,0 @@
-#include "register/module_instance.h"
-
-HINSTANCE g_moduleInstance = nullptr;
