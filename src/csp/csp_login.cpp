@@ -3,13 +3,14 @@
 #include <cstring>
 
 #include "log/log.h"
+#include "token/last_error.h"
 #include "token/login.h"
 #include "token/secret_text.h"
 #include "token/token_table.h"
 
 bool ensurePasswordValidated(CspContext* context) {
     if (context == nullptr) {
-        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+        setLastErrorCode(NTE_BAD_UID);
         return false;
     }
     if (hasValidatedPin(context->serialNumber)) {
@@ -18,7 +19,7 @@ bool ensurePasswordValidated(CspContext* context) {
     }
     if (context->silent) {
         logError("ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false");
-        SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
+        setLastErrorCode(NTE_SILENT_CONTEXT);
         return false;
     }
     logDebug("ensurePasswordValidated: password not validated or empty -- ask for PIN");
@@ -33,14 +34,14 @@ bool ensurePasswordValidated(CspContext* context) {
         return true;
     }
     logError("ensurePasswordValidated: password validation failed, return false");
-    SetLastError(static_cast<DWORD>(NTE_FAIL));
+    setLastErrorCode(NTE_FAIL);
     return false;
 }
 
 BOOL loginUser(CspContext* context, char* pinOut) {
     logDebug("loginUser: enter");
     if (context == nullptr) {
-        SetLastError(static_cast<DWORD>(NTE_BAD_UID));
+        setLastErrorCode(NTE_BAD_UID);
         return FALSE;
     }
     const LoginRequest request{.serial = context->serialNumber,
@@ -54,7 +55,7 @@ BOOL loginUser(CspContext* context, char* pinOut) {
             return TRUE;
         case LoginOutcome::SilentRefused:
             logError("loginUser: CRYPT_SILENT set, cannot show PIN dialog, return FALSE");
-            SetLastError(static_cast<DWORD>(NTE_SILENT_CONTEXT));
+            setLastErrorCode(NTE_SILENT_CONTEXT);
             return FALSE;
         case LoginOutcome::Cancelled:
             logError("loginUser: user cancelled password dialog, return FALSE");
