@@ -104,7 +104,8 @@ BOOL getEnumeratedContainer(CspContext* context, BYTE* pbData, DWORD* pdwDataLen
         return FALSE;
     }
 
-    const std::string& name = context->keyIds[context->containerEnumIndex];
+    // Below keyIds.size() (checked above), so it fits a 32-bit size_t too.
+    const std::string& name = context->keyIds[static_cast<size_t>(context->containerEnumIndex)];
     const DWORD required = static_cast<DWORD>(name.size() + 1);
     if (pbData != nullptr && *pdwDataLen >= required) {
         std::memcpy(pbData, name.c_str(), required);

@@ -48,7 +48,7 @@ SECURITY_STATUS storeOnToken(const KspProvider* provider, const unsigned char* b
 
     std::memcpy(key->keyId, record.keyId, KEY_ID_LENGTH);
     key->keyIdLength = KEY_ID_LENGTH;
-    size_t linkLength = std::clamp<int64_t>(record.referenceLength, 0, KSP_LINK_ID_ROOM);
+    size_t linkLength = static_cast<size_t>(std::clamp<int64_t>(record.referenceLength, 0, KSP_LINK_ID_ROOM));
     std::memcpy(key->linkId, record.reference, linkLength);
     key->linkIdLength = static_cast<uint32_t>(linkLength);
     size_t labelLength = strnlen(record.label, std::min(sizeof record.label, KSP_LABEL_CHARACTERS));

@@ -92,7 +92,8 @@ SECURITY_STATUS importEccPublicBlob(const BYTE* pbData, DWORD cbData, NCRYPT_KEY
         return KSP_NTE_NO_MEMORY;
     uint64_t coordinates = 2 * uint64_t{blob.keyLength};
     key->publicKey[0] = 0x04;
-    std::memcpy(key->publicKey + 1, blob.point, coordinates);
+    // The blob's length was checked against the key object's field, so it fits a 32-bit size_t.
+    std::memcpy(key->publicKey + 1, blob.point, static_cast<size_t>(coordinates));
     key->publicKeyLength = static_cast<uint32_t>(1 + coordinates);
     key->algorithm = blob.algorithm;
     key->bits = blob.bits;
