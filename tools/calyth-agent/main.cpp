@@ -43,14 +43,15 @@ const char* kUsage =
 void useParentConsole() {
     HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
     if ((output == nullptr || output == INVALID_HANDLE_VALUE) && AttachConsole(ATTACH_PARENT_PROCESS)) {
-        std::freopen("CONOUT$", "w", stdout);
-        std::freopen("CONOUT$", "w", stderr);
+        // Without the console the messages have nowhere to go either way: nothing to handle.
+        (void)std::freopen("CONOUT$", "w", stdout);
+        (void)std::freopen("CONOUT$", "w", stderr);
     }
 }
 
 int fail(const std::string& message) {
     logError("calyth-agent: " + message);
-    std::fprintf(stderr, "calyth-agent: %s\n", message.c_str());
+    (void)std::fprintf(stderr, "calyth-agent: %s\n", message.c_str());
     return 1;
 }
 
@@ -98,12 +99,12 @@ int background(const StoreNames& names) {
         return fail(problem);
     BackgroundExit exit = runInBackground(library, names);
     if (exit == kAlreadyRunning)
-        std::fprintf(stderr, "calyth-agent: already running in this session; this start exits\n");
+        (void)std::fprintf(stderr, "calyth-agent: already running in this session; this start exits\n");
     return exit;
 }
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "calyth-agent: %s\n\n%s", message.c_str(), kUsage);
+    (void)std::fprintf(stderr, "calyth-agent: %s\n\n%s", message.c_str(), kUsage);
     return 2;
 }
 
