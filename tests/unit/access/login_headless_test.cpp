@@ -217,7 +217,7 @@ TEST_F(LoginHeadless, TheTokenLoginRefusesASilentRequestWithoutALineOrALastError
     EXPECT_EQ(GetLastError(), 12345u);
     EXPECT_EQ(pin, "untouched");
     EXPECT_THAT(fake::callNames(), ElementsAre("calyth_getTokenInfo"));
-    EXPECT_THAT(logEntries(), IsEmpty());
+    EXPECT_THAT(testsupport::logEntries(), IsEmpty());
 }
 
 TEST_F(LoginHeadless, TheTokenLoginReportsSingleSignOnBeforeSilence) {
@@ -230,7 +230,7 @@ TEST_F(LoginHeadless, TheTokenLoginReportsSingleSignOnBeforeSilence) {
     EXPECT_EQ(logInToToken(request, &pin), LoginOutcome::SingleSignOn);
     EXPECT_EQ(GetLastError(), 12345u);
     EXPECT_EQ(pin, "");
-    EXPECT_THAT(logEntries(), IsEmpty());
+    EXPECT_THAT(testsupport::logEntries(), IsEmpty());
 }
 
 TEST_F(LoginHeadless, TheTokenLoginReportsACancelledDialogWithTheDialogsLinesOnly) {
@@ -242,7 +242,7 @@ TEST_F(LoginHeadless, TheTokenLoginReportsACancelledDialogWithTheDialogsLinesOnl
     EXPECT_FALSE(isPinValidated("S1"));
     EXPECT_EQ(fake::countCalls("calyth_validatePassword"), 0u);
     EXPECT_THAT(
-        logEntries(),
+        testsupport::logEntries(),
         ElementsAre("DEBUG:Password dialog show window", "DEBUG:Password dialog show window before",
                     "DEBUG:Password dialog show window after", "ERROR:Password dialog creation failed : -1"));
 }
