@@ -25,7 +25,7 @@ void raiseBadAlloc() {
     throw std::bad_alloc();
 }
 
-// The key spec of a container asks the token for its key pairs.
+// PP_KEYSPEC of a container makes the provider list the token's key pairs.
 BOOL getKeySpec(CspContext& context) {
     DWORD keySpec = 0;
     DWORD length = sizeof keySpec;
