@@ -99,4 +99,14 @@ NCRYPT_KEY_HANDLE KspTest::openKey(const std::string& name, NCRYPT_PROV_HANDLE p
     return key;
 }
 
+DWORD KspTest::lengthProperty(NCRYPT_KEY_HANDLE key) {
+    DWORD bits = 0;
+    DWORD size = 0;
+    SECURITY_STATUS status =
+        KSPGetKeyProperty(provider_, key, L"Length", reinterpret_cast<PBYTE>(&bits), sizeof bits, &size, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(size, sizeof bits);
+    return status == 0 ? bits : 0xFFFFFFFF;
+}
+
 }  // namespace ksptest

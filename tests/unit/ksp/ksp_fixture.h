@@ -50,6 +50,9 @@ protected:
     void keepProvider(NCRYPT_PROV_HANDLE provider) { providers_.push_back(provider); }
 
     KspProvider* provider() { return kspProviderFrom(provider_); }
+    // The key's "Length" property through KSPGetKeyProperty; a failed read fails the test and
+    // answers 0xFFFFFFFF.
+    DWORD lengthProperty(NCRYPT_KEY_HANDLE key);
 
     NCRYPT_PROV_HANDLE provider_ = 0;
     std::vector<NCRYPT_KEY_HANDLE> keys_;

@@ -337,12 +337,7 @@ TEST_F(KspExportTest, ATokenRsa4096KeyKeepsItsWholeDer) {
 
     NCRYPT_KEY_HANDLE opened = openKey(id);
     ASSERT_EQ(kspKeyFrom(opened)->publicKeyLength, der.size());
-    DWORD bits = 0;
-    DWORD size = 0;
-    ASSERT_EQ(KSPGetKeyProperty(provider_, opened, L"Length", reinterpret_cast<PBYTE>(&bits), sizeof bits,
-                                &size, 0),
-              0);
-    EXPECT_EQ(bits, 4096u);
+    EXPECT_EQ(lengthProperty(opened), 4096u);
     Bytes blob;
     ASSERT_EQ(exportBlob(opened, L"RSAPUBLICBLOB", &blob), 0);
     EXPECT_EQ(Bytes(blob.begin() + 27, blob.end()), der);

@@ -362,14 +362,10 @@ TEST_F(KspImportPublicTest, Legacy4096BitKeyIsImportedExportedAndReportedWithIts
         Bytes(kspKeyFrom(key)->publicKey, kspKeyFrom(key)->publicKey + kspKeyFrom(key)->publicKeyLength),
         der);
 
-    DWORD bits = 0;
-    DWORD size = 0;
-    ASSERT_EQ(
-        KSPGetKeyProperty(provider_, key, L"Length", reinterpret_cast<PBYTE>(&bits), sizeof bits, &size, 0),
-        0);
-    EXPECT_EQ(bits, 4096u);
+    EXPECT_EQ(lengthProperty(key), 4096u);
 
     // Export hands the stored bytes on as they stand: the DER is the modulus of both forms.
+    DWORD size = 0;
     ASSERT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, nullptr, 0, &size, 0), 0);
     Bytes blob(size);
     ASSERT_EQ(KSPExportKey(provider_, key, 0, L"RSAPUBLICBLOB", nullptr, blob.data(), size, &size, 0), 0);

@@ -267,12 +267,7 @@ TEST_F(KeyLifecycleTest, AFailedRsaGenerationLeavesTheKeySettled) {
     fake::failNext("calyth_generateKeyPair", 12);
     ASSERT_EQ(KSPFinalizeKey(provider_, handle, 0), KSP_NTE_INTERNAL_ERROR);
 
-    DWORD length = 0;
-    DWORD size = 0;
-    ASSERT_EQ(KSPGetKeyProperty(provider_, handle, L"Length", reinterpret_cast<PBYTE>(&length), sizeof length,
-                                &size, 0),
-              0);
-    EXPECT_EQ(length, 2048u);
+    EXPECT_EQ(lengthProperty(handle), 2048u);
     EXPECT_EQ(keyOf(handle)->algorithm, CALYTH_KEY_RSA_2048);
     EXPECT_EQ(keyOf(handle)->finalized, 0);
 }
